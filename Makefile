@@ -1,0 +1,56 @@
+# The two set-up commands: `make demo` and `make test`. Each installs what it
+# needs (Debian packages, as root) and builds before it runs.
+BUILD      ?= build
+ASAN_BUILD ?= build-asan
+JOBS       ?= $(shell nproc)
+CMAKE      ?= cmake
+
+ifeq ($(CI),true)
+WERROR := -DEDR_WERROR=ON
+endif
+
+.PHONY: all deps build asan-build test test-asan demo bench fuzz install package clean format
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+build: deps
+	$(CMAKE) -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(WERROR)
+	$(CMAKE) --build $(BUILD) -j$(JOBS)
+
+asan-build: deps
+	$(CMAKE) -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DEDR_SANITIZE=ON $(WERROR)
+	$(CMAKE) --build $(ASAN_BUILD) -j$(JOBS)
+
+# The whole suite runs twice: a plain build and an ASan/UBSan build.
+test: build asan-build
+	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j$(JOBS)
+
+demo: build
+	bash scripts/demo.sh $(BUILD)
+
+bench: deps
+	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DEDR_BENCH=ON -DEDR_TESTS=OFF
+	$(CMAKE) --build build-bench -j$(JOBS)
+	bash bench/run.sh build-bench
+
+fuzz: deps
+	CXX=clang++ $(CMAKE) -S . -B build-fuzz -DCMAKE_BUILD_TYPE=Debug -DEDR_FUZZ=ON -DEDR_TESTS=OFF
+	$(CMAKE) --build build-fuzz -j$(JOBS)
+	bash fuzz/run.sh build-fuzz
+
+install: build
+	$(CMAKE) --install $(BUILD)
+
+package: build
+	cd $(BUILD) && cpack
+
+format:
+	find src tests tools bench fuzz -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) build-bench build-fuzz

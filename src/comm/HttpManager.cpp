@@ -1,0 +1,252 @@
+#include "comm/HttpManager.h"
+
+#include "core/CLogger.h"
+#include "core/Common.h"
+#include "core/StopRequest.h"
+
+#include <QByteArray>
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMutexLocker>
+#include <QUrl>
+
+#include <curl/curl.h>
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <fcntl.h>
+#include <mutex>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+HttpManager* HttpManager::s_instance = nullptr;
+
+namespace {
+// A transfer slower than this for the scaled time below is given up, so a
+// server that accepts and never answers cannot hold the agent for ever.
+constexpr long kLowSpeedBytesPerSecond = 1;
+constexpr qint64 kLowSpeedWindowMs = 60000;
+constexpr long kConnectTimeoutSeconds = 10;
+
+int abortOnStop(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
+{
+    return StopRequest::pending() ? 1 : 0;
+}
+
+struct CurlCleanup {
+    CURL* curl = nullptr;
+    curl_slist* headers = nullptr;
+    curl_mime* mime = nullptr;
+    ~CurlCleanup()
+    {
+        if (curl)
+            curl_easy_cleanup(curl);
+        if (mime)
+            curl_mime_free(mime);
+        if (headers)
+            curl_slist_free_all(headers);
+    }
+};
+} // namespace
+
+HttpManager* HttpManager::getInstance()
+{
+    if (!s_instance)
+        s_instance = new HttpManager();
+    return s_instance;
+}
+
+void HttpManager::releaseInstance()
+{
+    delete s_instance;
+    s_instance = nullptr;
+}
+
+HttpManager::HttpManager()
+{
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_ALL); });
+    const QString dir = Common::getReportsPath() + QStringLiteral("/web/");
+    if (!QDir(dir).exists())
+        QDir().mkpath(dir);
+}
+
+void HttpManager::setAuthorizationToke(const QString& token)
+{
+    QMutexLocker lock(&m_mutex);
+    m_token = token;
+}
+
+QString HttpManager::authorizationToken() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_token;
+}
+
+size_t HttpManager::write_CallbackFunc_StdString(void* data, size_t size, size_t nmemb, std::string* out)
+{
+    const size_t total = size * nmemb;
+    out->append(static_cast<const char*>(data), total);
+    return total;
+}
+
+QString HttpManager::requestCopyPath(const QString& url)
+{
+    const int slash = url.lastIndexOf(QLatin1Char('/'));
+    const QString segment = slash >= 0 ? url.mid(slash) : QLatin1Char('/') + url;
+    return Common::getReportsPath() + QStringLiteral("/web") + segment + QStringLiteral(".json");
+}
+
+bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
+                                   QString& response)
+{
+    CurlCleanup handles;
+    handles.curl = curl_easy_init();
+    if (!handles.curl)
+        return false;
+    CURL* curl = handles.curl;
+
+    const bool jsonBody = post && mode == 3;
+    QByteArray formText;
+    QByteArray jsonText;
+
+    const QString copyPath = requestCopyPath(url);
+    QFile::remove(copyPath);
+    QFile copy(copyPath);
+    if (!copy.open(QIODevice::ReadWrite)) {
+        // The body is only built when its copy could be written; the request
+        // still goes out, without its fields.
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to open file for write: %s", qUtf8Printable(copyPath));
+    } else {
+        copy.write(url.toUtf8());
+        copy.write("\n");
+        if (jsonBody) {
+            if (!fields.isEmpty() && fields.firstKey() == QLatin1String("data")) {
+                jsonText = fields.first().toUtf8();
+            } else {
+                QJsonObject object;
+                for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
+                    object.insert(it.key(), it.value());
+                jsonText = QJsonDocument(object).toJson();
+            }
+            jsonText.replace('\n', QByteArray());
+        } else {
+            QString text;
+            for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
+                text += it.key() + QLatin1Char('=') + it.value() + QLatin1Char('&');
+            if (text.endsWith(QLatin1Char('&')))
+                text.chop(1);
+            formText = QUrl::toPercentEncoding(text, QByteArrayLiteral("&:/.=$-"));
+        }
+        copy.write(formText);
+        copy.close();
+    }
+
+    std::string reply;
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HttpManager::write_CallbackFunc_StdString);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply);
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 15L);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytesPerSecond);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME,
+                     static_cast<long>(qMax(1, Common::scaledMs(kLowSpeedWindowMs) / 1000)));
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &abortOnStop);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+
+    const QString token = authorizationToken();
+    if (!token.isEmpty())
+        handles.headers = curl_slist_append(handles.headers, ("Authorization: " + token.toUtf8()).constData());
+    handles.headers = curl_slist_append(handles.headers, "Cookie: AspxAutoDetectCookieSupport=1");
+    handles.headers = curl_slist_append(handles.headers, "Cache-Control: no-cache");
+
+    QByteArray fullUrl;
+    if (!post) {
+        fullUrl = url.toUtf8() + '?' + formText;
+        curl_easy_setopt(curl, CURLOPT_URL, fullUrl.constData());
+        curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    } else {
+        fullUrl = url.toUtf8();
+        curl_easy_setopt(curl, CURLOPT_URL, fullUrl.constData());
+        curl_easy_setopt(curl, CURLOPT_POST, 1L);
+        if (mode == 3) {
+            handles.headers = curl_slist_append(handles.headers, "Content-Type: application/json");
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(jsonText.size()));
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, jsonText.constData());
+        } else if (mode == 2) {
+            handles.mime = curl_mime_init(curl);
+            for (auto it = fields.constBegin(); it != fields.constEnd(); ++it) {
+                curl_mimepart* part = curl_mime_addpart(handles.mime);
+                const QByteArray name = it.key().toUtf8();
+                const QByteArray value = it.value().toUtf8();
+                curl_mime_name(part, name.constData());
+                if (it.key().endsWith(QLatin1String("File"), Qt::CaseInsensitive))
+                    curl_mime_filedata(part, value.constData());
+                else
+                    curl_mime_data(part, value.constData(), CURL_ZERO_TERMINATED);
+            }
+            curl_easy_setopt(curl, CURLOPT_MIMEPOST, handles.mime);
+        } else if (mode == 1) {
+            handles.headers =
+                curl_slist_append(handles.headers, "Content-Type: application/x-www-form-urlencoded");
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(formText.size()));
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, formText.constData());
+        } else {
+            // A bare POST: no body, and no content type (libcurl would add one).
+            handles.headers = curl_slist_append(handles.headers, "Content-Type:");
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, 0L);
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, "");
+        }
+    }
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, handles.headers);
+
+    const CURLcode rc = curl_easy_perform(curl);
+    if (rc != CURLE_OK) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to send data to server - %s Response Code: %d",
+                       qUtf8Printable(url), static_cast<int>(rc));
+        return false;
+    }
+
+    response = QString::fromUtf8(reply.data(), static_cast<int>(reply.size()));
+    if (response.startsWith(QLatin1Char('"')))
+        response = response.mid(1, response.size() - 2);
+    return true;
+}
+
+bool HttpManager::checkPort(const char* ip, int port)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, port == 23838 ? 0 : IPPROTO_TCP);
+    if (fd < 0)
+        return false;
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    addr.sin_addr.s_addr = inet_addr(ip);
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
+
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 && errno != EINPROGRESS) {
+        ::close(fd);
+        return false;
+    }
+    fd_set writable, failed;
+    FD_ZERO(&writable);
+    FD_ZERO(&failed);
+    FD_SET(fd, &writable);
+    FD_SET(fd, &failed);
+    timeval timeout{1, 0};
+    const int n = ::select(fd + 1, nullptr, &writable, &failed, &timeout);
+    const bool reachable = n > 0 && FD_ISSET(fd, &writable) && !FD_ISSET(fd, &failed);
+    ::close(fd);
+    return reachable;
+}
+
+bool HttpManager::isServerReachable(const QString& ip, int port)
+{
+    const QByteArray address = ip.toUtf8();
+    return checkPort(address.constData(), port);
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QMap>
+#include <QMutex>
+#include <QString>
+
+#include <string>
+
+// Every request to the server's HTTP API goes through here (libcurl, one easy
+// handle per request). Body modes: 1 form, 2 multipart, 3 JSON, other none.
+class HttpManager {
+public:
+    static HttpManager* getInstance();
+    static void releaseInstance();
+
+    void setAuthorizationToke(const QString& token);
+    QString authorizationToken() const;
+
+    bool sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
+                          QString& response);
+
+    bool checkPort(const char* ip, int port);
+    bool isServerReachable(const QString& ip, int port);
+
+    static size_t write_CallbackFunc_StdString(void* data, size_t size, size_t nmemb, std::string* out);
+
+    // The request copy for a URL: reports/web/<last segment>.json.
+    static QString requestCopyPath(const QString& url);
+
+private:
+    HttpManager();
+    static HttpManager* s_instance;
+    mutable QMutex m_mutex;
+    QString m_token;
+};

@@ -1,0 +1,57 @@
+#include "comm/ReportSubmitter.h"
+
+#include "comm/HttpManager.h"
+#include "core/CLogger.h"
+
+#include <QJsonDocument>
+
+#include <cerrno>
+
+bool ReportSubmitter::submitReport(const char* origin, bool& busy, API_NAME route, const ReportMessages& messages,
+                                   const std::function<bool(QJsonObject&)>& collect)
+{
+    EDR_LOG->Debug(origin, "IN");
+    BusyGuard guard(busy);
+    if (!guard.acquired()) {
+        EDR_LOG->Error(origin, errno, "%s", kBusyMessage);
+        EDR_LOG->Debug(origin, "OUT");
+        return false;
+    }
+    QJsonObject report;
+    bool collected = false;
+    try {
+        collected = collect(report);
+    } catch (...) {
+        EDR_LOG->Error(origin, errno, "CATCHED");
+    }
+    if (!collected) {
+        EDR_LOG->Error(origin, errno, "%s", messages.collectFailed);
+        EDR_LOG->Debug(origin, "OUT");
+        return false;
+    }
+    const bool sent = postObject(origin, route, report, messages.sent, messages.sendFailed);
+    EDR_LOG->Debug(origin, "OUT");
+    return sent;
+}
+
+bool ReportSubmitter::postObject(const char* origin, API_NAME route, const QJsonObject& object, const char* sent,
+                                 const char* sendFailed)
+{
+    QMap<QString, QString> fields;
+    // toJson() never yields a zero byte, so the text is whole.
+    fields.insert(QStringLiteral("data"), QString::fromUtf8(QJsonDocument(object).toJson()));
+    return postFields(origin, route, fields, sent, sendFailed);
+}
+
+bool ReportSubmitter::postFields(const char* origin, API_NAME route, const QMap<QString, QString>& fields,
+                                 const char* sent, const char* sendFailed)
+{
+    QString response;
+    const bool ok = HttpManager::getInstance()->sendDataToServer(true, ApiManager::getAPI(route), 3, fields, response);
+    if (ok)
+        EDR_LOG->Info(origin, "%s", sent);
+    else
+        EDR_LOG->Error(origin, errno, "%s", sendFailed);
+    EDR_LOG->Debug(origin, "Response: %s", qUtf8Printable(response));
+    return ok;
+}

@@ -1,0 +1,248 @@
+#include "core/CLogger.h"
+
+#include "core/Common.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QFile>
+#include <QMutexLocker>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace LOGGER {
+
+CLogger* CLogger::s_instance = nullptr;
+
+namespace {
+QMutex g_instanceMutex;
+
+const char* levelName(CLogger::Level level)
+{
+    switch (level) {
+    case CLogger::LEVEL_TRACE: return "TRACE";
+    case CLogger::LEVEL_DEBUG: return "DEBUG";
+    case CLogger::LEVEL_INFO: return "INFO";
+    case CLogger::LEVEL_ERROR: return "ERROR";
+    }
+    return "?";
+}
+
+bool writeAll(int fd, const char* data, size_t len)
+{
+    while (len > 0) {
+        ssize_t n = ::write(fd, data, len);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+} // namespace
+
+CLogger* CLogger::getInstance()
+{
+    QMutexLocker lock(&g_instanceMutex);
+    if (!s_instance)
+        s_instance = new CLogger();
+    return s_instance;
+}
+
+void CLogger::releaseInstance()
+{
+    QMutexLocker lock(&g_instanceMutex);
+    delete s_instance;
+    s_instance = nullptr;
+}
+
+CLogger::CLogger() : m_path(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log")) {}
+
+CLogger::~CLogger()
+{
+    closeFile();
+}
+
+void CLogger::setLevel(Level level)
+{
+    m_level.store(level);
+}
+
+bool CLogger::parseLevel(const QString& text, Level* out)
+{
+    static const struct {
+        const char* name;
+        Level level;
+    } names[] = {{"trace", LEVEL_TRACE}, {"debug", LEVEL_DEBUG}, {"info", LEVEL_INFO}, {"error", LEVEL_ERROR}};
+    for (const auto& n : names) {
+        if (text.compare(QLatin1String(n.name), Qt::CaseInsensitive) == 0) {
+            *out = n.level;
+            return true;
+        }
+    }
+    return false;
+}
+
+void CLogger::setFilePath(const QString& path)
+{
+    QMutexLocker lock(&m_mutex);
+    closeFile();
+    m_path = path;
+    m_warnedStderr = false;
+}
+
+QString CLogger::filePath() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_path;
+}
+
+void CLogger::setRotation(qint64 maxBytes, int keptFiles)
+{
+    QMutexLocker lock(&m_mutex);
+    m_maxBytes = maxBytes;
+    m_keptFiles = keptFiles;
+}
+
+void CLogger::closeFile()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+    m_fd = -1;
+    m_size = 0;
+}
+
+// Re-opens the file when it was deleted or replaced behind our back (the push
+// channel deletes it on command), so the next line lands in a fresh file.
+bool CLogger::ensureOpen()
+{
+    const QByteArray path = QFile::encodeName(m_path);
+    if (m_fd >= 0) {
+        struct stat onDisk {}, open {};
+        if (::stat(path.constData(), &onDisk) == 0 && ::fstat(m_fd, &open) == 0 &&
+            onDisk.st_ino == open.st_ino && onDisk.st_dev == open.st_dev)
+            return true;
+        closeFile();
+    }
+    m_fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (m_fd < 0)
+        return false;
+    ::fchmod(m_fd, 0600);
+    struct stat st {};
+    m_size = ::fstat(m_fd, &st) == 0 ? st.st_size : 0;
+    return true;
+}
+
+void CLogger::rotate()
+{
+    closeFile();
+    const QByteArray base = QFile::encodeName(m_path);
+    for (int i = m_keptFiles; i >= 1; --i) {
+        const QByteArray from = i == 1 ? base : base + '.' + QByteArray::number(i - 1);
+        const QByteArray to = base + '.' + QByteArray::number(i);
+        ::rename(from.constData(), to.constData());
+    }
+    if (m_keptFiles <= 0)
+        ::unlink(base.constData());
+}
+
+void CLogger::write(Level level, const char* origin, const int* err, const char* format, va_list args)
+{
+    if (!isEnabled(level))
+        return;
+
+    char stackBuf[1024];
+    va_list copy;
+    va_copy(copy, args);
+    int needed = std::vsnprintf(stackBuf, sizeof stackBuf, format, copy);
+    va_end(copy);
+    QByteArray message;
+    if (needed < 0) {
+        message = "(unformattable message)";
+    } else if (static_cast<size_t>(needed) < sizeof stackBuf) {
+        message = QByteArray(stackBuf, needed);
+    } else {
+        message.resize(needed + 1);
+        std::vsnprintf(message.data(), static_cast<size_t>(needed) + 1, format, args);
+        message.resize(needed);
+    }
+
+    QByteArray line = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).toLatin1();
+    line += ' ';
+    line += levelName(level);
+    line += " [";
+    line += QByteArray::number(static_cast<qlonglong>(::syscall(SYS_gettid)));
+    line += "] ";
+    line += origin ? origin : "";
+    line += " | ";
+    line += message;
+    if (err) {
+        line += " (errno ";
+        line += QByteArray::number(*err);
+        line += ": ";
+        line += std::strerror(*err);
+        line += ')';
+    }
+    line += '\n';
+
+    QMutexLocker lock(&m_mutex);
+    if (!ensureOpen()) {
+        if (!m_warnedStderr) {
+            m_warnedStderr = true;
+            const QByteArray warn = "edr-agent: cannot write " + QFile::encodeName(m_path) + ", logging to stderr\n";
+            writeAll(STDERR_FILENO, warn.constData(), static_cast<size_t>(warn.size()));
+        }
+        writeAll(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
+        return;
+    }
+    if (m_maxBytes > 0 && m_size > 0 && m_size + line.size() > m_maxBytes) {
+        rotate();
+        if (!ensureOpen()) {
+            writeAll(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
+            return;
+        }
+    }
+    if (writeAll(m_fd, line.constData(), static_cast<size_t>(line.size())))
+        m_size += line.size();
+}
+
+void CLogger::Trace(const char* origin, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    write(LEVEL_TRACE, origin, nullptr, format, args);
+    va_end(args);
+}
+
+void CLogger::Debug(const char* origin, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    write(LEVEL_DEBUG, origin, nullptr, format, args);
+    va_end(args);
+}
+
+void CLogger::Info(const char* origin, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    write(LEVEL_INFO, origin, nullptr, format, args);
+    va_end(args);
+}
+
+void CLogger::Error(const char* origin, int err, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    write(LEVEL_ERROR, origin, &err, format, args);
+    va_end(args);
+}
+
+} // namespace LOGGER

@@ -1,0 +1,80 @@
+#include "core/HostPaths.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+HostPaths::HostPaths() : m_proc(QStringLiteral("/proc")), m_sys(QStringLiteral("/sys")), m_root(QStringLiteral("/")) {}
+
+HostPaths::HostPaths(const QString& procRoot, const QString& sysRoot, const QString& rootFs)
+    : m_proc(procRoot), m_sys(sysRoot), m_root(rootFs)
+{
+}
+
+HostPaths HostPaths::fromFixtureRoot(const QString& dir)
+{
+    return HostPaths(dir + QStringLiteral("/proc"), dir + QStringLiteral("/sys"), dir);
+}
+
+QString HostPaths::join(const QString& base, const QString& rel)
+{
+    QString b = base;
+    while (b.size() > 1 && b.endsWith(QLatin1Char('/')))
+        b.chop(1);
+    QString r = rel;
+    while (r.startsWith(QLatin1Char('/')))
+        r.remove(0, 1);
+    if (r.isEmpty())
+        return b;
+    if (b == QLatin1String("/"))
+        return b + r;
+    return b + QLatin1Char('/') + r;
+}
+
+QString HostPaths::proc(const QString& rel) const
+{
+    return join(m_proc, rel);
+}
+
+QString HostPaths::sys(const QString& rel) const
+{
+    return join(m_sys, rel);
+}
+
+QString HostPaths::root(const QString& absolute) const
+{
+    return join(m_root, absolute);
+}
+
+QByteArray HostPaths::readFile(const QString& path, bool* ok, qint64 maxBytes)
+{
+    if (ok)
+        *ok = false;
+    int fd;
+    do {
+        fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return QByteArray();
+    QByteArray data;
+    char buf[65536];
+    bool failed = false;
+    while (data.size() < maxBytes) {
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            failed = true;
+            break;
+        }
+        if (n == 0)
+            break;
+        data.append(buf, static_cast<int>(qMin<qint64>(n, maxBytes - data.size())));
+    }
+    ::close(fd);
+    if (ok)
+        *ok = !failed;
+    return data;
+}

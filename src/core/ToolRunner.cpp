@@ -1,0 +1,119 @@
+#include "core/ToolRunner.h"
+
+#include "core/CLogger.h"
+#include "core/StopRequest.h"
+
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QStandardPaths>
+
+#include <cerrno>
+
+namespace {
+constexpr int kSliceMs = 250;
+
+QStringList pathFromEnvironment()
+{
+    return QString::fromLocal8Bit(qgetenv("PATH")).split(QLatin1Char(':'), Qt::SkipEmptyParts);
+}
+} // namespace
+
+ToolRunner::ToolRunner() : m_searchPath(pathFromEnvironment()) {}
+
+ToolRunner::ToolRunner(const QStringList& searchPath) : m_searchPath(searchPath) {}
+
+QString ToolRunner::findProgram(const QString& program) const
+{
+    if (program.isEmpty())
+        return QString();
+    if (program.contains(QLatin1Char('/'))) {
+        QFileInfo info(program);
+        return info.isFile() && info.isExecutable() ? program : QString();
+    }
+    if (m_searchPath.isEmpty())
+        return QString();
+    return QStandardPaths::findExecutable(program, m_searchPath);
+}
+
+ToolResult ToolRunner::run(const QString& program, const QStringList& arguments, int timeoutMs, qint64 maxOutput,
+                           bool keepLocale) const
+{
+    ToolResult result;
+    const QString path = findProgram(program);
+    if (path.isEmpty()) {
+        result.errorText = QStringLiteral("program not found: ") + program;
+        return result;
+    }
+    if (timeoutMs <= 0)
+        timeoutMs = kDefaultTimeoutMs;
+
+    QProcess process;
+    process.setProgram(path);
+    process.setArguments(arguments);
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.setStandardErrorFile(QProcess::nullDevice());
+    if (!keepLocale) {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
+        process.setProcessEnvironment(env);
+    }
+
+    QElapsedTimer clock;
+    clock.start();
+    process.start(QIODevice::ReadOnly);
+    if (!process.waitForStarted(qMin(timeoutMs, 30000))) {
+        result.errorText = process.errorString();
+        return result;
+    }
+    result.started = true;
+
+    auto drain = [&]() {
+        const QByteArray chunk = process.readAllStandardOutput();
+        const qint64 room = maxOutput - result.standardOutput.size();
+        if (chunk.size() > room) {
+            result.outputTruncated = true;
+            if (room > 0)
+                result.standardOutput.append(chunk.constData(), static_cast<int>(room));
+        } else {
+            result.standardOutput.append(chunk);
+        }
+    };
+
+    bool stopped = false;
+    while (process.state() != QProcess::NotRunning) {
+        const qint64 left = timeoutMs - clock.elapsed();
+        if (left <= 0) {
+            result.timedOut = true;
+            break;
+        }
+        if (!process.waitForReadyRead(static_cast<int>(qMin<qint64>(left, kSliceMs)))) {
+            if (process.state() != QProcess::NotRunning && StopRequest::pending()) {
+                stopped = true;
+                break;
+            }
+        }
+        drain();
+    }
+
+    if (result.timedOut || stopped) {
+        process.kill();
+        process.waitForFinished(5000);
+        drain();
+        if (result.timedOut)
+            EDR_LOG->Error(Q_FUNC_INFO, ETIMEDOUT, "%s overran its time limit of %d ms and was killed",
+                           qUtf8Printable(program), timeoutMs);
+        result.errorText = result.timedOut ? QStringLiteral("time limit exceeded") : QStringLiteral("stop requested");
+        return result;
+    }
+
+    drain();
+    result.finished = true;
+    result.crashed = process.exitStatus() == QProcess::CrashExit;
+    result.exitCode = result.crashed ? -1 : process.exitCode();
+    if (result.outputTruncated)
+        EDR_LOG->Error(Q_FUNC_INFO, EFBIG, "%s printed more than %lld bytes; the rest was dropped",
+                       qUtf8Printable(program), static_cast<long long>(maxOutput));
+    return result;
+}

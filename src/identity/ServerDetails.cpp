@@ -1,0 +1,87 @@
+#include "identity/ServerDetails.h"
+
+#include "core/Common.h"
+
+#include <QSettings>
+#include <QVariant>
+
+ServerDetails* ServerDetails::s_instance = nullptr;
+
+ServerDetails* ServerDetails::getInstance()
+{
+    if (!s_instance)
+        s_instance = new ServerDetails();
+    return s_instance;
+}
+
+void ServerDetails::releaseInstance()
+{
+    delete s_instance;
+    s_instance = nullptr;
+}
+
+QString ServerDetails::settingsFilePath()
+{
+    return Common::getSettingsPath() + QStringLiteral("/serverip.ini");
+}
+
+// The address keys live in group "server", the ports and version in "Server":
+// INI groups are case-sensitive, so these are two groups of the file.
+QString ServerDetails::readText(const char* group, const char* key, const char* defaultValue)
+{
+    QSettings settings(settingsFilePath(), QSettings::IniFormat);
+    settings.beginGroup(QLatin1String(group));
+    const QVariant v = settings.value(QLatin1String(key), QLatin1String(defaultValue));
+    settings.endGroup();
+    if (v.type() == QVariant::StringList)
+        return v.toStringList().join(QLatin1Char(','));
+    return v.toString();
+}
+
+int ServerDetails::readInt(const char* key, const char* defaultValue)
+{
+    QSettings settings(settingsFilePath(), QSettings::IniFormat);
+    settings.beginGroup(QStringLiteral("Server"));
+    const int v = settings.value(QLatin1String(key), QLatin1String(defaultValue)).toInt();
+    settings.endGroup();
+    return v;
+}
+
+QString ServerDetails::getServerIP() const
+{
+    QString ip = readText("server", "EDRIP", "NA");
+    if (ip == QLatin1String("NA"))
+        ip = readText("server", "ACIP", "NA");
+    return ip;
+}
+
+int ServerDetails::getServerPort() const
+{
+    return readInt("EDRPORT", "7777");
+}
+
+QString ServerDetails::getServerAPIVersion() const
+{
+    return readText("Server", "EDRSAPIVER", "v1");
+}
+
+int ServerDetails::getServerSocketPort() const
+{
+    return readInt("EDRSPORT", "3098");
+}
+
+int ServerDetails::getAgentListenPort() const
+{
+    return readInt("EDRSLPORT", "3097");
+}
+
+QStringList ServerDetails::getConfiguredServerAddresses() const
+{
+    QStringList out;
+    for (const char* key : {"EDRIP", "ACIP"}) {
+        const QString v = readText("server", key, "NA");
+        if (v != QLatin1String("NA") && !v.isEmpty())
+            out << v;
+    }
+    return out;
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+// Where the management server is. Every value comes from serverip.ini in the
+// settings directory, read again on every call and never written.
+class ServerDetails {
+public:
+    static ServerDetails* getInstance();
+    static void releaseInstance();
+
+    QString getServerIP() const;         // [server] EDRIP, else ACIP, default "NA"
+    int getServerPort() const;           // [Server] EDRPORT, default 7777
+    QString getServerAPIVersion() const; // [Server] EDRSAPIVER, default "v1"
+    int getServerSocketPort() const;     // [Server] EDRSPORT, default 3098
+    int getAgentListenPort() const;      // [Server] EDRSLPORT, default 3097
+
+    // EDRIP and ACIP as configured (values other than "NA"), for the listener's allow-list.
+    QStringList getConfiguredServerAddresses() const;
+
+    static QString settingsFilePath();
+
+private:
+    ServerDetails() = default;
+    static QString readText(const char* group, const char* key, const char* defaultValue);
+    static int readInt(const char* key, const char* defaultValue);
+    static ServerDetails* s_instance;
+};

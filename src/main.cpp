@@ -1,0 +1,94 @@
+#include "core/CLogger.h"
+#include "core/Common.h"
+#include "core/EdrAgentConfig.h"
+#include "service/ServiceHost.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDir>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+void applyLogLevel(const QString& fromCommandLine)
+{
+    LOGGER::CLogger::Level level = LOGGER::CLogger::LEVEL_INFO;
+    if (!fromCommandLine.isEmpty()) {
+        LOGGER::CLogger::parseLevel(fromCommandLine, &level);
+    } else {
+        const QString configured = EdrAgentConfig().getSetting(QStringLiteral("LogLevel"));
+        if (!configured.isEmpty() && !LOGGER::CLogger::parseLevel(configured, &level))
+            EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Unknown LogLevel '%s' in agent.conf; using info",
+                           qUtf8Printable(configured));
+    }
+    EDR_LOG->setLevel(level);
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("edr-agent"));
+    QCoreApplication::setApplicationVersion(Common::getBuildVersion());
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral(
+        "Endpoint agent: inventories this machine, reports to the management server and carries out its orders.\n"
+        "With no command it runs the daemon (as root)."));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    QCommandLineOption prefixOption(QStringLiteral("prefix"), QStringLiteral("Relocate every directory below DIR."),
+                                    QStringLiteral("DIR"));
+    QCommandLineOption levelOption(QStringLiteral("log-level"),
+                                   QStringLiteral("Trace log threshold: trace, debug, info or error."),
+                                   QStringLiteral("LEVEL"));
+    parser.addOption(prefixOption);
+    parser.addOption(levelOption);
+    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("Optional: report NAME"),
+                                 QStringLiteral("[report NAME]"));
+    parser.process(app);
+
+    Common::setPrefix(parser.value(prefixOption));
+    const QString level = parser.value(levelOption);
+    LOGGER::CLogger::Level parsed;
+    if (!level.isEmpty() && !LOGGER::CLogger::parseLevel(level, &parsed)) {
+        std::fprintf(stderr, "edr-agent: unknown log level '%s'\n", qUtf8Printable(level));
+        return 2;
+    }
+    if (!parser.positionalArguments().isEmpty()) {
+        std::fprintf(stderr, "edr-agent: unknown command '%s'\n", qUtf8Printable(parser.positionalArguments().first()));
+        return 2;
+    }
+
+    if (::getuid() != 0) {
+        const int err = errno;
+        EDR_LOG->Error("int main(int, char**)", err, "Not sufficient permission! Please run as admin or root or sudo.");
+        std::fprintf(stderr, "edr-agent: Not sufficient permission! Please run as admin or root or sudo.\n");
+        return 13;
+    }
+
+    // Everything the daemon writes (token, logs, request copies) is root's alone.
+    ::umask(077);
+    QDir().mkpath(Common::getEdrDirPath());
+    QDir().mkpath(Common::getReportsPath());
+    applyLogLevel(level);
+    if (EdrAgentConfig().isMalformed())
+        EDR_LOG->Error("int main(int, char**)", EINVAL, "agent.conf could not be parsed; defaults are in use");
+
+    ignoreUnixSignals({SIGPIPE});
+    catchUnixSignals({SIGTERM, SIGHUP});
+
+    int rc;
+    {
+        ServiceHost host;
+        host.start();
+        rc = QCoreApplication::exec();
+        host.shutdown();
+    }
+    releaseInstances();
+    return rc;
+}

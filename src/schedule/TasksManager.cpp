@@ -1,0 +1,80 @@
+#include "schedule/TasksManager.h"
+
+#include "comm/AgentManager.h"
+
+#include <QFile>
+
+TasksManager* TasksManager::s_instance = nullptr;
+
+TasksManager* TasksManager::getInstance()
+{
+    if (!s_instance)
+        s_instance = new TasksManager();
+    return s_instance;
+}
+
+void TasksManager::releaseInstance()
+{
+    delete s_instance;
+    s_instance = nullptr;
+}
+
+TasksManager::TasksManager() : m_agentManager(AgentManager::getInstance()) {}
+
+QStringList TasksManager::taskNames()
+{
+    return {QStringLiteral("AgentInfo"),      QStringLiteral("StartUp"),
+            QStringLiteral("Services"),       QStringLiteral("Processes"),
+            QStringLiteral("InstalledSoft"),  QStringLiteral("TaskSchedule"),
+            QStringLiteral("Network"),        QStringLiteral("HardwareInfo"),
+            QStringLiteral("WindowsUpdates"), QStringLiteral("Registry"),
+            QStringLiteral("Explorer"),       QStringLiteral("Network_Mon"),
+            QStringLiteral("AppCon_Logs"),    QStringLiteral("Quorvex_Logs"),
+            QStringLiteral("WebProt_Logs"),   QStringLiteral("Network_Logs"),
+            QStringLiteral("Event_Logs"),     QStringLiteral("CReports_Logs"),
+            QStringLiteral("MTasks"),         QStringLiteral("Termina"),
+            QStringLiteral("Powershel"),      QStringLiteral("ActionResponse"),
+            QStringLiteral("WindowsFirewallStatus"), QStringLiteral("ASR_Rules"),
+            QStringLiteral("OS_Query")};
+}
+
+bool TasksManager::sendReportToServer(TASK_NAMES task, const QString& parameter)
+{
+    switch (task) {
+    case AgentInfo:
+        if (m_agentManager)
+            m_agentManager->sendRptToServer(parameter);
+        break;
+    default:
+        break;
+    }
+    return false;
+}
+
+bool TasksManager::executeSendReportToServer(TASK_NAMES task, const QString& parameter)
+{
+    Q_UNUSED(parameter);
+    switch (task) {
+    default:
+        break;
+    }
+    return false;
+}
+
+bool TasksManager::sendPendingReport(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray head = file.read(4);
+    const int task = head.trimmed().toInt();
+    QByteArray rest = file.readAll();
+    const int nul = rest.indexOf('\0');
+    if (nul >= 0)
+        rest.truncate(nul);
+    const QString body = QString::fromLatin1(rest);
+    // This version reads pending reports but does not submit them.
+    Q_UNUSED(task);
+    Q_UNUSED(body);
+    return true;
+}

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+class AgentManager;
+
+// Turns a task number into a call on the manager that owns the work. Returns
+// false whatever the manager did: only the managers' own log lines tell.
+class TasksManager {
+public:
+    enum TASK_NAMES {
+        AgentInfo = 0,
+        StartUp = 1,
+        Services = 2,
+        Processes = 3,
+        InstalledSoft = 4,
+        TaskSchedule = 5,
+        Network = 6,
+        HardwareInfo = 7,
+        WindowsUpdates = 8,
+        Registry = 9,
+        Explorer = 10,
+        Network_Mon = 11,
+        AppCon_Logs = 12,
+        Quorvex_Logs = 13,
+        WebProt_Logs = 14,
+        Network_Logs = 15,
+        Event_Logs = 16,
+        CReports_Logs = 17,
+        MTasks = 18,
+        Termina = 19,
+        Powershel = 20,
+        ActionResponse = 21,
+        WindowsFirewallStatus = 22,
+        ASR_Rules = 23,
+        OS_Query = 24,
+    };
+    static constexpr int kTaskCount = 25;
+
+    static TasksManager* getInstance();
+    static void releaseInstance();
+
+    TasksManager();
+
+    // The schedule names in task-number order.
+    static QStringList taskNames();
+
+    bool sendReportToServer(TASK_NAMES task, const QString& parameter);
+    bool executeSendReportToServer(TASK_NAMES task, const QString& parameter);
+    bool sendPendingReport(const QString& path);
+
+private:
+    static TasksManager* s_instance;
+    AgentManager* m_agentManager;
+};
