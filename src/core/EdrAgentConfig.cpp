@@ -29,36 +29,42 @@ QString valueToText(const QVariant& v)
 }
 } // namespace
 
-EdrAgentConfig::EdrAgentConfig() : m_path(Common::getEdrDirPath() + QStringLiteral("/agent.conf")) {}
+EdrAgentConfig::EdrAgentConfig() = default;
+
+QString EdrAgentConfig::path() const
+{
+    return m_path.isEmpty() ? Common::getEdrDirPath() + QStringLiteral("/agent.conf") : m_path;
+}
 
 EdrAgentConfig::EdrAgentConfig(const QString& path) : m_path(path) {}
 
 QVariant EdrAgentConfig::read(const QString& key) const
 {
     QMutexLocker lock(&g_configMutex);
-    QSettings settings(m_path, QSettings::IniFormat);
+    QSettings settings(path(), QSettings::IniFormat);
     return settings.value(key);
 }
 
 bool EdrAgentConfig::write(const QString& key, const QString& value)
 {
     QMutexLocker lock(&g_configMutex);
-    QFileInfo info(m_path);
+    const QString file = path();
+    QFileInfo info(file);
     QDir().mkpath(info.absolutePath());
     // Create the file 0600 before QSettings writes it: QSaveFile then keeps that
     // mode when it renames its temporary copy over the file.
     if (!info.exists()) {
-        int fd = ::open(QFile::encodeName(m_path).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        int fd = ::open(QFile::encodeName(file).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
         if (fd >= 0)
             ::close(fd);
     }
-    QSettings settings(m_path, QSettings::IniFormat);
+    QSettings settings(file, QSettings::IniFormat);
     settings.setAtomicSyncRequired(true);
     settings.setValue(key, value);
     settings.sync();
-    ::chmod(QFile::encodeName(m_path).constData(), 0600);
+    ::chmod(QFile::encodeName(file).constData(), 0600);
     if (settings.status() != QSettings::NoError) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to write %s to %s", qUtf8Printable(key), qUtf8Printable(m_path));
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to write %s to %s", qUtf8Printable(key), qUtf8Printable(file));
         return false;
     }
     return true;
@@ -67,9 +73,9 @@ bool EdrAgentConfig::write(const QString& key, const QString& value)
 bool EdrAgentConfig::isMalformed() const
 {
     QMutexLocker lock(&g_configMutex);
-    if (!QFileInfo::exists(m_path))
+    if (!QFileInfo::exists(path()))
         return false;
-    QSettings settings(m_path, QSettings::IniFormat);
+    QSettings settings(path(), QSettings::IniFormat);
     return settings.status() == QSettings::FormatError;
 }
 

@@ -10,10 +10,10 @@
 // Mode 0600; every write replaces the file atomically. Safe from several threads.
 class EdrAgentConfig {
 public:
-    EdrAgentConfig();                              // Common::getEdrDirPath() + "/agent.conf"
+    EdrAgentConfig();                              // Common::getEdrDirPath() + "/agent.conf", resolved per call
     explicit EdrAgentConfig(const QString& path);
 
-    QString path() const { return m_path; }
+    QString path() const;
 
     QString getAuthCode() const;
     bool setAuthCode(const QString& code);

@@ -1,0 +1,289 @@
+#include "support/TestSupport.h"
+
+#include "core/CLogger.h"
+#include "core/Common.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace edrtest {
+
+QString fixturePath(const QString& relative)
+{
+    return QStringLiteral(EDR_FIXTURES_DIR) + QLatin1Char('/') + relative;
+}
+
+QByteArray readFixture(const QString& relative)
+{
+    QFile f(fixturePath(relative));
+    EXPECT_TRUE(f.open(QIODevice::ReadOnly)) << "missing fixture " << qPrintable(relative);
+    return f.readAll();
+}
+
+FakeToolDir::FakeToolDir()
+{
+    EXPECT_TRUE(m_dir.isValid());
+}
+
+void FakeToolDir::writeExecutable(const QString& tool, const QByteArray& script)
+{
+    QFile f(path() + QLatin1Char('/') + tool);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write(script);
+    f.close();
+    f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}
+
+static QByteArray recorder(const QString& dir, const QString& tool)
+{
+    return "#!/bin/bash\n( IFS=$'\\x1f'; printf '%s\\n' \"$*\" ) >> '" + QFile::encodeName(dir) + "/" +
+           tool.toUtf8() + ".args'\n";
+}
+
+void FakeToolDir::addTool(const QString& tool, const QByteArray& standardOutput, int exitCode)
+{
+    const QString out = path() + QLatin1Char('/') + tool + QStringLiteral(".stdout");
+    QFile f(out);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write(standardOutput);
+    f.close();
+    writeExecutable(tool, recorder(path(), tool) + "cat '" + QFile::encodeName(out) + "'\nexit " +
+                              QByteArray::number(exitCode) + "\n");
+}
+
+void FakeToolDir::addToolFromFixture(const QString& tool, const QString& fixtureRelative, int exitCode)
+{
+    addTool(tool, readFixture(fixtureRelative), exitCode);
+}
+
+void FakeToolDir::addHangingTool(const QString& tool)
+{
+    writeExecutable(tool, recorder(path(), tool) + "exec sleep 600\n");
+}
+
+void FakeToolDir::addScript(const QString& tool, const QByteArray& shellBody)
+{
+    writeExecutable(tool, recorder(path(), tool) + shellBody);
+}
+
+QList<QStringList> FakeToolDir::invocations(const QString& tool) const
+{
+    QList<QStringList> out;
+    QFile f(path() + QLatin1Char('/') + tool + QStringLiteral(".args"));
+    if (!f.open(QIODevice::ReadOnly))
+        return out;
+    const QList<QByteArray> lines = f.readAll().split('\n');
+    for (const QByteArray& line : lines) {
+        if (line.isEmpty() && &line == &lines.last())
+            continue;
+        out << (line.isEmpty() ? QStringList() : QString::fromUtf8(line).split(QChar(0x1f)));
+    }
+    return out;
+}
+
+ScratchPrefix::ScratchPrefix() : m_previous(Common::prefix())
+{
+    EXPECT_TRUE(m_dir.isValid());
+    Common::setPrefix(m_dir.path());
+    QDir().mkpath(Common::getSettingsPath());
+    QDir().mkpath(Common::getRootPath());
+    QDir().mkpath(Common::getReportsPath() + QStringLiteral("/web"));
+    m_previousLog = EDR_LOG->filePath();
+    EDR_LOG->setFilePath(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log"));
+}
+
+ScratchPrefix::~ScratchPrefix()
+{
+    EDR_LOG->setFilePath(m_previousLog);
+    Common::setPrefix(m_previous);
+}
+
+QByteArray ScratchPrefix::traceLog() const
+{
+    QFile f(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log"));
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+void ScratchPrefix::writeServerIni(const QByteArray& content)
+{
+    QFile f(Common::getSettingsPath() + QStringLiteral("/serverip.ini"));
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write(content);
+}
+
+void ScratchPrefix::pointAtServer(int httpPort, int socketPort, int listenPort)
+{
+    writeServerIni("[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +
+                   "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) +
+                   "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n");
+}
+
+QByteArray RecordedRequest::header(const QByteArray& name) const
+{
+    for (const auto& h : headers)
+        if (h.first.toLower() == name.toLower())
+            return h.second;
+    return QByteArray();
+}
+
+bool RecordedRequest::hasHeader(const QByteArray& name) const
+{
+    for (const auto& h : headers)
+        if (h.first.toLower() == name.toLower())
+            return true;
+    return false;
+}
+
+FakeHttpServer::FakeHttpServer()
+{
+    m_handler = [](const RecordedRequest&) { return CannedReply(); };
+    m_listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int one = 1;
+    ::setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    EXPECT_EQ(::bind(m_listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    EXPECT_EQ(::listen(m_listenFd, 16), 0);
+    socklen_t len = sizeof addr;
+    ::getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&addr), &len);
+    m_port = ntohs(addr.sin_port);
+    m_thread = std::thread([this] { serve(); });
+}
+
+FakeHttpServer::~FakeHttpServer()
+{
+    m_stop = true;
+    ::shutdown(m_listenFd, SHUT_RDWR);
+    m_thread.join();
+    ::close(m_listenFd);
+    for (int fd : qAsConst(m_heldOpen))
+        ::close(fd);
+}
+
+void FakeHttpServer::setReply(const CannedReply& reply)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_handler = [reply](const RecordedRequest&) { return reply; };
+}
+
+void FakeHttpServer::setHandler(std::function<CannedReply(const RecordedRequest&)> handler)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_handler = std::move(handler);
+}
+
+QList<RecordedRequest> FakeHttpServer::requests() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_requests;
+}
+
+bool FakeHttpServer::waitForRequests(int count, int timeoutMs) const
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_requests.size() >= count; });
+}
+
+void FakeHttpServer::serve()
+{
+    while (!m_stop) {
+        pollfd p{m_listenFd, POLLIN, 0};
+        if (::poll(&p, 1, 100) <= 0)
+            continue;
+        const int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0)
+            continue;
+        handle(fd);
+    }
+}
+
+static bool readMore(int fd, QByteArray& buf, int timeoutMs)
+{
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, timeoutMs) <= 0)
+        return false;
+    char chunk[65536];
+    const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
+    if (n <= 0)
+        return false;
+    buf.append(chunk, static_cast<int>(n));
+    return true;
+}
+
+void FakeHttpServer::handle(int fd)
+{
+    QByteArray buf;
+    int headEnd;
+    while ((headEnd = buf.indexOf("\r\n\r\n")) < 0)
+        if (!readMore(fd, buf, 5000)) {
+            ::close(fd);
+            return;
+        }
+    RecordedRequest req;
+    req.head = buf.left(headEnd);
+    const QList<QByteArray> lines = req.head.split('\n');
+    const QList<QByteArray> requestLine = lines.first().trimmed().split(' ');
+    req.method = requestLine.value(0);
+    req.target = requestLine.value(1);
+    qint64 length = 0;
+    bool expectContinue = false;
+    for (int i = 1; i < lines.size(); ++i) {
+        const QByteArray line = lines[i].trimmed();
+        const int colon = line.indexOf(':');
+        if (colon < 0)
+            continue;
+        const QByteArray name = line.left(colon);
+        const QByteArray value = line.mid(colon + 1).trimmed();
+        req.headers << qMakePair(name, value);
+        if (name.toLower() == "content-length")
+            length = value.toLongLong();
+        if (name.toLower() == "expect" && value.toLower() == "100-continue")
+            expectContinue = true;
+    }
+    buf.remove(0, headEnd + 4);
+    if (expectContinue && buf.size() < length) {
+        static const char cont[] = "HTTP/1.1 100 Continue\r\n\r\n";
+        ::send(fd, cont, sizeof cont - 1, MSG_NOSIGNAL);
+    }
+    while (buf.size() < length)
+        if (!readMore(fd, buf, 5000))
+            break;
+    req.body = buf.left(static_cast<int>(length));
+
+    std::function<CannedReply(const RecordedRequest&)> handler;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handler = m_handler;
+    }
+    const CannedReply reply = handler(req);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_requests << req;
+    }
+    m_cv.notify_all();
+    if (reply.silent) {
+        m_heldOpen << fd; // the client gives up by itself
+        return;
+    }
+    if (!reply.close) {
+        QByteArray out = "HTTP/1.1 " + QByteArray::number(reply.status) + " X\r\nContent-Type: " + reply.contentType +
+                         "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
+                         "\r\nConnection: close\r\n\r\n" + reply.body;
+        ::send(fd, out.constData(), static_cast<size_t>(out.size()), MSG_NOSIGNAL);
+    }
+    ::close(fd);
+}
+
+} // namespace edrtest

@@ -1,0 +1,111 @@
+#pragma once
+
+// Shared test helpers: fixtures, fake tools, a scratch prefix, a raw HTTP peer.
+
+#include "core/ToolRunner.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QMutex>
+#include <QPair>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace edrtest {
+
+QString fixturePath(const QString& relative);   // tests/fixtures/<relative>
+QByteArray readFixture(const QString& relative); // fails the test when missing
+
+// A per-test folder of fake executables, handed to ToolRunner as its search
+// path (the global PATH never changes, so tests may run in parallel). Each
+// fake prints its canned output byte for byte, exits with its code and appends
+// its arguments, joined by \x1f, as one line to <tool>.args.
+class FakeToolDir {
+public:
+    FakeToolDir();
+    QString path() const { return m_dir.path(); }
+    ToolRunner runner() const { return ToolRunner(QStringList{path()}); }
+
+    void addTool(const QString& tool, const QByteArray& standardOutput, int exitCode = 0);
+    void addToolFromFixture(const QString& tool, const QString& fixtureRelative, int exitCode = 0);
+    void addHangingTool(const QString& tool);        // sleeps far past any limit
+    void addScript(const QString& tool, const QByteArray& shellBody); // free-form /bin/sh body
+
+    QList<QStringList> invocations(const QString& tool) const;
+
+private:
+    void writeExecutable(const QString& tool, const QByteArray& script);
+    QTemporaryDir m_dir;
+};
+
+// A scratch --prefix: sets Common's prefix for the test's lifetime and lays out
+// the agent's directories; optional serverip.ini pointing at a local server.
+class ScratchPrefix {
+public:
+    ScratchPrefix();
+    ~ScratchPrefix();
+    QString path() const { return m_dir.path(); }
+    void writeServerIni(const QByteArray& content);
+    void pointAtServer(int httpPort, int socketPort = 3098, int listenPort = 3097);
+    QByteArray traceLog() const; // the trace log written under this prefix
+
+private:
+    QTemporaryDir m_dir;
+    QString m_previous;
+    QString m_previousLog;
+};
+
+struct RecordedRequest {
+    QByteArray method;
+    QByteArray target;
+    QByteArray head; // request line and headers as sent
+    QList<QPair<QByteArray, QByteArray>> headers; // in the order sent
+    QByteArray body;
+    QByteArray header(const QByteArray& name) const; // first match, case-insensitive
+    bool hasHeader(const QByteArray& name) const;
+};
+
+struct CannedReply {
+    int status = 200;
+    QByteArray body = "OK";
+    QByteArray contentType = "text/plain";
+    bool silent = false; // accept, read, never answer
+    bool close = false;  // close without answering
+};
+
+// A raw HTTP/1.1 peer on 127.0.0.1 that records every request byte for byte.
+class FakeHttpServer {
+public:
+    FakeHttpServer();
+    ~FakeHttpServer();
+    int port() const { return m_port; }
+
+    void setReply(const CannedReply& reply);
+    void setHandler(std::function<CannedReply(const RecordedRequest&)> handler);
+
+    QList<RecordedRequest> requests() const;
+    bool waitForRequests(int count, int timeoutMs) const;
+
+private:
+    void serve();
+    void handle(int fd);
+
+    int m_listenFd = -1;
+    int m_port = 0;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_cv;
+    QList<RecordedRequest> m_requests;
+    std::function<CannedReply(const RecordedRequest&)> m_handler;
+    QList<int> m_heldOpen;
+};
+
+} // namespace edrtest
