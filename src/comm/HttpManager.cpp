@@ -240,7 +240,12 @@ bool HttpManager::checkPort(const char* ip, int port)
     FD_SET(fd, &failed);
     timeval timeout{1, 0};
     const int n = ::select(fd + 1, nullptr, &writable, &failed, &timeout);
-    const bool reachable = n > 0 && FD_ISSET(fd, &writable) && !FD_ISSET(fd, &failed);
+    bool reachable = n > 0 && FD_ISSET(fd, &writable) && !FD_ISSET(fd, &failed);
+    // A refused connection also selects writable; only a clean connect counts.
+    int soError = 0;
+    socklen_t len = sizeof soError;
+    if (reachable && (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0 || soError != 0))
+        reachable = false;
     ::close(fd);
     return reachable;
 }

@@ -15,7 +15,10 @@ HostPaths::HostPaths(const QString& procRoot, const QString& sysRoot, const QStr
 
 HostPaths HostPaths::fromFixtureRoot(const QString& dir)
 {
-    return HostPaths(dir + QStringLiteral("/proc"), dir + QStringLiteral("/sys"), dir);
+    QString base = dir;
+    while (base.size() > 1 && base.endsWith(QLatin1Char('/')))
+        base.chop(1);
+    return HostPaths(base + QStringLiteral("/proc"), base + QStringLiteral("/sys"), base);
 }
 
 QString HostPaths::join(const QString& base, const QString& rel)

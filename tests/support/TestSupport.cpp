@@ -99,12 +99,15 @@ ScratchPrefix::ScratchPrefix() : m_previous(Common::prefix())
     QDir().mkpath(Common::getRootPath());
     QDir().mkpath(Common::getReportsPath() + QStringLiteral("/web"));
     m_previousLog = EDR_LOG->filePath();
+    m_previousLevel = EDR_LOG->level();
     EDR_LOG->setFilePath(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log"));
+    EDR_LOG->setLevel(LOGGER::CLogger::LEVEL_TRACE);
 }
 
 ScratchPrefix::~ScratchPrefix()
 {
     EDR_LOG->setFilePath(m_previousLog);
+    EDR_LOG->setLevel(static_cast<LOGGER::CLogger::Level>(m_previousLevel));
     Common::setPrefix(m_previous);
 }
 

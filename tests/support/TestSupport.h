@@ -18,6 +18,14 @@
 #include <mutex>
 #include <thread>
 
+#include <ostream>
+
+// Readable QString values in assertion messages.
+inline void PrintTo(const QString& s, std::ostream* os)
+{
+    *os << '"' << s.toStdString() << '"';
+}
+
 namespace edrtest {
 
 QString fixturePath(const QString& relative);   // tests/fixtures/<relative>
@@ -60,6 +68,7 @@ private:
     QTemporaryDir m_dir;
     QString m_previous;
     QString m_previousLog;
+    int m_previousLevel = 0;
 };
 
 struct RecordedRequest {

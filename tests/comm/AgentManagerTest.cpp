@@ -1,0 +1,125 @@
+#include "comm/AgentManager.h"
+#include "comm/HttpManager.h"
+#include "comm/ReportSubmitter.h"
+#include "identity/AgentDetails.h"
+
+#include "support/TestSupport.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <gtest/gtest.h>
+
+using namespace edrtest;
+
+namespace {
+class AgentManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        prefix.pointAtServer(server.port());
+        HttpManager::getInstance()->setAuthorizationToke(QString());
+    }
+    void TearDown() override { HttpManager::getInstance()->setAuthorizationToke(QString()); }
+    FakeHttpServer server;
+    ScratchPrefix prefix;
+    AgentManager* agent = AgentManager::getInstance();
+};
+} // namespace
+
+TEST_F(AgentManagerTest, RegistersOnceAndCarriesTheTokenAfterwards)
+{
+    server.setReply({200, "{\"status\": true, \"token\": \"tok-1\", \"extra\": 5}", "application/json"});
+    EXPECT_FALSE(agent->isAgentRegistered());
+    ASSERT_TRUE(agent->registerAgent());
+    EXPECT_EQ(EdrAgentConfig().getAuthCode(), QStringLiteral("tok-1"));
+
+    ASSERT_TRUE(agent->sendRptToServer(QString()));
+    const QList<RecordedRequest> rs = server.requests();
+    ASSERT_EQ(rs.size(), 2);
+    EXPECT_EQ(rs[0].target, "/api/v1/machineInfo/registerAgent");
+    EXPECT_FALSE(rs[0].hasHeader("Authorization"));
+    const QByteArray expected = QJsonDocument(QJsonObject{{QStringLiteral("agent_id"), AgentDetails::getInstance()->getAgentID()}})
+                                    .toJson()
+                                    .replace('\n', QByteArray());
+    EXPECT_EQ(rs[0].body, expected);
+
+    EXPECT_EQ(rs[1].target, "/api/v1/machineInfo/addMachineInfo");
+    EXPECT_EQ(rs[1].header("Authorization"), "tok-1");
+    const QJsonObject info = QJsonDocument::fromJson(rs[1].body).object();
+    EXPECT_EQ(info.keys(), (QStringList{QStringLiteral("AgentVersion"), QStringLiteral("IpAddress")}));
+    EXPECT_EQ(info.value(QStringLiteral("AgentVersion")).toString(), QStringLiteral(EDR_BUILD_VERSION));
+    EXPECT_TRUE(rs[1].body.startsWith("{    \"AgentVersion\": \""));
+
+    // A stored token arms the transport at the next start without asking the server.
+    HttpManager::getInstance()->setAuthorizationToke(QString());
+    EXPECT_TRUE(agent->isAgentRegistered());
+    EXPECT_EQ(HttpManager::getInstance()->authorizationToken(), QStringLiteral("tok-1"));
+    EXPECT_EQ(server.requests().size(), 2);
+}
+
+TEST_F(AgentManagerTest, RejectsEveryOtherReplyShape)
+{
+    const struct {
+        CannedReply reply;
+        const char* logged;
+    } cases[] = {
+        {{200, "OK", "text/plain"}, "Invalid Response! - OK"},
+        {{200, "{\"status\": \"true\", \"token\": \"t\"}", "application/json"}, "Status Not Found! - "},
+        {{200, "{\"token\": \"t\"}", "application/json"}, "Status Not Found! - "},
+        {{200, "{\"status\": false, \"token\": \"t\"}", "application/json"}, "Successfully send agent info to server."},
+        {{500, "<html>error</html>", "text/html"}, "Invalid Response! - <html>error</html>"},
+        {{200, "", "text/plain", false, true}, "Failed to send agent info to server."},
+    };
+    for (const auto& c : cases) {
+        server.setReply(c.reply);
+        EXPECT_FALSE(agent->registerAgent()) << c.logged;
+        EXPECT_TRUE(prefix.traceLog().contains(c.logged)) << c.logged;
+        EXPECT_EQ(EdrAgentConfig().getAuthCode(), QString());
+    }
+    EXPECT_EQ(prefix.traceLog().count("Invalid Response! - "), 4);
+}
+
+TEST_F(AgentManagerTest, TrueStatusWithoutTokenStoresEmptyCode)
+{
+    server.setReply({200, "{\"status\": true}", "application/json"});
+    EXPECT_TRUE(agent->registerAgent());
+    EXPECT_FALSE(agent->isAgentRegistered());
+    agent->sendRptToServer(QString());
+    EXPECT_FALSE(server.requests().last().hasHeader("Authorization"));
+}
+
+TEST(ReportSubmitter, BusyFlagRefusesAndIsAlwaysCleared)
+{
+    FakeHttpServer server;
+    ScratchPrefix prefix;
+    prefix.pointAtServer(server.port());
+    bool busy = true;
+    int collected = 0;
+    const ReportMessages messages{"Failed to Widgets Info.", "Successfully send widgets to server.",
+                                  "Failed to send widgets to server."};
+    auto collect = [&](QJsonObject& body) {
+        ++collected;
+        body.insert(QStringLiteral("Widget"), QStringLiteral("w"));
+        return true;
+    };
+    EXPECT_FALSE(ReportSubmitter::submitReport("bool W::send()", busy, PROCESSES, messages, collect));
+    EXPECT_TRUE(busy);
+    EXPECT_EQ(collected, 0);
+    EXPECT_TRUE(prefix.traceLog().contains("Already another instance is sending report to sever so returning"));
+
+    busy = false;
+    EXPECT_FALSE(ReportSubmitter::submitReport("bool W::send()", busy, PROCESSES, messages,
+                                               [](QJsonObject&) -> bool { throw 42; }));
+    EXPECT_FALSE(busy);
+    EXPECT_TRUE(prefix.traceLog().contains("CATCHED"));
+    EXPECT_TRUE(prefix.traceLog().contains("Failed to Widgets Info."));
+    EXPECT_TRUE(server.requests().isEmpty());
+
+    EXPECT_TRUE(ReportSubmitter::submitReport("bool W::send()", busy, PROCESSES, messages, collect));
+    EXPECT_FALSE(busy);
+    ASSERT_EQ(server.requests().size(), 1);
+    EXPECT_EQ(server.requests().first().body, "{    \"Widget\": \"w\"}");
+    EXPECT_TRUE(prefix.traceLog().contains("bool W::send() | Successfully send widgets to server."));
+    EXPECT_TRUE(prefix.traceLog().contains("Response: OK"));
+}

@@ -1,0 +1,134 @@
+#include "core/CLogger.h"
+
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+using LOGGER::CLogger;
+
+namespace {
+class LoggerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(dir.isValid());
+        path = dir.path() + QStringLiteral("/EDR_Track.log");
+        previous = EDR_LOG->filePath();
+        previousLevel = EDR_LOG->level();
+        EDR_LOG->setFilePath(path);
+        EDR_LOG->setLevel(CLogger::LEVEL_TRACE);
+    }
+    void TearDown() override
+    {
+        EDR_LOG->setRotation(10 * 1024 * 1024, 3);
+        EDR_LOG->setLevel(previousLevel);
+        EDR_LOG->setFilePath(previous);
+    }
+    QStringList lines(const QString& file) const
+    {
+        QFile f(file);
+        if (!f.open(QIODevice::ReadOnly))
+            return {};
+        return QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+    QTemporaryDir dir;
+    QString path, previous;
+    CLogger::Level previousLevel = CLogger::LEVEL_INFO;
+};
+} // namespace
+
+TEST_F(LoggerTest, LineFormatAndErrnoSuffix)
+{
+    EDR_LOG->Info("bool HttpManager::send(int)", "sent %d of %s", 3, "x");
+    EDR_LOG->Error("void f()", 2, "Failed to open %s", "a");
+    const QStringList got = lines(path);
+    ASSERT_EQ(got.size(), 2);
+    const QRegularExpression info(QStringLiteral(
+        R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} INFO \[\d+\] bool HttpManager::send\(int\) \| sent 3 of x$)"));
+    EXPECT_TRUE(info.match(got[0]).hasMatch()) << qPrintable(got[0]);
+    EXPECT_TRUE(got[1].contains(QStringLiteral(" ERROR [")));
+    EXPECT_TRUE(got[1].endsWith(QStringLiteral("| Failed to open a (errno 2: No such file or directory)")))
+        << qPrintable(got[1]);
+
+    struct stat st {};
+    ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST_F(LoggerTest, ThresholdDropsLowerLevels)
+{
+    EDR_LOG->setLevel(CLogger::LEVEL_INFO);
+    EDR_LOG->Trace("o", "trace");
+    EDR_LOG->Debug("o", "debug");
+    EDR_LOG->Info("o", "info");
+    EDR_LOG->Error("o", 0, "error");
+    const QStringList got = lines(path);
+    ASSERT_EQ(got.size(), 2);
+    EXPECT_TRUE(got[0].endsWith(QStringLiteral("| info")));
+
+    CLogger::Level level;
+    EXPECT_TRUE(CLogger::parseLevel(QStringLiteral("DEBUG"), &level));
+    EXPECT_EQ(level, CLogger::LEVEL_DEBUG);
+    EXPECT_FALSE(CLogger::parseLevel(QStringLiteral("verbose"), &level));
+}
+
+TEST_F(LoggerTest, RecreatedAfterDeletion)
+{
+    EDR_LOG->Info("o", "before");
+    ASSERT_TRUE(QFile::remove(path));
+    EDR_LOG->Info("o", "after");
+    const QStringList got = lines(path);
+    ASSERT_EQ(got.size(), 1);
+    EXPECT_TRUE(got[0].endsWith(QStringLiteral("| after")));
+}
+
+TEST_F(LoggerTest, RotatesBySizeKeepingOldFiles)
+{
+    EDR_LOG->setRotation(2000, 2);
+    for (int i = 0; i < 100; ++i)
+        EDR_LOG->Info("o", "line %03d with some padding to fill the file", i);
+    EXPECT_LE(QFileInfo(path).size(), 2000);
+    EXPECT_TRUE(QFile::exists(path + QStringLiteral(".1")));
+    EXPECT_TRUE(QFile::exists(path + QStringLiteral(".2")));
+    EXPECT_FALSE(QFile::exists(path + QStringLiteral(".3")));
+    const QStringList current = lines(path);
+    ASSERT_FALSE(current.isEmpty());
+    EXPECT_TRUE(current.last().endsWith(QStringLiteral("line 099 with some padding to fill the file")));
+    const QStringList older = lines(path + QStringLiteral(".1"));
+    ASSERT_FALSE(older.isEmpty());
+    EXPECT_TRUE(current.first() > older.last() || current.first().contains(QStringLiteral("line 0")));
+}
+
+TEST_F(LoggerTest, ConcurrentWritersNeverInterleave)
+{
+    constexpr int kThreads = 8, kLines = 500;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < kLines; ++i)
+                EDR_LOG->Info("worker", "thread %d line %d end", t, i);
+        });
+    for (auto& th : threads)
+        th.join();
+    const QStringList got = lines(path);
+    ASSERT_EQ(got.size(), kThreads * kLines);
+    const QRegularExpression whole(QStringLiteral(R"(\| thread \d line \d+ end$)"));
+    for (const QString& line : got)
+        ASSERT_TRUE(whole.match(line).hasMatch()) << qPrintable(line);
+}
+
+TEST_F(LoggerTest, UnwritableDirectoryFallsBackWithoutFailing)
+{
+    EDR_LOG->setFilePath(QStringLiteral("/nonexistent-dir/sub/EDR_Track.log"));
+    testing::internal::CaptureStderr();
+    EDR_LOG->Info("o", "still logged");
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("still logged"), std::string::npos);
+}

@@ -1,0 +1,65 @@
+#include "core/ToolRunner.h"
+
+#include "support/TestSupport.h"
+
+#include <QElapsedTimer>
+
+#include <gtest/gtest.h>
+
+using edrtest::FakeToolDir;
+
+TEST(ToolRunner, RunsByNameFromSearchPathWithArguments)
+{
+    FakeToolDir tools;
+    const QByteArray output("line one\n\0binary\xff tail", 21);
+    tools.addTool(QStringLiteral("lister"), output, 3);
+    const ToolResult r = tools.runner().run(QStringLiteral("lister"), {QStringLiteral("-a"), QStringLiteral("b c")}, 5000);
+    EXPECT_TRUE(r.started);
+    EXPECT_TRUE(r.finished);
+    EXPECT_FALSE(r.ok());
+    EXPECT_EQ(r.exitCode, 3);
+    EXPECT_EQ(r.standardOutput, output);
+    ASSERT_EQ(tools.invocations(QStringLiteral("lister")).size(), 1);
+    EXPECT_EQ(tools.invocations(QStringLiteral("lister")).first(), (QStringList{QStringLiteral("-a"), QStringLiteral("b c")}));
+}
+
+TEST(ToolRunner, MissingToolIsNotStarted)
+{
+    FakeToolDir tools;
+    const ToolResult r = tools.runner().run(QStringLiteral("dmidecode"), {}, 1000);
+    EXPECT_FALSE(r.started);
+    EXPECT_FALSE(r.ok());
+    EXPECT_FALSE(r.errorText.isEmpty());
+    // Only the search path counts: a tool elsewhere on PATH is not found.
+    EXPECT_FALSE(ToolRunner(QStringList()).run(QStringLiteral("sh"), {}, 1000).started);
+}
+
+TEST(ToolRunner, KillsChildAtItsLimit)
+{
+    FakeToolDir tools;
+    tools.addHangingTool(QStringLiteral("stuck"));
+    QElapsedTimer clock;
+    clock.start();
+    const ToolResult r = tools.runner().run(QStringLiteral("stuck"), {}, 300);
+    EXPECT_TRUE(r.started);
+    EXPECT_TRUE(r.timedOut);
+    EXPECT_FALSE(r.finished);
+    EXPECT_LT(clock.elapsed(), 10000);
+}
+
+TEST(ToolRunner, CapsFloodingOutputAndStderrIsNotRead)
+{
+    FakeToolDir tools;
+    tools.addScript(QStringLiteral("flood"), "echo to-stderr >&2\nhead -c 300000 /dev/zero | tr '\\0' a\n");
+    const ToolResult r = tools.runner().run(QStringLiteral("flood"), {}, 10000, 1000);
+    EXPECT_TRUE(r.finished);
+    EXPECT_TRUE(r.outputTruncated);
+    EXPECT_EQ(r.standardOutput, QByteArray(1000, 'a'));
+}
+
+TEST(ToolRunner, CLocaleUnlessAskedToKeepIt)
+{
+    FakeToolDir tools;
+    tools.addScript(QStringLiteral("locale-echo"), "printf '%s' \"$LC_ALL\"\n");
+    EXPECT_EQ(tools.runner().run(QStringLiteral("locale-echo"), {}, 5000).standardOutput, QByteArray("C"));
+}

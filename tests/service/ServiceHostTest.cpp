@@ -1,0 +1,124 @@
+#include "service/ServiceHost.h"
+
+#include "support/AgentProcess.h"
+#include "support/TestSupport.h"
+
+#include <QElapsedTimer>
+#include <QDir>
+#include <QFileInfo>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace edrtest;
+
+namespace {
+unsigned modeOf(const QString& path)
+{
+    struct stat st {};
+    return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? (st.st_mode & 0777) : 0;
+}
+} // namespace
+
+TEST(ServiceHost, RegistrationBackoffDoublesToItsCapWithJitter)
+{
+    EXPECT_EQ(ServiceHost::registrationDelayMs(1, 0.5), 30000);
+    EXPECT_EQ(ServiceHost::registrationDelayMs(2, 0.5), 60000);
+    EXPECT_EQ(ServiceHost::registrationDelayMs(5, 0.5), 480000);
+    EXPECT_EQ(ServiceHost::registrationDelayMs(6, 0.5), 900000);
+    EXPECT_EQ(ServiceHost::registrationDelayMs(1000, 0.5), 900000);
+    EXPECT_EQ(ServiceHost::registrationDelayMs(1, 0.0), 24000);
+    EXPECT_EQ(ServiceHost::registrationDelayMs(1, 1.0), 36000);
+}
+
+TEST(ServiceBinary, RefusesToRunWithoutRoot)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "needs root to switch to an unprivileged user";
+    AgentProcess agent;
+    // Let the unprivileged run write its log under the prefix.
+    QDir().mkpath(agent.dataDir());
+    for (const QString& dir : {agent.prefix(), agent.prefix() + QStringLiteral("/var"),
+                               agent.prefix() + QStringLiteral("/var/lib"), agent.dataDir()})
+        ::chmod(QFile::encodeName(dir).constData(), 0777);
+    ASSERT_TRUE(agent.start({}, {QStringLiteral("setpriv"), QStringLiteral("--reuid=65534"),
+                                 QStringLiteral("--regid=65534"), QStringLiteral("--clear-groups")}));
+    ASSERT_TRUE(agent.waitForExit(20000));
+    EXPECT_EQ(agent.exitCode(), 13);
+    EXPECT_TRUE(agent.standardError().contains("Not sufficient permission! Please run as admin or root or sudo."));
+    const QByteArray log = agent.log();
+    EXPECT_EQ(log.count('\n'), 1) << log.constData();
+    EXPECT_TRUE(log.contains(" ERROR [")) << log.constData();
+    EXPECT_TRUE(log.contains("int main(int, char**) | Not sufficient permission! Please run as admin or root or sudo."));
+}
+
+class ServiceBinaryRunning : public ::testing::TestWithParam<int> {};
+
+TEST_P(ServiceBinaryRunning, StopsOnSignalWithItsTraceLine)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "the daemon runs as root only";
+    FakeHttpServer server;
+    server.setReply({200, "{\"status\": true, \"token\": \"tok\"}", "application/json"});
+    AgentProcess agent;
+    agent.writeServerIni(server.port(), 1, 0);
+    ASSERT_TRUE(agent.start());
+    ASSERT_TRUE(agent.waitForLog("Successfully send agent info to server.", 20000, 2)) << agent.log().constData();
+    agent.signal(GetParam());
+    ASSERT_TRUE(agent.waitForExit(20000));
+    EXPECT_EQ(agent.exitCode(), 0);
+    const char* expected = GetParam() == SIGTERM ? "void signal_handler(int) | Agent Service : terminate signal catched"
+                                                 : "void signal_handler(int) | Agent Service : hangup signal catched";
+    EXPECT_TRUE(agent.log().contains(expected)) << agent.log().constData();
+    EXPECT_EQ(modeOf(agent.logPath()), 0600u);
+    EXPECT_EQ(modeOf(agent.dataDir() + QStringLiteral("/agent.conf")), 0600u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, ServiceBinaryRunning, ::testing::Values(SIGTERM, SIGHUP));
+
+TEST(ServiceBinary, RetriesRefusedRegistrationAndStopsAtOnceMeanwhile)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "the daemon runs as root only";
+    FakeHttpServer server;
+    server.setReply({200, "{\"status\": false}", "application/json"});
+    AgentProcess agent;
+    agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("0.002")); // 30 s backoff -> 60 ms
+    agent.writeServerIni(server.port(), 1, 0);
+    ASSERT_TRUE(agent.start());
+    ASSERT_TRUE(server.waitForRequests(3, 20000));
+    for (const RecordedRequest& r : server.requests())
+        EXPECT_EQ(r.target, "/api/v1/machineInfo/registerAgent"); // nothing else before it succeeds
+    EXPECT_FALSE(agent.log().contains("addMachineInfo"));
+
+    // Now a long backoff: SIGTERM must end the wait at once.
+    agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("1"));
+    agent.signal(SIGTERM);
+    QElapsedTimer clock;
+    clock.start();
+    ASSERT_TRUE(agent.waitForExit(10000));
+    EXPECT_LT(clock.elapsed(), 5000);
+    EXPECT_EQ(agent.exitCode(), 0);
+}
+
+TEST(ServiceBinary, SigtermDuringAStalledRegistrationEndsIt)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "the daemon runs as root only";
+    FakeHttpServer server;
+    server.setReply({200, "", "text/plain", true}); // accepts and never answers
+    AgentProcess agent;
+    agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("1"));
+    agent.writeServerIni(server.port(), 1, 0);
+    ASSERT_TRUE(agent.start());
+    ASSERT_TRUE(server.waitForRequests(1, 20000));
+    QElapsedTimer clock;
+    clock.start();
+    agent.signal(SIGTERM);
+    ASSERT_TRUE(agent.waitForExit(15000));
+    EXPECT_LT(clock.elapsed(), 5000);
+    EXPECT_TRUE(agent.log().contains("Agent Service : terminate signal catched"));
+}

@@ -1,0 +1,94 @@
+#include "support/AgentProcess.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QThread>
+
+#include <csignal>
+
+namespace edrtest {
+
+AgentProcess::AgentProcess() : m_env(QProcessEnvironment::systemEnvironment())
+{
+    QDir().mkpath(settingsDir());
+    m_env.insert(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("0.01"));
+}
+
+AgentProcess::~AgentProcess()
+{
+    if (m_process.state() != QProcess::NotRunning) {
+        m_process.kill();
+        m_process.waitForFinished(5000);
+    }
+}
+
+void AgentProcess::writeFile(const QString& path, const QByteArray& content)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile f(path);
+    f.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    f.write(content);
+}
+
+void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort)
+{
+    writeFile(settingsDir() + QStringLiteral("/serverip.ini"),
+              "[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +
+                  "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) +
+                  "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n");
+}
+
+void AgentProcess::prependPath(const QString& dir)
+{
+    m_env.insert(QStringLiteral("PATH"), dir + QLatin1Char(':') + m_env.value(QStringLiteral("PATH")));
+}
+
+bool AgentProcess::start(const QStringList& extraArgs, const QStringList& wrapper)
+{
+    QStringList args{QStringLiteral("--prefix"), prefix(), QStringLiteral("--log-level"), QStringLiteral("trace")};
+    args += extraArgs;
+    m_process.setProcessEnvironment(m_env);
+    if (wrapper.isEmpty()) {
+        m_process.start(QStringLiteral(EDR_AGENT_BIN), args);
+    } else {
+        QStringList full = wrapper.mid(1);
+        full << QStringLiteral(EDR_AGENT_BIN) << args;
+        m_process.start(wrapper.first(), full);
+    }
+    return m_process.waitForStarted(10000);
+}
+
+bool AgentProcess::waitForExit(int timeoutMs)
+{
+    return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
+}
+
+void AgentProcess::signal(int sig)
+{
+    if (m_process.processId() > 0)
+        ::kill(static_cast<pid_t>(m_process.processId()), sig);
+}
+
+QByteArray AgentProcess::log() const
+{
+    QFile f(logPath());
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+bool AgentProcess::waitForLog(const QByteArray& text, int timeoutMs, int occurrences) const
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < timeoutMs) {
+        if (log().count(text) >= occurrences)
+            return true;
+        QCoreApplication::processEvents();
+        QThread::msleep(20);
+    }
+    return log().count(text) >= occurrences;
+}
+
+} // namespace edrtest

@@ -1,0 +1,49 @@
+#pragma once
+
+// Runs the built edr-agent binary under a temporary --prefix for end-to-end tests.
+
+#include <QByteArray>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+namespace edrtest {
+
+class AgentProcess {
+public:
+    AgentProcess();
+    ~AgentProcess();
+
+    QString prefix() const { return m_dir.path(); }
+    QString settingsDir() const { return prefix() + QStringLiteral("/etc/edr-agent"); }
+    QString dataDir() const { return prefix() + QStringLiteral("/var/lib/edr-agent"); }
+    QString rootDir() const { return prefix() + QStringLiteral("/opt/edr-agent"); }
+    QString logPath() const { return dataDir() + QStringLiteral("/EDR_Track.log"); }
+
+    void writeServerIni(int httpPort, int socketPort, int listenPort);
+    void writeFile(const QString& path, const QByteArray& content);
+    void setEnv(const QString& name, const QString& value) { m_env.insert(name, value); }
+    void prependPath(const QString& dir); // fake tools first on the agent's PATH
+
+    // Starts the daemon (no command) or a one-shot command such as {"report", "hardware"}.
+    bool start(const QStringList& extraArgs = {}, const QStringList& wrapper = {});
+    bool waitForExit(int timeoutMs);
+    int exitCode() const { return m_process.exitCode(); }
+    qint64 pid() const { return m_process.processId(); }
+    void signal(int sig);
+    QByteArray standardOutput() { return m_process.readAllStandardOutput(); }
+    QByteArray standardError() { return m_process.readAllStandardError(); }
+
+    QByteArray log() const;
+    // Polls the trace log (the event loop of the test keeps running).
+    bool waitForLog(const QByteArray& text, int timeoutMs, int occurrences = 1) const;
+
+private:
+    QTemporaryDir m_dir;
+    QProcess m_process;
+    QProcessEnvironment m_env;
+};
+
+} // namespace edrtest
