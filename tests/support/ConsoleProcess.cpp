@@ -1,0 +1,132 @@
+#include "support/ConsoleProcess.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonDocument>
+#include <QThread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace edrtest {
+
+ConsoleProcess::ConsoleProcess(const QStringList& extraArgs)
+{
+    const QString portFile = m_dir.path() + QStringLiteral("/ports.json");
+    QStringList args{QStringLiteral("--http-port"), QStringLiteral("0"), QStringLiteral("--socket-port"),
+                     QStringLiteral("0"),           QStringLiteral("--data"), dataDir(),
+                     QStringLiteral("--schedule"),  schedulePath(),       QStringLiteral("--port-file"),
+                     portFile};
+    m_process.start(QStringLiteral(EDR_CONSOLE_BIN), args + extraArgs);
+    if (!m_process.waitForStarted(10000))
+        return;
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 10000 && !QFile::exists(portFile))
+        QThread::msleep(20);
+    QFile f(portFile);
+    if (!f.open(QIODevice::ReadOnly))
+        return;
+    const QJsonObject ports = QJsonDocument::fromJson(f.readAll()).object();
+    m_httpPort = ports.value(QStringLiteral("http")).toInt();
+    m_socketPort = ports.value(QStringLiteral("socket")).toInt();
+}
+
+ConsoleProcess::~ConsoleProcess()
+{
+    if (m_process.state() != QProcess::NotRunning) {
+        m_process.terminate();
+        if (!m_process.waitForFinished(5000)) {
+            m_process.kill();
+            m_process.waitForFinished(5000);
+        }
+    }
+}
+
+void ConsoleProcess::writeSchedule(const QByteArray& xml)
+{
+    QFile f(schedulePath());
+    f.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    f.write(xml);
+}
+
+QList<QJsonObject> ConsoleProcess::requests(const QString& route) const
+{
+    QList<QJsonObject> out;
+    const QDir dir(dataDir() + QStringLiteral("/reports"));
+    const QStringList files = dir.entryList({QStringLiteral("*.json")}, QDir::Files, QDir::Name);
+    for (const QString& name : files) {
+        QFile f(dir.filePath(name));
+        if (!f.open(QIODevice::ReadOnly))
+            continue;
+        const QJsonObject doc = QJsonDocument::fromJson(f.readAll()).object();
+        if (doc.isEmpty())
+            continue; // still being written
+        if (route.isEmpty() || doc.value(QStringLiteral("route")).toString() == route)
+            out << doc;
+    }
+    return out;
+}
+
+bool ConsoleProcess::waitForRequests(const QString& route, int count, int timeoutMs) const
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < timeoutMs) {
+        if (requests(route).size() >= count)
+            return true;
+        QCoreApplication::processEvents();
+        QThread::msleep(25);
+    }
+    return requests(route).size() >= count;
+}
+
+QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pathAndQuery, const QByteArray& body) const
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(m_httpPort));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    QByteArray reply;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+        const QByteArray request = method + ' ' + pathAndQuery + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" +
+                                   "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+        ::send(fd, request.constData(), static_cast<size_t>(request.size()), MSG_NOSIGNAL);
+        char buf[65536];
+        for (;;) {
+            pollfd p{fd, POLLIN, 0};
+            if (::poll(&p, 1, 5000) <= 0)
+                break;
+            const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+            if (n <= 0)
+                break;
+            reply.append(buf, static_cast<int>(n));
+        }
+    }
+    ::close(fd);
+    const int split = reply.indexOf("\r\n\r\n");
+    return split >= 0 ? reply.mid(split + 4) : QByteArray();
+}
+
+int ConsoleProcess::push(const QByteArray& command) const
+{
+    return QJsonDocument::fromJson(admin("POST", "/admin/push", command)).object().value(QStringLiteral("sent")).toInt();
+}
+
+QJsonArray ConsoleProcess::connections() const
+{
+    return QJsonDocument::fromJson(admin("GET", "/admin/agents")).object().value(QStringLiteral("connections")).toArray();
+}
+
+QJsonArray ConsoleProcess::socketMessages() const
+{
+    return QJsonDocument::fromJson(admin("GET", "/admin/socket-messages")).array();
+}
+
+} // namespace edrtest

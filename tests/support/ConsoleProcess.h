@@ -1,0 +1,45 @@
+#pragma once
+
+// Runs the reference console (build/edr-console) on free loopback ports with a
+// temporary data directory, and reads back what it stored.
+
+#include <QByteArray>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+namespace edrtest {
+
+class ConsoleProcess {
+public:
+    explicit ConsoleProcess(const QStringList& extraArgs = {});
+    ~ConsoleProcess();
+
+    bool isRunning() const { return m_httpPort > 0; }
+    int httpPort() const { return m_httpPort; }
+    int socketPort() const { return m_socketPort; }
+    QString dataDir() const { return m_dir.path() + QStringLiteral("/data"); }
+    QString schedulePath() const { return m_dir.path() + QStringLiteral("/schedule.db"); }
+    void writeSchedule(const QByteArray& xml);
+
+    // Stored requests, oldest first, optionally only those of one route.
+    QList<QJsonObject> requests(const QString& route = QString()) const;
+    bool waitForRequests(const QString& route, int count, int timeoutMs) const;
+
+    // Admin endpoints (loopback HTTP).
+    QByteArray admin(const QByteArray& method, const QByteArray& pathAndQuery, const QByteArray& body = QByteArray()) const;
+    int push(const QByteArray& command) const; // agents reached
+    QJsonArray connections() const;
+    QJsonArray socketMessages() const;
+
+private:
+    QTemporaryDir m_dir;
+    QProcess m_process;
+    int m_httpPort = 0;
+    int m_socketPort = 0;
+};
+
+} // namespace edrtest
