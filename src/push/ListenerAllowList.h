@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QHostAddress>
+#include <QList>
+#include <QPair>
+#include <QString>
+#include <QStringList>
+
+// Who may hand commands to the local listener. By default loopback and the
+// configured server addresses; a ListenerAllow setting (addresses and CIDR
+// ranges, comma-separated) replaces that default.
+class ListenerAllowList {
+public:
+    ListenerAllowList() = default;
+
+    // serverAddresses may hold host names; they are resolved here.
+    static ListenerAllowList fromSettings(const QStringList& serverAddresses, const QString& listenerAllow,
+                                          QStringList* rejectedEntries = nullptr);
+
+    bool allows(const QHostAddress& peer) const;
+    bool isEmpty() const { return m_ranges.isEmpty(); }
+
+private:
+    void add(const QHostAddress& address, int prefixLength);
+    QList<QPair<QHostAddress, int>> m_ranges;
+};

@@ -1,0 +1,163 @@
+#include "push/ServerSocketThread.h"
+
+#include "core/CLogger.h"
+#include "core/Common.h"
+#include "identity/AgentDetails.h"
+#include "identity/ServerDetails.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+constexpr int kRecvBufferSize = 4096;
+constexpr qint64 kReceiveTimeoutMs = 45000;
+constexpr qint64 kSendTimeoutMs = 5000;
+constexpr qint64 kPauseAfterMessageMs = 1000;
+const char kKeepAlive[] = "keep-alive";
+
+timeval toTimeval(int ms)
+{
+    timeval tv{};
+    tv.tv_sec = ms / 1000;
+    tv.tv_usec = (ms % 1000) * 1000;
+    return tv;
+}
+} // namespace
+
+ServerSocketThread::ServerSocketThread(QObject* parent)
+    : QThread(parent), m_agentDetails(AgentDetails::getInstance()), m_serverDetails(ServerDetails::getInstance())
+{
+}
+
+ServerSocketThread::~ServerSocketThread()
+{
+    requestStop();
+    wait();
+}
+
+void ServerSocketThread::run()
+{
+    m_wait.reset();
+    startSocket();
+}
+
+void ServerSocketThread::startSocket()
+{
+    connectToServerSocket();
+    emit socketClosed();
+}
+
+bool ServerSocketThread::sendKeepAlive(int fd)
+{
+    return ::send(fd, kKeepAlive, sizeof kKeepAlive - 1, MSG_NOSIGNAL) > 0;
+}
+
+bool ServerSocketThread::connectToServerSocket()
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    m_lastConnectionStatus = false;
+    if (m_serverIp.isEmpty()) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Server Ip Address Not Found!");
+        return false;
+    }
+    char ipBuffer[40] = {};
+    const QByteArray ip = m_serverIp.toUtf8();
+    std::strncpy(ipBuffer, ip.constData(), sizeof ipBuffer - 1);
+    sockaddr_in server{};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(static_cast<uint16_t>(m_serverPort & 0xffff));
+    server.sin_addr.s_addr = inet_addr(ipBuffer);
+
+    char handshake[1024] = {};
+    const QByteArray localIp = m_agentDetails->getLocalIpAddress().toUtf8();
+    const QByteArray authCode = m_config.getAuthCode().toUtf8();
+    std::snprintf(handshake, sizeof handshake, "Connect#$#$%s#$#$%s", localIp.constData(), authCode.constData());
+
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+    if (fd < 0) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to get socket connection!");
+        return false;
+    }
+    EDR_LOG->Trace(Q_FUNC_INFO, "Connecting to Server: %s:%d", ipBuffer, m_serverPort);
+
+    const timeval recvTimeout = toTimeval(Common::scaledMs(kReceiveTimeoutMs));
+    const timeval sendTimeout = toTimeval(Common::scaledMs(kSendTimeoutMs));
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &recvTimeout, sizeof recvTimeout) != 0)
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "setsockopt Failed! - SO_RCVTIMEO");
+    if (::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout) != 0)
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "setsockopt Failed! - SO_SNDTIMEO");
+
+    // Connect without blocking so a stop request can interrupt a slow attempt.
+    const int flags = ::fcntl(fd, F_GETFL, 0);
+    ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    int rc = ::connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof server);
+    if (rc != 0 && errno == EINPROGRESS) {
+        if (m_wait.waitFor(fd, POLLOUT, -1) == StoppableWait::Ready) {
+            int soError = 0;
+            socklen_t len = sizeof soError;
+            ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len);
+            errno = soError;
+            rc = soError == 0 ? 0 : -1;
+        } else {
+            errno = EINTR;
+        }
+    }
+    ::fcntl(fd, F_SETFL, flags);
+    if (rc != 0) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Socket Server is unreachable! Server: %s:%d", ipBuffer, m_serverPort);
+        ::close(fd);
+        return false;
+    }
+
+    m_lastConnectionStatus = true;
+    EDR_LOG->Trace(Q_FUNC_INFO, "Connected to server socket. Server: %s - %d", ipBuffer, m_serverPort);
+    ::send(fd, handshake, std::strlen(handshake), MSG_NOSIGNAL);
+    EDR_LOG->Trace(Q_FUNC_INFO, "Send to %s: %s", ipBuffer, handshake);
+
+    connectToSocket(fd);
+
+    ::close(fd);
+    EDR_LOG->Trace(Q_FUNC_INFO, "Server Socket Closed. %s", ipBuffer);
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    return true;
+}
+
+void ServerSocketThread::connectToSocket(int fd)
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    const QByteArray serverIp = m_serverIp.toUtf8();
+    const int receiveTimeout = Common::scaledMs(kReceiveTimeoutMs);
+    char buffer[kRecvBufferSize + 1];
+    for (;;) {
+        std::memset(buffer, 0, sizeof buffer);
+        const StoppableWait::Result ready = m_wait.waitFor(fd, POLLIN, receiveTimeout);
+        if (ready == StoppableWait::Stopped)
+            break;
+        ssize_t n = -1;
+        if (ready == StoppableWait::Ready)
+            n = ::recv(fd, buffer, kRecvBufferSize, 0);
+        if (n <= 0) {
+            // Peer closed, error or a silent period: a keep-alive tells which.
+            if (m_wait.stopRequested() || !sendKeepAlive(fd))
+                break;
+            if (n == 0 && !m_wait.sleepFor(Common::scaledMs(kPauseAfterMessageMs)))
+                break;
+            continue;
+        }
+        buffer[n] = '\0';
+        EDR_LOG->Trace(Q_FUNC_INFO, "Recieved From %s: %s", serverIp.constData(), buffer);
+        emit messageRecieved(m_serverIp, QString::fromUtf8(buffer, static_cast<int>(std::strlen(buffer))));
+        if (!m_wait.sleepFor(Common::scaledMs(kPauseAfterMessageMs)))
+            break;
+        sendKeepAlive(fd);
+    }
+    EDR_LOG->Info(Q_FUNC_INFO, "%s Disconnected! - %d", serverIp.constData(), fd);
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "core/EdrAgentConfig.h"
+#include "push/StoppableWait.h"
+
+#include <QString>
+#include <QThread>
+
+#include <atomic>
+
+class AgentDetails;
+class ServerDetails;
+
+// One run = one connection attempt to the server's socket service and, when it
+// succeeds, the whole life of that connection. Every run ends with socketClosed.
+class ServerSocketThread : public QThread {
+    Q_OBJECT
+public:
+    explicit ServerSocketThread(QObject* parent = nullptr);
+    ~ServerSocketThread() override;
+
+    QString corpKey() const { return m_corpKey; }
+    void setCorpKey(const QString& key) { m_corpKey = key; }
+    QString serverIpAddress() const { return m_serverIp; }
+    void setServerIpAddress(const QString& ip) { m_serverIp = ip; }
+    int serverSocketPort() const { return m_serverPort; }
+    void setServerSocketPort(int port) { m_serverPort = port; }
+    bool getLastConnectionStatus() const { return m_lastConnectionStatus.load(); }
+
+    // Cooperative stop: wakes any blocking wait; the run then ends by itself.
+    void requestStop() { m_wait.requestStop(); }
+
+    void startSocket();
+    bool connectToServerSocket();
+    void connectToSocket(int fd);
+
+signals:
+    void messageRecieved(const QString& ip, const QString& message);
+    void socketClosed();
+
+protected:
+    void run() override;
+
+private:
+    bool sendKeepAlive(int fd);
+
+    QString m_corpKey;
+    QString m_serverIp;
+    int m_serverPort = 0;
+    std::atomic<bool> m_lastConnectionStatus{false};
+    AgentDetails* m_agentDetails;
+    ServerDetails* m_serverDetails;
+    EdrAgentConfig m_config;
+    StoppableWait m_wait;
+};

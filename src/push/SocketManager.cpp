@@ -1,0 +1,230 @@
+#include "push/SocketManager.h"
+
+#include "core/CLogger.h"
+#include "core/Common.h"
+#include "identity/AgentDetails.h"
+#include "identity/ServerDetails.h"
+#include "schedule/ScheduleManager.h"
+#include "schedule/TasksManager.h"
+
+#include <QFile>
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+SocketManager* SocketManager::s_instance = nullptr;
+
+namespace {
+constexpr qint64 kReconnectPauseMs = 10000;
+const QString kSeparator = QStringLiteral("#$#");
+} // namespace
+
+SocketManager* SocketManager::getInstance()
+{
+    if (!s_instance)
+        s_instance = new SocketManager();
+    return s_instance;
+}
+
+void SocketManager::releaseInstance()
+{
+    delete s_instance;
+    s_instance = nullptr;
+}
+
+SocketManager::SocketManager()
+    : m_agentDetails(AgentDetails::getInstance()), m_serverDetails(ServerDetails::getInstance()),
+      m_tasksManager(TasksManager::getInstance()), m_scheduleManager(ScheduleManager::getInstance())
+{
+    connect(&m_clientThread, &ClientSocketThread::messageRecieved, this, &SocketManager::onMessageRecieved);
+    connect(&m_serverThread, &ServerSocketThread::messageRecieved, this, &SocketManager::onMessageRecieved);
+    connect(&m_serverThread, &ServerSocketThread::socketClosed, this, &SocketManager::onSocketServerThreadFinished);
+    // The pause before a reconnect is a timer: the main thread never sleeps.
+    m_reconnectTimer.setSingleShot(true);
+    connect(&m_reconnectTimer, &QTimer::timeout, this, &SocketManager::connectToServer);
+}
+
+// Both threads are stopped and joined before they are destroyed.
+SocketManager::~SocketManager()
+{
+    m_shuttingDown = true;
+    m_reconnectTimer.stop();
+    m_serverThread.requestStop();
+    m_clientThread.requestStop();
+    m_serverThread.wait();
+    m_clientThread.wait();
+}
+
+void SocketManager::startSocketListner()
+{
+    m_clientThread.setProtocol(ClientSocketThread::TCP);
+    m_clientThread.setClientPort(static_cast<unsigned int>(m_agentDetails->getAgentListenPort()));
+    QStringList rejected;
+    m_clientThread.setAllowList(ListenerAllowList::fromSettings(
+        m_serverDetails->getConfiguredServerAddresses(), m_config.getSetting(QStringLiteral("ListenerAllow")), &rejected));
+    for (const QString& entry : qAsConst(rejected))
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "ListenerAllow entry ignored: %s", qUtf8Printable(entry));
+    m_clientThread.start(QThread::InheritPriority);
+}
+
+void SocketManager::stopSocketListner()
+{
+    m_clientThread.exit(0);
+}
+
+void SocketManager::connectToSocketServer()
+{
+    EDR_LOG->Trace(Q_FUNC_INFO, "Connecting to Lan server...");
+    m_reconnectTimer.stop();
+    // A run still going on is ended cooperatively before the restart.
+    if (m_serverThread.isRunning()) {
+        m_serverThread.requestStop();
+        m_serverThread.wait();
+    }
+    m_serverThread.setCorpKey(m_agentDetails->getCorpKey());
+    m_serverThread.setServerIpAddress(m_serverDetails->getServerIP());
+    m_serverThread.setServerSocketPort(m_serverDetails->getServerSocketPort());
+    m_serverThread.start(QThread::InheritPriority);
+}
+
+void SocketManager::connectToServer()
+{
+    connectToSocketServer();
+}
+
+void SocketManager::disconnectFromSocketServer()
+{
+    EDR_LOG->Trace(Q_FUNC_INFO, "Disconnected from Lan server...");
+    if (m_serverThread.isFinished())
+        return;
+    m_serverThread.requestStop();
+    m_serverThread.wait(2000);
+}
+
+void SocketManager::disconnectFromServer()
+{
+    disconnectFromSocketServer();
+}
+
+void SocketManager::onSocketServerThreadFinished()
+{
+    if (m_shuttingDown)
+        return;
+    EDR_LOG->Trace(Q_FUNC_INFO, "Lan Server Socket Closed! Sleeping for 10 seconds.");
+    m_reconnectTimer.start(Common::scaledMs(kReconnectPauseMs));
+}
+
+void SocketManager::onMessageRecieved(const QString& ip, const QString& message)
+{
+    EDR_LOG->Trace(Q_FUNC_INFO, "Processing Message");
+    processCommand(ip, message);
+}
+
+void SocketManager::processCommand(const QString& ip, const QString& message)
+{
+    Q_UNUSED(ip);
+    const QStringList fields = message.split(kSeparator, Qt::KeepEmptyParts, Qt::CaseSensitive);
+    const QString command = fields.value(0);
+    if (fields.size() < 2) {
+        if (command == QLatin1String("MOD") || command == QLatin1String("UPD") || command == QLatin1String("RPT") ||
+            command == QLatin1String("ACT") || command == QLatin1String("RESET"))
+            EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Ignored %s command without a subject", qUtf8Printable(command));
+        return;
+    }
+    const QString subject = fields.at(1);
+
+    if (command == QLatin1String("MOD")) {
+        if (subject != QLatin1String("AGENT_CONFIG_CHANGE"))
+            return;
+        if (m_scheduleManager && m_scheduleManager->getLatestSceduleFromServer())
+            EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Downloaded Updated Agent Config!");
+        else
+            EDR_LOG->Trace(Q_FUNC_INFO, "Failed to Download Agent Config!");
+    } else if (command == QLatin1String("UPD")) {
+        if (subject != QLatin1String("AGENT"))
+            return;
+        if (m_scheduleManager && m_scheduleManager->getLatestAgentFromServer())
+            EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Started Agent Updater!");
+        else
+            EDR_LOG->Trace(Q_FUNC_INFO, "Failed to Start Agent Updater!");
+    } else if (command == QLatin1String("RPT") || command == QLatin1String("ACT")) {
+        const bool report = command == QLatin1String("RPT");
+        QString task = subject;
+        QString parameter = fields.size() > 2 ? fields.at(2) : QString();
+        if (report && task.startsWith(QLatin1Char('$')))
+            task.remove(0, 1);
+        if (report && parameter.startsWith(QLatin1Char('$')))
+            parameter.remove(0, 1);
+        if (parameter == QLatin1String("0"))
+            parameter.clear();
+        const int number = task.toInt(nullptr, 10);
+        const auto name = static_cast<TasksManager::TASK_NAMES>(number);
+        if (!m_tasksManager)
+            return;
+        if (report)
+            m_tasksManager->sendReportToServer(name, parameter);
+        else
+            m_tasksManager->executeSendReportToServer(name, parameter);
+    } else if (command == QLatin1String("RESET")) {
+        if (subject != QLatin1String("TRACE_LOG"))
+            return;
+        if (QFile::remove(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log")))
+            EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Deleted Trace Log!");
+        else
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to Delete Trace Log!");
+    }
+}
+
+bool SocketManager::sendMessageTo(const QString& ip, const QString& message, quint64 port, bool datagram)
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    if (ip.isEmpty()) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Ip Address Not Found!");
+        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+        return false;
+    }
+    const QByteArray address = ip.toUtf8();
+    sockaddr_in target{};
+    target.sin_family = AF_INET;
+    target.sin_port = htons(static_cast<uint16_t>(port & 0xffff));
+    target.sin_addr.s_addr = inet_addr(address.constData());
+
+    // The text and its terminator must fit the 4096-byte buffer.
+    char buffer[4096] = {};
+    const QByteArray text = message.toUtf8();
+    std::memcpy(buffer, text.constData(), static_cast<size_t>(qMin(text.size(), static_cast<int>(sizeof buffer) - 1)));
+    const size_t length = std::strlen(buffer);
+
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to get socket connection!");
+        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+        return false;
+    }
+    timeval timeout{10, 0}; // bounds the connect and the send
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    EDR_LOG->Debug(Q_FUNC_INFO, "Connecting to IP: %s", address.constData());
+    ssize_t sent;
+    if (datagram) {
+        sent = ::sendto(fd, buffer, length, MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&target), sizeof target);
+    } else {
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&target), sizeof target) != 0) {
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "IP Server is unreachable! IP: %s", address.constData());
+            ::close(fd);
+            EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+            return false;
+        }
+        sent = ::send(fd, buffer, length, MSG_NOSIGNAL);
+    }
+    const bool result = sent > 0;
+    if (result)
+        EDR_LOG->Info(Q_FUNC_INFO, "Message send to %s:%d successfully", address.constData(), static_cast<int>(port));
+    EDR_LOG->Trace(Q_FUNC_INFO, "IP Socket Closed. %s", address.constData());
+    ::close(fd);
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    return result;
+}

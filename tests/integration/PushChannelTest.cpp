@@ -1,0 +1,152 @@
+// End to end: commands reach the running agent over both channels.
+
+#include "support/AgentProcess.h"
+#include "support/ConsoleProcess.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace edrtest;
+
+namespace {
+int freePort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    socklen_t len = sizeof a;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    ::close(fd);
+    return ntohs(a.sin_port);
+}
+
+// Sends one command to the local listener; returns what came back.
+QByteArray sendToListener(int port, const QByteArray& command, int timeoutMs = 10000)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    QByteArray reply;
+    QElapsedTimer clock;
+    clock.start();
+    while (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 && clock.elapsed() < timeoutMs)
+        QThread::msleep(20);
+    ::send(fd, command.constData(), static_cast<size_t>(command.size()), MSG_NOSIGNAL);
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, timeoutMs) > 0) {
+        char buf[64];
+        const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+        if (n > 0)
+            reply = QByteArray(buf, static_cast<int>(n));
+    }
+    ::close(fd);
+    return reply;
+}
+
+class PushChannel : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (::getuid() != 0)
+            GTEST_SKIP() << "the daemon runs as root only";
+        ASSERT_TRUE(console.isRunning());
+        listenPort = freePort();
+        agent.writeServerIni(console.httpPort(), console.socketPort(), listenPort);
+        ASSERT_TRUE(agent.start());
+        ASSERT_TRUE(agent.waitForLog("Connected to server socket.", 30000)) << agent.log().constData();
+    }
+    void TearDown() override
+    {
+        agent.signal(SIGTERM);
+        agent.waitForExit(10000);
+    }
+    bool waitForConnections(int count, int timeoutMs)
+    {
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < timeoutMs) {
+            if (console.connections().size() >= count)
+                return true;
+            QThread::msleep(50);
+        }
+        return false;
+    }
+    ConsoleProcess console;
+    AgentProcess agent;
+    int listenPort = 0;
+};
+} // namespace
+
+TEST_F(PushChannel, HandshakeAndKeepAliveOnTheServerConnection)
+{
+    ASSERT_TRUE(waitForConnections(1, 10000));
+    const QJsonObject first = console.connections().at(0).toObject();
+    const QString handshake = first.value(QStringLiteral("handshake")).toString();
+    const QString token = EdrAgentConfig(agent.dataDir() + QStringLiteral("/agent.conf")).getAuthCode();
+    EXPECT_TRUE(handshake.startsWith(QStringLiteral("Connect#$#$"))) << qPrintable(handshake);
+    EXPECT_TRUE(handshake.endsWith(QStringLiteral("#$#$") + token)) << qPrintable(handshake);
+
+    ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 20000));
+    // Keep-alive after the message and after (scaled) silence.
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 10000 &&
+           console.connections().at(0).toObject().value(QStringLiteral("keep_alives")).toInt() < 3)
+        QThread::msleep(50);
+    EXPECT_GE(console.connections().at(0).toObject().value(QStringLiteral("keep_alives")).toInt(), 3);
+}
+
+TEST_F(PushChannel, ReconnectsAfterTheServerCloses)
+{
+    ASSERT_TRUE(waitForConnections(1, 10000));
+    console.admin("POST", "/admin/close-connections");
+    ASSERT_TRUE(agent.waitForLog("Lan Server Socket Closed! Sleeping for 10 seconds.", 20000));
+    ASSERT_TRUE(waitForConnections(2, 20000));
+    EXPECT_TRUE(console.connections().at(1).toObject().value(QStringLiteral("open")).toBool());
+}
+
+TEST_F(PushChannel, ListenerCommandsAndGarbage)
+{
+    ASSERT_TRUE(QFile::exists(agent.logPath()));
+    EXPECT_EQ(sendToListener(listenPort, QByteArray(5000, '\x01')), QByteArray("OK"));
+    EXPECT_EQ(sendToListener(listenPort, "rpt#$#0"), QByteArray("OK"));
+    EXPECT_EQ(sendToListener(listenPort, "RPT"), QByteArray("OK"));
+    EXPECT_EQ(sendToListener(listenPort, "RPT#$#x"), QByteArray("OK"));
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 20000));
+    EXPECT_TRUE(agent.waitForLog("Ignored RPT command without a subject", 10000));
+
+    EXPECT_EQ(sendToListener(listenPort, "RESET#$#TRACE_LOG"), QByteArray("OK"));
+    EXPECT_TRUE(agent.waitForLog("Successfully Deleted Trace Log!", 10000));
+    // The log was deleted and started afresh: earlier lines are gone.
+    EXPECT_FALSE(agent.log().contains("Connected to server socket."));
+    EXPECT_FALSE(agent.log().contains("Recieved From Socket: RPT#$#x"));
+}
+
+TEST_F(PushChannel, RestartedAgentBindsItsPortAtOnce)
+{
+    EXPECT_EQ(sendToListener(listenPort, "MOD#$#SOMETHING_ELSE"), QByteArray("OK"));
+    agent.signal(SIGTERM);
+    ASSERT_TRUE(agent.waitForExit(10000));
+    EXPECT_EQ(agent.exitCode(), 0);
+    ASSERT_TRUE(agent.start());
+    ASSERT_TRUE(agent.waitForLog("Connected to server socket.", 30000, 2));
+    EXPECT_EQ(sendToListener(listenPort, "MOD#$#AGENT_CONFIG_CHANGE"), QByteArray("OK"));
+    EXPECT_TRUE(agent.waitForLog("Agent Config!", 20000));
+    EXPECT_FALSE(agent.log().contains("bind Failed!"));
+}

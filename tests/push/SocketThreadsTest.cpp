@@ -1,0 +1,306 @@
+#include "core/Common.h"
+#include "push/ClientSocketThread.h"
+#include "push/ListenerAllowList.h"
+#include "push/ServerSocketThread.h"
+
+#include "support/TestSupport.h"
+
+#include <QElapsedTimer>
+#include <QSignalSpy>
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace edrtest;
+
+namespace {
+// A loopback socket helper for both sides of the push protocol.
+struct Sock {
+    int fd = -1;
+    ~Sock()
+    {
+        if (fd >= 0)
+            ::close(fd);
+    }
+    static int listenOn(int* port)
+    {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        int one = 1;
+        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(static_cast<uint16_t>(*port));
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 4) != 0) {
+            ::close(fd);
+            return -1;
+        }
+        socklen_t len = sizeof a;
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+        *port = ntohs(a.sin_port);
+        return fd;
+    }
+    static int connectTo(int port)
+    {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(static_cast<uint16_t>(port));
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+            ::close(fd);
+            return -1;
+        }
+        return fd;
+    }
+    static int acceptOne(int listenFd, int timeoutMs)
+    {
+        pollfd p{listenFd, POLLIN, 0};
+        return ::poll(&p, 1, timeoutMs) > 0 ? ::accept(listenFd, nullptr, nullptr) : -1;
+    }
+    // Reads what arrives within timeoutMs (one recv); empty on timeout or close.
+    static QByteArray readSome(int fd, int timeoutMs)
+    {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, timeoutMs) <= 0)
+            return QByteArray();
+        char buf[8192];
+        const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+        return n > 0 ? QByteArray(buf, static_cast<int>(n)) : QByteArray();
+    }
+};
+
+class TimeScale {
+public:
+    explicit TimeScale(double scale) { Common::setTimeScaleForTesting(scale); }
+    ~TimeScale() { Common::setTimeScaleForTesting(1.0); }
+};
+
+int freePort()
+{
+    int port = 0;
+    Sock s;
+    s.fd = Sock::listenOn(&port);
+    return port;
+}
+} // namespace
+
+TEST(ServerSocketThread, HandshakeMessagesAndKeepAlives)
+{
+    ScratchPrefix prefix;
+    EdrAgentConfig().setAuthCode(QStringLiteral("tok-9"));
+    TimeScale scale(0.01); // 45 s silence -> 450 ms, 1 s pause -> 10 ms
+    int port = 0;
+    Sock server;
+    server.fd = Sock::listenOn(&port);
+
+    ServerSocketThread thread;
+    thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
+    thread.setServerSocketPort(port);
+    QSignalSpy messages(&thread, &ServerSocketThread::messageRecieved);
+    QSignalSpy closed(&thread, &ServerSocketThread::socketClosed);
+    thread.start();
+
+    Sock peer;
+    peer.fd = Sock::acceptOne(server.fd, 5000);
+    ASSERT_GE(peer.fd, 0);
+    const QByteArray handshake = Sock::readSome(peer.fd, 5000);
+    EXPECT_TRUE(handshake.startsWith("Connect#$#$")) << handshake.constData();
+    EXPECT_TRUE(handshake.endsWith("#$#$tok-9")) << handshake.constData();
+    EXPECT_TRUE(thread.getLastConnectionStatus());
+
+    // Silence: a keep-alive, the connection stays.
+    EXPECT_EQ(Sock::readSome(peer.fd, 5000), QByteArray("keep-alive"));
+
+    // A message is handed over whole, then answered by a keep-alive.
+    const QByteArray big(4096, 'x');
+    ::send(peer.fd, "RPT#$#$7#$#0", 12, 0);
+    ASSERT_TRUE(messages.wait(5000));
+    EXPECT_EQ(messages.at(0).at(0).toString(), QStringLiteral("127.0.0.1"));
+    EXPECT_EQ(messages.at(0).at(1).toString(), QStringLiteral("RPT#$#$7#$#0"));
+    EXPECT_EQ(Sock::readSome(peer.fd, 5000), QByteArray("keep-alive"));
+
+    ::send(peer.fd, big.constData(), static_cast<size_t>(big.size()), 0);
+    ASSERT_TRUE(messages.wait(5000));
+    QString received = messages.last().at(1).toString();
+    while (received.size() < 4096 && messages.wait(2000))
+        received += messages.last().at(1).toString();
+    EXPECT_EQ(received, QString::fromLatin1(big));
+
+    // The server goes away: the run ends with socketClosed.
+    ::close(peer.fd);
+    peer.fd = -1;
+    ASSERT_TRUE(closed.wait(10000));
+    ASSERT_TRUE(thread.wait(5000));
+}
+
+TEST(ServerSocketThread, UnreachableServerOrNoAddressEndsTheRun)
+{
+    ScratchPrefix prefix;
+    ServerSocketThread thread;
+    QSignalSpy closed(&thread, &ServerSocketThread::socketClosed);
+    thread.start();
+    ASSERT_TRUE(closed.wait(5000));
+    EXPECT_TRUE(prefix.traceLog().contains("Server Ip Address Not Found!"));
+
+    thread.wait();
+    thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
+    thread.setServerSocketPort(freePort());
+    thread.start();
+    ASSERT_TRUE(closed.wait(5000));
+    EXPECT_FALSE(thread.getLastConnectionStatus());
+    EXPECT_TRUE(prefix.traceLog().contains("Socket Server is unreachable! Server: 127.0.0.1:"));
+}
+
+TEST(ServerSocketThread, StopsCooperativelyWhileConnected)
+{
+    ScratchPrefix prefix;
+    int port = 0;
+    Sock server;
+    server.fd = Sock::listenOn(&port);
+    ServerSocketThread thread;
+    thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
+    thread.setServerSocketPort(port);
+    thread.start();
+    Sock peer;
+    peer.fd = Sock::acceptOne(server.fd, 5000);
+    ASSERT_GE(peer.fd, 0);
+    Sock::readSome(peer.fd, 2000);
+    QElapsedTimer clock;
+    clock.start();
+    thread.requestStop();
+    ASSERT_TRUE(thread.wait(5000));
+    EXPECT_LT(clock.elapsed(), 2000);
+}
+
+namespace {
+class Listener : public ::testing::Test {
+protected:
+    void start(const QString& listenerAllow = QString())
+    {
+        port = freePort();
+        thread.setProtocol(ClientSocketThread::TCP);
+        thread.setClientPort(static_cast<unsigned int>(port));
+        thread.setAllowList(ListenerAllowList::fromSettings({}, listenerAllow));
+        thread.start();
+        QElapsedTimer clock;
+        clock.start();
+        while (client.fd < 0 && clock.elapsed() < 5000) {
+            client.fd = Sock::connectTo(port);
+            if (client.fd < 0)
+                QThread::msleep(10);
+        }
+        ASSERT_GE(client.fd, 0);
+    }
+    void TearDown() override
+    {
+        thread.requestStop();
+        thread.wait();
+    }
+    ScratchPrefix prefix;
+    TimeScale scale{0.01};
+    int port = 0;
+    ClientSocketThread thread;
+    Sock client;
+};
+} // namespace
+
+TEST_F(Listener, OneMessagePerClientThenOk)
+{
+    QSignalSpy messages(&thread, &ClientSocketThread::messageRecieved);
+    start();
+    ::send(client.fd, "RESET#$#TRACE_LOG", 17, 0);
+    ASSERT_TRUE(messages.wait(5000));
+    EXPECT_EQ(messages.at(0).at(0).toString(), QStringLiteral("127.0.0.1"));
+    EXPECT_EQ(messages.at(0).at(1).toString(), QStringLiteral("RESET#$#TRACE_LOG"));
+    EXPECT_EQ(Sock::readSome(client.fd, 5000), QByteArray("OK"));
+    EXPECT_EQ(Sock::readSome(client.fd, 2000), QByteArray()); // closed after the answer
+
+    // Oversized input: one receive of 4096 bytes, terminated, the rest dropped.
+    Sock second;
+    QElapsedTimer clock;
+    clock.start();
+    second.fd = Sock::connectTo(port);
+    const QByteArray flood(20000, 'A');
+    ::send(second.fd, flood.constData(), static_cast<size_t>(flood.size()), MSG_NOSIGNAL);
+    ASSERT_TRUE(messages.wait(5000));
+    EXPECT_EQ(messages.last().at(1).toString().size(), 4096);
+}
+
+TEST_F(Listener, SilentClientIsDroppedAndTheNextServed)
+{
+    QSignalSpy messages(&thread, &ClientSocketThread::messageRecieved);
+    start();
+    // Say nothing: dropped after the (scaled) 10 s.
+    EXPECT_EQ(Sock::readSome(client.fd, 5000), QByteArray());
+    Sock next;
+    next.fd = Sock::connectTo(port);
+    ::send(next.fd, "MOD#$#AGENT_CONFIG_CHANGE", 25, 0);
+    ASSERT_TRUE(messages.wait(5000));
+    EXPECT_EQ(messages.count(), 1);
+    EXPECT_TRUE(prefix.traceLog().contains("sent nothing; dropped"));
+}
+
+TEST_F(Listener, PeerOutsideTheAllowListIsRefused)
+{
+    QSignalSpy messages(&thread, &ClientSocketThread::messageRecieved);
+    start(QStringLiteral("10.0.0.0/8, 192.0.2.7"));
+    ::send(client.fd, "RESET#$#TRACE_LOG", 17, MSG_NOSIGNAL);
+    EXPECT_EQ(Sock::readSome(client.fd, 3000), QByteArray());
+    EXPECT_FALSE(messages.wait(500));
+    EXPECT_TRUE(prefix.traceLog().contains("Refused command connection from 127.0.0.1"));
+}
+
+TEST(ListenerAllowList, DefaultsAndOverrides)
+{
+    const ListenerAllowList defaults = ListenerAllowList::fromSettings({QStringLiteral("192.0.2.10")}, QString());
+    EXPECT_TRUE(defaults.allows(QHostAddress(QStringLiteral("127.0.0.1"))));
+    EXPECT_TRUE(defaults.allows(QHostAddress(QStringLiteral("127.8.9.10"))));
+    EXPECT_TRUE(defaults.allows(QHostAddress(QStringLiteral("192.0.2.10"))));
+    EXPECT_TRUE(defaults.allows(QHostAddress(QStringLiteral("::ffff:192.0.2.10"))));
+    EXPECT_FALSE(defaults.allows(QHostAddress(QStringLiteral("192.0.2.11"))));
+    EXPECT_FALSE(defaults.allows(QHostAddress(QStringLiteral("10.0.0.1"))));
+
+    QStringList rejected;
+    const ListenerAllowList custom = ListenerAllowList::fromSettings(
+        {QStringLiteral("192.0.2.10")}, QStringLiteral("10.1.0.0/16, 198.51.100.4,bogus, 300.1.1.1"), &rejected);
+    EXPECT_TRUE(custom.allows(QHostAddress(QStringLiteral("10.1.200.3"))));
+    EXPECT_TRUE(custom.allows(QHostAddress(QStringLiteral("198.51.100.4"))));
+    EXPECT_FALSE(custom.allows(QHostAddress(QStringLiteral("10.2.0.1"))));
+    EXPECT_FALSE(custom.allows(QHostAddress(QStringLiteral("127.0.0.1"))));
+    EXPECT_EQ(rejected, (QStringList{QStringLiteral("bogus"), QStringLiteral("300.1.1.1")}));
+}
+
+TEST(ListenerBind, TakenPortIsRetriedUntilFree)
+{
+    ScratchPrefix prefix;
+    TimeScale scale(0.005); // 60 s retry -> 300 ms
+    int port = 0;
+    Sock blocker;
+    blocker.fd = Sock::listenOn(&port);
+    ClientSocketThread thread;
+    thread.setProtocol(ClientSocketThread::TCP);
+    thread.setClientPort(static_cast<unsigned int>(port));
+    thread.setAllowList(ListenerAllowList::fromSettings({}, QString()));
+    thread.start();
+    QElapsedTimer clock;
+    clock.start();
+    while (!prefix.traceLog().contains("bind Failed!") && clock.elapsed() < 5000)
+        QThread::msleep(10);
+    ASSERT_TRUE(prefix.traceLog().contains("bind Failed!"));
+    ::close(blocker.fd);
+    blocker.fd = -1;
+    Sock client;
+    while (client.fd < 0 && clock.elapsed() < 10000) {
+        client.fd = Sock::connectTo(port);
+        QThread::msleep(20);
+    }
+    EXPECT_GE(client.fd, 0);
+    thread.requestStop();
+    EXPECT_TRUE(thread.wait(5000));
+}
