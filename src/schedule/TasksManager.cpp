@@ -4,6 +4,8 @@
 
 #include <QFile>
 
+#include <cstdlib>
+
 TasksManager* TasksManager::s_instance = nullptr;
 
 TasksManager* TasksManager::getInstance()
@@ -66,8 +68,9 @@ bool TasksManager::sendPendingReport(const QString& path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return false;
+    // The task number is the leading decimal text of the first four bytes.
     const QByteArray head = file.read(4);
-    const int task = head.trimmed().toInt();
+    const int task = static_cast<int>(std::strtol(head.constData(), nullptr, 10));
     QByteArray rest = file.readAll();
     const int nul = rest.indexOf('\0');
     if (nul >= 0)

@@ -1,0 +1,3 @@
+#include "schedule/ScheduleInfo.h"
+
+ScheduleInfo::ScheduleInfo() : m_scheduleName(QLatin1String("")) {}

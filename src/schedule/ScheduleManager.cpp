@@ -1,0 +1,339 @@
+#include "schedule/ScheduleManager.h"
+
+#include "comm/ApiManager.h"
+#include "comm/HttpManager.h"
+#include "core/CLogger.h"
+#include "core/Common.h"
+#include "identity/AgentDetails.h"
+#include "identity/ServerDetails.h"
+#include "schedule/ScheduleReader.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMap>
+#include <QProcess>
+#include <QTimer>
+
+#include <cerrno>
+
+ScheduleManager* ScheduleManager::s_instance = nullptr;
+
+namespace {
+constexpr int kTickMs = 60000;
+
+TasksManager::TASK_NAMES taskAt(int position)
+{
+    return static_cast<TasksManager::TASK_NAMES>(position);
+}
+} // namespace
+
+ScheduleManager* ScheduleManager::getInstance()
+{
+    if (!s_instance)
+        s_instance = new ScheduleManager();
+    return s_instance;
+}
+
+void ScheduleManager::releaseInstance()
+{
+    delete s_instance;
+    s_instance = nullptr;
+}
+
+ScheduleManager::ScheduleManager()
+    : m_agentDetails(AgentDetails::getInstance()),
+      m_serverDetails(ServerDetails::getInstance()),
+      m_httpManager(HttpManager::getInstance()),
+      m_tasks(TasksManager::getInstance()),
+      m_timer(new QTimer(this))
+{
+    m_scheduleNames = TasksManager::taskNames();
+    m_scheduleFile = Common::getEdrDirPath() + QStringLiteral("/schedule.db");
+    connect(m_timer, &QTimer::timeout, this, &ScheduleManager::onScheduleTimer);
+    loadDefaultConfig();
+}
+
+ScheduleManager::~ScheduleManager()
+{
+    m_timer->stop();
+}
+
+void ScheduleManager::fillDefaultSchedule(QList<ScheduleInfo>& schedules, const QStringList& names)
+{
+    for (int i = 0; i < names.size(); ++i) {
+        if (schedules.size() <= i)
+            schedules.insert(i, ScheduleInfo());
+        ScheduleInfo& entry = schedules[i];
+        entry.setScheduleName(names.at(i));
+        entry.setEnable(false);
+        entry.setRunOnStart(true);
+        entry.setInterval(1440);
+        entry.setRetryInterval(15);
+        entry.setCurrentInterval(0);
+    }
+    auto set = [&schedules](int i, bool enable, unsigned int interval) {
+        if (i >= schedules.size())
+            return;
+        schedules[i].setEnable(enable);
+        schedules[i].setRunOnStart(true);
+        schedules[i].setInterval(interval);
+        schedules[i].setRetryInterval(15);
+    };
+    set(TasksManager::AgentInfo, true, 15);
+    set(TasksManager::StartUp, true, 180);
+    set(TasksManager::Services, true, 180);
+    set(TasksManager::Processes, true, 180);
+    set(TasksManager::InstalledSoft, true, 1440);
+    if (schedules.size() > TasksManager::TaskSchedule)
+        schedules[TasksManager::TaskSchedule].setEnable(true);
+    // Hardware is first given the daily interval (still disabled), then
+    // enabled at 180 after the network monitor; only the end result counts.
+    if (schedules.size() > TasksManager::HardwareInfo) {
+        ScheduleInfo& hardware = schedules[TasksManager::HardwareInfo];
+        hardware.setRunOnStart(true);
+        hardware.setInterval(1440);
+        hardware.setRetryInterval(15);
+    }
+    set(TasksManager::Network_Mon, true, 180);
+    set(TasksManager::HardwareInfo, true, 180);
+    set(TasksManager::Event_Logs, true, 60);
+    if (schedules.size() > TasksManager::CReports_Logs)
+        schedules[TasksManager::CReports_Logs].setEnable(false);
+}
+
+void ScheduleManager::loadDefaultConfig()
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    fillDefaultSchedule(m_schedules, m_scheduleNames);
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+}
+
+void ScheduleManager::overlaySchedule(const ScheduleReader& reader, const QStringList& names,
+                                      QList<ScheduleInfo>& schedules)
+{
+    for (int i = 0; i < names.size(); ++i) {
+        if (schedules.size() <= i)
+            schedules.insert(i, ScheduleInfo());
+        const std::optional<ScheduleReader::TaskValues> values = reader.task(names.at(i));
+        if (!values)
+            continue;
+        ScheduleInfo& entry = schedules[i];
+        if (values->enabled)
+            entry.setEnable(*values->enabled != 0);
+        if (values->runOnStart)
+            entry.setRunOnStart(*values->runOnStart != 0);
+        if (values->interval)
+            entry.setInterval(*values->interval);
+        if (values->retryInterval)
+            entry.setRetryInterval(*values->retryInterval);
+    }
+}
+
+bool ScheduleManager::getLatestSchedules()
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    QFile file(m_scheduleFile);
+    if (!file.open(QIODevice::ReadOnly)) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to read Schedule DB Failed!");
+        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+        return false;
+    }
+    // Read one byte past the cap so an oversized file is recognised whatever
+    // size the file system reports.
+    const QByteArray content = file.read(kMaxScheduleFileBytes + 1);
+    file.close();
+    if (content.size() > kMaxScheduleFileBytes) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Schedule DB larger than %lld bytes, not read.",
+                       static_cast<long long>(kMaxScheduleFileBytes));
+        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+        return false;
+    }
+
+    ScheduleReader reader(content);
+    switch (reader.parse()) {
+    case ScheduleReader::Result::Parsed:
+        break;
+    case ScheduleReader::Result::TooDeep:
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Schedule DB nested deeper than %d levels, not parsed.",
+                       ScheduleReader::kMaxDepth);
+        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+        return false;
+    case ScheduleReader::Result::Malformed:
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "CATCHED");
+        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+        return false;
+    }
+    overlaySchedule(reader, m_scheduleNames, m_schedules);
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    return true;
+}
+
+void ScheduleManager::startScheduler()
+{
+    // Without a fresh schedule from the server the defaults run, even when a
+    // file from an earlier run is on disk.
+    if (!getLatestSceduleFromServer())
+        loadDefaultConfig();
+    runStartUpTasks();
+    runScheduler();
+}
+
+bool ScheduleManager::getLatestSceduleFromServer()
+{
+    if (!getAgentConfigFromServer())
+        return false;
+    return getLatestSchedules();
+}
+
+void ScheduleManager::runScheduler()
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    m_timer->setSingleShot(false);
+    m_timer->start(Common::scaledMs(kTickMs));
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+}
+
+void ScheduleManager::stopScheduler()
+{
+    m_timer->stop();
+}
+
+bool ScheduleManager::isSchedulerRunning() const
+{
+    return m_timer->isActive();
+}
+
+void ScheduleManager::advanceTick(QList<ScheduleInfo>& schedules, const std::function<void(int)>& onDue)
+{
+    const int count = schedules.size();
+    for (int i = 0; i < count && i < schedules.size(); ++i) {
+        if (!schedules.at(i).getEnable())
+            continue;
+        if (schedules.at(i).getCurrentInterval() >= schedules.at(i).getInterval()) {
+            schedules[i].setCurrentInterval(0);
+            onDue(i);
+        }
+        // The run may have replaced the list; only touch what is still there.
+        if (i < schedules.size())
+            schedules[i].increaseCurrentInterval();
+    }
+}
+
+void ScheduleManager::onScheduleTimer()
+{
+    // The lines name this slot, not the lambda.
+    const char* const origin = Q_FUNC_INFO;
+    advanceTick(m_schedules, [this, origin](int i) {
+        const QByteArray name = m_schedules.at(i).getScheduleName().toUtf8();
+        EDR_LOG->Info(origin, "Schedule Matched! Task Name: %s", name.constData());
+        if (sendReportToServer(taskAt(i), QString()))
+            EDR_LOG->Trace(origin, "Successfully send %s report to server.", name.constData());
+        else
+            EDR_LOG->Error(origin, errno, "Failed to send %s report to server.", name.constData());
+    });
+}
+
+bool ScheduleManager::isDueAtStartUp(const ScheduleInfo& entry, const QDateTime& lastRun, const QDateTime& now)
+{
+    if (!entry.getEnable() || !entry.getRunOnStart())
+        return false;
+    return !lastRun.isValid() || lastRun.date() < now.date();
+}
+
+void ScheduleManager::runStartUpTasks()
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    const QDateTime now = QDateTime::currentDateTime();
+    const QList<ScheduleInfo> schedules = m_schedules;
+    for (int i = 0; i < schedules.size() && i < TasksManager::kTaskCount; ++i) {
+        const ScheduleInfo& entry = schedules.at(i);
+        if (!entry.getEnable() || !entry.getRunOnStart())
+            continue;
+        const QDateTime lastRun = m_config.getTaskLastRunTime(entry.getScheduleName());
+        if (isDueAtStartUp(entry, lastRun, now))
+            dispatch(m_tasksManager, taskAt(i), QString());
+    }
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+}
+
+bool ScheduleManager::dispatch(TasksManager& tasks, TasksManager::TASK_NAMES task, const QString& arg)
+{
+    if (m_testDispatch)
+        return m_testDispatch(task, arg);
+    return tasks.sendReportToServer(task, arg);
+}
+
+bool ScheduleManager::sendReportToServer(TasksManager::TASK_NAMES task, const QString& arg)
+{
+    // Scheduled runs carry no parameter, whatever the caller passed.
+    Q_UNUSED(arg);
+    if (!m_tasks && !m_testDispatch)
+        return false;
+    return dispatch(m_tasks ? *m_tasks : m_tasksManager, task, QString());
+}
+
+bool ScheduleManager::sendPendingReport(const QString& path)
+{
+    return m_tasks ? m_tasks->sendPendingReport(path) : m_tasksManager.sendPendingReport(path);
+}
+
+void ScheduleManager::sendPendingReports()
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    const QDir dir(Common::getReportsPath() + QStringLiteral("/edr/pending"));
+    const QFileInfoList entries = dir.entryInfoList(QStringList{QStringLiteral("*.rpt")});
+    for (const QFileInfo& entry : entries) {
+        const QByteArray name = entry.fileName().toUtf8();
+        if (sendPendingReport(entry.absoluteFilePath()))
+            EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Send Pending Report: %s", name.constData());
+        else
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to Send Pending Report: %s", name.constData());
+    }
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+}
+
+bool ScheduleManager::getAgentConfigFromServer()
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    const QString url = ApiManager::getAPI(CONFIG_FILE);
+    QString response;
+    if (!m_httpManager || !m_httpManager->sendDataToServer(false, url, 0, QMap<QString, QString>(), response)) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to get Agent Config file server.");
+        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+        return false;
+    }
+    EDR_LOG->Info(Q_FUNC_INFO, "Successfully get Agent Config file from server.");
+    EDR_LOG->Debug(Q_FUNC_INFO, "Response: %s", qUtf8Printable(response));
+
+    QFile file(m_scheduleFile);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to open Agent Config file for write.");
+        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+        return false;
+    }
+    file.write(response.toUtf8());
+    file.close();
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    return true;
+}
+
+bool ScheduleManager::runAgentUpdater()
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    const QString script = Common::getRootPath() + QStringLiteral("/edragentupd.sh");
+    // The script may stop and replace this process, so it is not waited for
+    // and not run through the tool runner.
+    const bool started = QProcess::startDetached(QStringLiteral("sh"), QStringList{script});
+    if (started)
+        EDR_LOG->Info(Q_FUNC_INFO, "Sucessfully Started Agent Updater.");
+    else
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to start Agent Updater.");
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    return started;
+}
+
+bool ScheduleManager::getLatestAgentFromServer()
+{
+    return runAgentUpdater();
+}
