@@ -195,6 +195,12 @@ ScheduleReader::Result ScheduleReader::parse() noexcept
     // Parsing in place rewrites the buffer, so it happens once.
     if (m_result)
         return *m_result;
+    // An empty download (or one that is only a zero byte) is no schedule at
+    // all; the parser itself would accept it as an empty document.
+    if (m_buffer.empty() || m_buffer.front() == '\0') {
+        m_result = Result::Malformed;
+        return *m_result;
+    }
     if (nestingDepth(m_buffer.data(), kMaxDepth) > kMaxDepth) {
         m_result = Result::TooDeep;
         return *m_result;

@@ -6,6 +6,8 @@
 #include "core/StopRequest.h"
 #include "identity/AgentDetails.h"
 #include "identity/ServerDetails.h"
+#include "push/SocketManager.h"
+#include "schedule/ScheduleManager.h"
 #include "schedule/TasksManager.h"
 
 #include <QCoreApplication>
@@ -74,7 +76,7 @@ void stopService()
 
 void releaseInstances()
 {
-    // ScheduleManager is released first once the scheduler exists.
+    ScheduleManager::releaseInstance();
     ServerDetails::releaseInstance();
     AgentDetails::releaseInstance();
     AgentManager::releaseInstance();
@@ -156,9 +158,17 @@ void ServiceHost::continueStartup()
 {
     if (TasksManager* tasks = TasksManager::getInstance())
         tasks->sendReportToServer(TasksManager::AgentInfo, QString());
+    if (SocketManager* sockets = SocketManager::getInstance()) {
+        sockets->startSocketListner();
+        sockets->connectToServer();
+    }
+    if (ScheduleManager* schedule = ScheduleManager::getInstance())
+        schedule->startScheduler();
 }
 
 void ServiceHost::shutdown()
 {
     m_retryTimer.stop();
+    // Socket threads are stopped and joined before anything they use goes away.
+    SocketManager::releaseInstance();
 }

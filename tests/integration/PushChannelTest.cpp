@@ -1,5 +1,6 @@
 // End to end: commands reach the running agent over both channels.
 
+#include "core/EdrAgentConfig.h"
 #include "support/AgentProcess.h"
 #include "support/ConsoleProcess.h"
 
