@@ -1,6 +1,7 @@
 #include "core/CLogger.h"
 #include "core/Common.h"
 #include "core/EdrAgentConfig.h"
+#include "service/ReportCommand.h"
 #include "service/ServiceHost.h"
 
 #include <QCommandLineParser>
@@ -59,9 +60,16 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "edr-agent: unknown log level '%s'\n", qUtf8Printable(level));
         return 2;
     }
-    if (!parser.positionalArguments().isEmpty()) {
-        std::fprintf(stderr, "edr-agent: unknown command '%s'\n", qUtf8Printable(parser.positionalArguments().first()));
-        return 2;
+    const QStringList positional = parser.positionalArguments();
+    if (!positional.isEmpty()) {
+        if (positional.first() != QLatin1String("report") || positional.size() != 2) {
+            std::fprintf(stderr, "edr-agent: usage: edr-agent [options] report NAME (%s)\n",
+                         qUtf8Printable(ReportCommand::names().join(QStringLiteral(", "))));
+            return 2;
+        }
+        ignoreUnixSignals({SIGPIPE});
+        applyLogLevel(level);
+        return ReportCommand::run(positional.at(1));
     }
 
     if (::getuid() != 0) {

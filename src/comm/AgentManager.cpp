@@ -86,6 +86,14 @@ bool AgentManager::registerAgent()
     return result;
 }
 
+QMap<QString, QString> AgentManager::agentInfoFields()
+{
+    QMap<QString, QString> fields;
+    fields.insert(QStringLiteral("IpAddress"), m_agentDetails->getLocalIpAddress());
+    fields.insert(QStringLiteral("AgentVersion"), m_agentDetails->getAgentVersion());
+    return fields;
+}
+
 bool AgentManager::sendRptToServer(const QString&)
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
@@ -95,10 +103,7 @@ bool AgentManager::sendRptToServer(const QString&)
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;
     }
-    QMap<QString, QString> fields;
-    fields.insert(QStringLiteral("IpAddress"), m_agentDetails->getLocalIpAddress());
-    fields.insert(QStringLiteral("AgentVersion"), m_agentDetails->getAgentVersion());
-    const bool ok = ReportSubmitter::postFields(Q_FUNC_INFO, AGENT_INFO, fields,
+    const bool ok = ReportSubmitter::postFields(Q_FUNC_INFO, AGENT_INFO, agentInfoFields(),
                                                 "Successfully send agent info to server.",
                                                 "Failed to send agent info to server.");
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");

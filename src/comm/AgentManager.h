@@ -2,6 +2,7 @@
 
 #include "core/EdrAgentConfig.h"
 
+#include <QMap>
 #include <QString>
 
 class HttpManager;
@@ -17,6 +18,8 @@ public:
     bool isAgentRegistered();
     bool registerAgent();
     bool sendRptToServer(const QString& arg);
+    // The agent-information report's plain form fields.
+    QMap<QString, QString> agentInfoFields();
 
 private:
     AgentManager();
