@@ -31,5 +31,7 @@ before=$(cpu)
 sleep "$idle"
 after=$(cpu)
 rss=$(awk '/VmRSS/ {print $2}' "/proc/$pid/status")
+anon=$(awk '/RssAnon/ {print $2}' "/proc/$pid/status")
+pss=$(awk '/^Pss:/ {print $2}' "/proc/$pid/smaps_rollup")
 cpu_ms=$(( (after - before) * 1000 / ticks ))
-echo "idle_daemon: reports at start $last, RSS ${rss} kB, CPU ${cpu_ms} ms over ${idle} s idle"
+echo "idle_daemon: reports at start $last, RSS ${rss} kB (anonymous ${anon} kB, PSS ${pss} kB), CPU ${cpu_ms} ms over ${idle} s idle"
