@@ -15,6 +15,12 @@ StartupAppsManager* StartupAppsManager::s_instance = nullptr;
 namespace {
 const QString kAllUsers = QStringLiteral("All Users");
 const QString kHomePrefix = QStringLiteral("/home/");
+
+// Whole bytes: a zero byte is data here, not the end of the text.
+QString utf8(const QByteArray& bytes)
+{
+    return QString::fromUtf8(bytes.constData(), bytes.size());
+}
 } // namespace
 
 StartupAppsManager* StartupAppsManager::getInstance()
@@ -63,7 +69,7 @@ QMap<QString, QString> StartupAppsManager::iniGroup(const QByteArray& text, cons
         if (line.startsWith('[')) {
             const int close = line.indexOf(']');
             const QByteArray name = close < 0 ? line.mid(1) : line.mid(1, close - 1);
-            inGroup = QString::fromUtf8(name) == group;
+            inGroup = utf8(name) == group;
             continue;
         }
         if (!inGroup)
@@ -71,7 +77,7 @@ QMap<QString, QString> StartupAppsManager::iniGroup(const QByteArray& text, cons
         const int eq = line.indexOf('=');
         if (eq <= 0)
             continue;
-        keys.insert(QString::fromUtf8(line.left(eq).trimmed()), QString::fromUtf8(line.mid(eq + 1).trimmed()));
+        keys.insert(utf8(line.left(eq).trimmed()), utf8(line.mid(eq + 1).trimmed()));
     }
     return keys;
 }
