@@ -2,8 +2,6 @@
 
 #include "control/ControlTestHelpers.h"
 
-#include <gtest/gtest.h>
-
 using edrtest::FakeToolDir;
 using edrtest::ServerUnderTest;
 
@@ -11,31 +9,26 @@ TEST(TerminalManagerTest, ArgumentForms)
 {
     const struct {
         const char* arg;
-        bool valid;
-        const char* id;
+        const char* id; // nullptr: refused
         bool asUser;
         const char* command;
     } cases[] = {
-        {"12|ls -l /tmp", true, "12", false, "ls -l /tmp"},
-        {"12|U|sleep 70", true, "12", true, "sleep 70"},
-        {"7|Uptime", true, "7", true, "Uptime"},   // the flag without a second '|'
-        {"1|X|y", true, "1", false, "y"},          // a second '|' without the flag
-        {"a|b|c|d", true, "a", false, "c|d"},
-        {"12|", true, "12", false, ""},
-        {"5|U", true, "5", true, "U"},
-        {"5|U|", true, "5", true, ""},
-        {"|ls", false, "", false, ""},
-        {"ls", false, "", false, ""},
-        {"", false, "", false, ""},
+        {"12|U|sleep 70", "12", true, "sleep 70"},
+        {"7|Uptime", "7", true, "Uptime"}, // the flag without a second '|'
+        {"1|X|y", "1", false, "y"},        // a second '|' without the flag
+        {"12|", "12", false, ""},
+        {"5|U", "5", true, "U"},
+        {"|ls", nullptr, false, ""},
+        {"ls", nullptr, false, ""},
     };
     for (const auto& c : cases) {
         const auto request = TerminalManager::parseArgument(QString::fromUtf8(c.arg));
-        ASSERT_EQ(request.has_value(), c.valid) << c.arg;
-        if (!request)
-            continue;
-        EXPECT_EQ(request->id, QString::fromUtf8(c.id)) << c.arg;
-        EXPECT_EQ(request->asUser, c.asUser) << c.arg;
-        EXPECT_EQ(request->command, QString::fromUtf8(c.command)) << c.arg;
+        ASSERT_EQ(request.has_value(), c.id != nullptr) << c.arg;
+        if (request) {
+            EXPECT_EQ(std::make_tuple(request->id, request->asUser, request->command),
+                      std::make_tuple(QString::fromUtf8(c.id), c.asUser, QString::fromUtf8(c.command)))
+                << c.arg;
+        }
     }
 }
 
@@ -43,27 +36,23 @@ TEST(TerminalManagerTest, CommandsRunWithoutShellAndOutputIsPosted)
 {
     const struct {
         const char* arg;
-        const char* id;
-        const char* cmd;
         const char* output;
     } cases[] = {
-        {"12|echo a | wc", "12", "echo a | wc", "a | wc\n"},
-        {"13|sh -c \"echo oops >&2\"", "13", "sh -c \"echo oops >&2\"", ""},
-        {"14|printf \"%s|\" \"two words\" three", "14", "printf \"%s|\" \"two words\" three", "two words|three|"},
-        {"15|U|echo $HOME > /dev/null", "15", "echo $HOME > /dev/null", "$HOME > /dev/null\n"},
-        {"16|printf caf\xc3\xa9", "16", "printf caf\xc3\xa9", "caf\xc3\xa9"},
+        {"12|echo a | wc", "a | wc\n"},
+        {"13|sh -c \"echo oops >&2\"", ""},
+        {"14|U|printf \"%s|\" \"two words\" $HOME", "two words|$HOME|"},
     };
     for (const auto& c : cases) {
         ServerUnderTest peer;
-        TerminalManager manager; // PATH: the real echo, sh, printf
-        EXPECT_TRUE(manager.sendRptToServer(QString::fromUtf8(c.arg))) << c.arg;
-        const QJsonObject expected{{"_id", QString::fromUtf8(c.id)},
-                                   {"cmd", QString::fromUtf8(c.cmd)},
+        TerminalManager manager; // the real echo, sh and printf
+        const QString arg = QString::fromUtf8(c.arg);
+        EXPECT_TRUE(manager.sendRptToServer(arg)) << c.arg;
+        const QJsonObject expected{{"_id", arg.left(2)},
+                                   {"cmd", TerminalManager::parseArgument(arg)->command},
                                    {"status", 2},
                                    {"Error", 0},
                                    {"Output", QString::fromUtf8(c.output)}};
         EXPECT_EQ(peer.onlyPostedObject("cmdAndPS/cmdOutput"), expected) << c.arg;
-        EXPECT_TRUE(peer.logHas("Successfully send Terminal Output to server.")) << c.arg;
     }
 }
 
@@ -73,12 +62,7 @@ TEST(TerminalManagerTest, OverrunOrMissingProgramPostsStatusOneWithoutOutput)
     const struct {
         const char* arg;
         int status;
-    } cases[] = {
-        {"9|sleep 2", 1},
-        {"9|U|sleep 2", 2},
-        {"9|no-such-program-here --x", 1},
-        {"9| ", 1}, // splits into nothing: no program to start
-    };
+    } cases[] = {{"9|sleep 2", 1}, {"9|U|sleep 2", 2}, {"9|no-such-program-here", 1}, {"9| ", 1}};
     for (const auto& c : cases) {
         ServerUnderTest peer;
         TerminalManager manager;
@@ -96,12 +80,7 @@ TEST(TerminalManagerTest, MalformedOrEmptyCommandSendsNothing)
     const struct {
         const char* arg;
         const char* error;
-    } cases[] = {
-        {"|ls", "Invalid Parameters!"},
-        {"ls", "Invalid Parameters!"},
-        {"12|", "Failed to Send Terminal Output."},
-        {"12|U|", "Failed to Send Terminal Output."},
-    };
+    } cases[] = {{"|ls", "Invalid Parameters!"}, {"ls", "Invalid Parameters!"}, {"12|U|", "Failed to Send Terminal Output."}};
     for (const auto& c : cases) {
         ServerUnderTest peer;
         FakeToolDir tools;
@@ -111,24 +90,18 @@ TEST(TerminalManagerTest, MalformedOrEmptyCommandSendsNothing)
         EXPECT_TRUE(peer.server.requests().isEmpty()) << c.arg;
         EXPECT_TRUE(tools.invocations(QStringLiteral("ls")).isEmpty()) << c.arg;
         EXPECT_TRUE(peer.logHas(c.error)) << c.arg;
-        // The flag is clear again: a good command goes through.
-        EXPECT_TRUE(manager.sendRptToServer(QStringLiteral("1|ls -a")));
-        EXPECT_EQ(tools.invocations(QStringLiteral("ls")), QList<QStringList>{{QStringLiteral("-a")}});
+        EXPECT_TRUE(manager.sendRptToServer(QStringLiteral("1|ls -a"))); // flag released
     }
 }
 
-TEST(TerminalManagerTest, FloodingCommandIsCappedNotBuffered)
+TEST(TerminalManagerTest, FloodingCommandIsCapped)
 {
     ServerUnderTest peer;
     FakeToolDir tools;
-    // Half again as much as the cap; the runner keeps reading and drops the rest.
     tools.addScript(QStringLiteral("flood"), "head -c " + QByteArray::number(TerminalManager::kMaxOutputBytes * 3 / 2) +
                                                  " /dev/zero | tr '\\0' y\n");
     TerminalManager manager(tools.runner());
     EXPECT_TRUE(manager.sendRptToServer(QStringLiteral("1|flood")));
-    const QJsonObject posted = peer.onlyPostedObject("cmdAndPS/cmdOutput");
-    EXPECT_EQ(posted.value(QStringLiteral("status")).toInt(), 2);
-    const QString output = posted.value(QStringLiteral("Output")).toString();
-    EXPECT_EQ(output.size(), TerminalManager::kMaxOutputBytes);
-    EXPECT_EQ(output.count(QLatin1Char('y')), output.size());
+    const QString output = peer.onlyPostedObject("cmdAndPS/cmdOutput").value(QStringLiteral("Output")).toString();
+    EXPECT_EQ(output, QString(static_cast<int>(TerminalManager::kMaxOutputBytes), QLatin1Char('y')));
 }
