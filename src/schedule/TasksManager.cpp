@@ -1,6 +1,10 @@
 #include "schedule/TasksManager.h"
 
 #include "comm/AgentManager.h"
+#include "control/FirewallManager.h"
+#include "control/OSQueryManager.h"
+#include "control/StartupAppsManager.h"
+#include "control/TerminalManager.h"
 
 #include <QFile>
 
@@ -21,7 +25,13 @@ void TasksManager::releaseInstance()
     s_instance = nullptr;
 }
 
-TasksManager::TasksManager() : m_agentManager(AgentManager::getInstance()) {}
+// Constructing the dispatcher creates every manager singleton.
+TasksManager::TasksManager()
+    : m_agentManager(AgentManager::getInstance()), m_startupAppsManager(StartupAppsManager::getInstance()),
+      m_firewallManager(FirewallManager::getInstance()), m_terminalManager(TerminalManager::getInstance()),
+      m_osQueryManager(OSQueryManager::getInstance())
+{
+}
 
 QStringList TasksManager::taskNames()
 {
@@ -44,8 +54,19 @@ bool TasksManager::sendReportToServer(TASK_NAMES task, const QString& parameter)
 {
     switch (task) {
     case AgentInfo:
-        if (m_agentManager)
-            m_agentManager->sendRptToServer(parameter);
+        m_agentManager->sendRptToServer(parameter);
+        break;
+    case StartUp:
+        m_startupAppsManager->sendRptToServer(parameter);
+        break;
+    case MTasks:
+        m_terminalManager->sendRptToServer(parameter);
+        break;
+    case WindowsFirewallStatus:
+        m_firewallManager->sendRptToServer(parameter);
+        break;
+    case OS_Query:
+        m_osQueryManager->sendRptToServer(parameter);
         break;
     default:
         break;
@@ -55,8 +76,13 @@ bool TasksManager::sendReportToServer(TASK_NAMES task, const QString& parameter)
 
 bool TasksManager::executeSendReportToServer(TASK_NAMES task, const QString& parameter)
 {
-    Q_UNUSED(parameter);
     switch (task) {
+    case StartUp:
+        m_startupAppsManager->executeSendReportToServer(parameter);
+        break;
+    case WindowsFirewallStatus:
+        m_firewallManager->executeSendReportToServer(parameter);
+        break;
     default:
         break;
     }

@@ -4,6 +4,10 @@
 #include <QStringList>
 
 class AgentManager;
+class StartupAppsManager;
+class FirewallManager;
+class TerminalManager;
+class OSQueryManager;
 
 // Turns a task number into a call on the manager that owns the work. Returns
 // false whatever the manager did: only the managers' own log lines tell.
@@ -53,4 +57,8 @@ public:
 private:
     static TasksManager* s_instance;
     AgentManager* m_agentManager;
+    StartupAppsManager* m_startupAppsManager;
+    FirewallManager* m_firewallManager;
+    TerminalManager* m_terminalManager;
+    OSQueryManager* m_osQueryManager;
 };

@@ -1,6 +1,8 @@
 #include "service/ReportCommand.h"
 
 #include "comm/AgentManager.h"
+#include "control/FirewallManager.h"
+#include "control/StartupAppsManager.h"
 
 #include <QJsonDocument>
 
@@ -22,6 +24,8 @@ const std::map<QString, Collector>& collectors()
                  body.insert(f.key(), f.value());
              return true;
          }},
+        {QStringLiteral("startup"), [](QJsonObject& body) { return StartupAppsManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("firewall"), [](QJsonObject& body) { return FirewallManager::getInstance()->collectReport(body); }},
     };
     return table;
 }
