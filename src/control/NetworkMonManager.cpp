@@ -250,7 +250,7 @@ bool NetworkMonManager::getNetworkPortList(QJsonObject& report)
         QJsonArray connections;
         const ToolResult lsof = m_runner.run(QStringLiteral("lsof"),
                                              {QStringLiteral("-P"), QStringLiteral("-n"), QStringLiteral("-i")},
-                                             kToolTimeoutMs);
+                                             m_toolTimeoutMs);
         if (!lsof.started || lsof.timedOut)
             EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "lsof gave no answer (%s); no ports from it",
                            qUtf8Printable(lsof.errorText));
@@ -271,7 +271,7 @@ bool NetworkMonManager::getNetworkPortList(QJsonObject& report)
 
 void NetworkMonManager::getListeningPorts(QJsonArray& listening)
 {
-    const ToolResult ss = m_runner.run(QStringLiteral("ss"), {QStringLiteral("-tulnpH")}, kToolTimeoutMs);
+    const ToolResult ss = m_runner.run(QStringLiteral("ss"), {QStringLiteral("-tulnpH")}, m_toolTimeoutMs);
     if (!ss.started || ss.timedOut) {
         EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "ss gave no answer (%s); no ports from it", qUtf8Printable(ss.errorText));
         return;

@@ -53,13 +53,15 @@ public:
     // feed, carriage return), keeping or dropping the empty parts.
     static QStringList splitWhitespace(const QString& line, bool keepEmpty);
 
-    static constexpr int kToolTimeoutMs = ToolRunner::kDefaultTimeoutMs;
+    // Every tool run is bounded; tests shorten the limit.
+    void setToolTimeoutMs(int ms) { m_toolTimeoutMs = ms; }
 
 private:
     static NetworkMonManager* s_instance;
 
     HostPaths m_host;
     ToolRunner m_runner;
+    int m_toolTimeoutMs = ToolRunner::kDefaultTimeoutMs;
     ProcessInfo m_info;
     bool m_reportBusy = false;
 };

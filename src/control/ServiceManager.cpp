@@ -170,7 +170,7 @@ void ServiceManager::getServiceInfo(const QString& name, ServiceInfo& info)
     if (!isSafeServiceName(name))
         return;
     QStringList names{name};
-    const ToolResult result = m_runner.run(QStringLiteral("systemctl"), showArguments(names), kToolTimeoutMs);
+    const ToolResult result = m_runner.run(QStringLiteral("systemctl"), showArguments(names), m_toolTimeoutMs);
     applyProperties(QString::fromUtf8(result.standardOutput).split(QLatin1Char('\n')), info);
 }
 
@@ -196,7 +196,7 @@ void ServiceManager::fillServiceInfos(QList<ServiceInfo>& services)
         QStringList names;
         for (int k = from; k < shared.size(); ++k)
             names << services.at(shared.at(k)).getName();
-        const ToolResult result = m_runner.run(QStringLiteral("systemctl"), showArguments(names), kToolTimeoutMs);
+        const ToolResult result = m_runner.run(QStringLiteral("systemctl"), showArguments(names), m_toolTimeoutMs);
         if (!result.started || result.timedOut) {
             EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "systemctl show gave no answer (%s); services have no properties",
                            qUtf8Printable(result.errorText));
@@ -242,7 +242,7 @@ bool ServiceManager::getListOfServices(QJsonObject& report)
                                            {QStringLiteral("list-unit-files"), QStringLiteral("--type=service"),
                                             QStringLiteral("--no-pager"), QStringLiteral("--all"),
                                             QStringLiteral("--plain")},
-                                           kToolTimeoutMs);
+                                           m_toolTimeoutMs);
     if (!result.started || result.timedOut)
         EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "systemctl list-unit-files gave no answer (%s)",
                        qUtf8Printable(result.errorText));
@@ -277,7 +277,7 @@ QString ServiceManager::getServiceProperty(const QString& name, const QString& p
     const ToolResult result =
         m_runner.run(QStringLiteral("systemctl"),
                      {QStringLiteral("show"), name, QStringLiteral("--property=") + property, QStringLiteral("--value")},
-                     kToolTimeoutMs);
+                     m_toolTimeoutMs);
     return QString::fromUtf8(result.standardOutput);
 }
 
@@ -287,7 +287,7 @@ unsigned int ServiceManager::getServiceState(const QString& name)
     if (!isSafeServiceName(name))
         return 0;
     const ToolResult result =
-        m_runner.run(QStringLiteral("systemctl"), {QStringLiteral("is-enabled"), name}, kToolTimeoutMs);
+        m_runner.run(QStringLiteral("systemctl"), {QStringLiteral("is-enabled"), name}, m_toolTimeoutMs);
     // The answer ends with a line feed, so this never matches; nothing relies on it.
     return QString::fromUtf8(result.standardOutput) == QLatin1String("enabled") ? 1 : 0;
 }
@@ -299,7 +299,7 @@ bool ServiceManager::runOrder(const QString& verb, const QString& name)
                        qUtf8Printable(name));
         return false;
     }
-    const ToolResult result = m_runner.run(QStringLiteral("systemctl"), {verb, name}, kToolTimeoutMs);
+    const ToolResult result = m_runner.run(QStringLiteral("systemctl"), {verb, name}, m_toolTimeoutMs);
     return result.ok();
 }
 
