@@ -5,6 +5,9 @@
 #include "core/CLogger.h"
 
 #include <QDir>
+#include <QThread>
+
+#include <memory>
 
 #include <cerrno>
 
@@ -246,17 +249,24 @@ bool NetworkMonManager::getNetworkPortList(QJsonObject& report)
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     try {
-        QJsonArray listening;
-        QJsonArray connections;
+        // ss runs beside lsof: the report then waits for the slower of the two
+        // only. The helper thread is joined before anything is parsed.
+        ToolResult ss;
+        std::unique_ptr<QThread> ssThread(QThread::create([this, &ss] { ss = runSs(); }));
+        ssThread->start();
         const ToolResult lsof = m_runner.run(QStringLiteral("lsof"),
                                              {QStringLiteral("-P"), QStringLiteral("-n"), QStringLiteral("-i")},
                                              m_toolTimeoutMs);
+        ssThread->wait();
+
+        QJsonArray listening;
+        QJsonArray connections;
         if (!lsof.started || lsof.timedOut)
             EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "lsof gave no answer (%s); no ports from it",
                            qUtf8Printable(lsof.errorText));
         else
             parseLsofOutput(lsof.standardOutput, listening, connections);
-        getListeningPorts(listening);
+        appendListeningPorts(ss, listening);
         if (!listening.isEmpty())
             report.insert(QStringLiteral("ListeningPorts"), listening);
         if (!connections.isEmpty())
@@ -269,14 +279,23 @@ bool NetworkMonManager::getNetworkPortList(QJsonObject& report)
     return true;
 }
 
-void NetworkMonManager::getListeningPorts(QJsonArray& listening)
+ToolResult NetworkMonManager::runSs() const
 {
-    const ToolResult ss = m_runner.run(QStringLiteral("ss"), {QStringLiteral("-tulnpH")}, m_toolTimeoutMs);
+    return m_runner.run(QStringLiteral("ss"), {QStringLiteral("-tulnpH")}, m_toolTimeoutMs);
+}
+
+void NetworkMonManager::appendListeningPorts(const ToolResult& ss, QJsonArray& listening) const
+{
     if (!ss.started || ss.timedOut) {
         EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "ss gave no answer (%s); no ports from it", qUtf8Printable(ss.errorText));
         return;
     }
     parseSsOutput(ss.standardOutput, listening, [this](int pid) { return m_info.getProcessPathByPID(pid); });
+}
+
+void NetworkMonManager::getListeningPorts(QJsonArray& listening)
+{
+    appendListeningPorts(runSs(), listening);
 }
 
 bool NetworkMonManager::getUsedPortList(QJsonObject& report)

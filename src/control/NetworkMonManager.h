@@ -57,6 +57,9 @@ public:
     void setToolTimeoutMs(int ms) { m_toolTimeoutMs = ms; }
 
 private:
+    ToolResult runSs() const;
+    void appendListeningPorts(const ToolResult& ss, QJsonArray& listening) const;
+
     static NetworkMonManager* s_instance;
 
     HostPaths m_host;
