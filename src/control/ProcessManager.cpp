@@ -130,6 +130,7 @@ bool ProcessManager::getRunningProcess(QJsonObject& report)
         report.insert(QStringLiteral("Process"), list);
     } catch (...) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "CATCHED");
+        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;
     }
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");

@@ -15,11 +15,6 @@ QJsonObject expectedBody(const QString& name)
     return QJsonDocument::fromJson(edrtest::readFixture(QStringLiteral("expected/network/") + name)).object();
 }
 
-QJsonObject obj(std::initializer_list<QPair<QString, QJsonValue>> pairs)
-{
-    return QJsonObject(pairs);
-}
-
 TEST(NetworkMonManagerTest, ReportFromCapturedLsofAndSs)
 {
     FakeToolDir tools;
@@ -48,20 +43,20 @@ TEST(NetworkMonManagerTest, LsofLinesOfEveryShape)
     QJsonArray listening, connections;
     NetworkMonManager::parseLsofOutput(output, listening, connections);
     const QJsonArray expectedListening{
-        obj({{"FilePath", "nginx"}, {"LocalIP", "*"}, {"LocalPort", 80}, {"PID", 77}, {"ProcessName", "nginx"},
+        QJsonObject({{"FilePath", "nginx"}, {"LocalIP", "*"}, {"LocalPort", 80}, {"PID", 77}, {"ProcessName", "nginx"},
              {"Protocol", "TCP"}, {"State", 2}}),
         // Missing columns are empty texts: an empty state word means listening.
-        obj({{"FilePath", "short"}, {"LocalIP", ""}, {"LocalPort", 0}, {"PID", 0}, {"ProcessName", "short"},
+        QJsonObject({{"FilePath", "short"}, {"LocalIP", ""}, {"LocalPort", 0}, {"PID", 0}, {"ProcessName", "short"},
              {"Protocol", ""}, {"State", 2}}),
     };
     const QJsonArray expectedConnections{
-        obj({{"FilePath", "curl"}, {"LocalIP", "[fe80::1]"}, {"LocalPort", 5123}, {"PID", 91},
+        QJsonObject({{"FilePath", "curl"}, {"LocalIP", "[fe80::1]"}, {"LocalPort", 5123}, {"PID", 91},
              {"ProcessName", "curl"}, {"Protocol", "TCP"}, {"RemoteIP", "[2001:db8::2]"}, {"RemotePort", 443},
              {"State", 5}}),
-        obj({{"FilePath", "curl"}, {"LocalIP", "10.0.0.1"}, {"LocalPort", 5124}, {"PID", 92},
+        QJsonObject({{"FilePath", "curl"}, {"LocalIP", "10.0.0.1"}, {"LocalPort", 5124}, {"PID", 92},
              {"ProcessName", "curl"}, {"Protocol", "TCP"}, {"RemoteIP", "10.0.0.2"}, {"RemotePort", 443},
              {"State", 1}}),
-        obj({{"FilePath", "odd"}, {"LocalIP", "10.0.0.1"}, {"LocalPort", 5125}, {"PID", 93}, {"ProcessName", "odd"},
+        QJsonObject({{"FilePath", "odd"}, {"LocalIP", "10.0.0.1"}, {"LocalPort", 5125}, {"PID", 93}, {"ProcessName", "odd"},
              {"Protocol", "TCP"}, {"RemoteIP", ""}, {"RemotePort", 0}, {"State", 8}}),
     };
     EXPECT_EQ(listening, expectedListening);
@@ -89,29 +84,23 @@ TEST(NetworkMonManagerTest, SsProcessPartIsReadFromColumnFiveOnlyWhenThere)
         return QStringLiteral("/usr/sbin/nginx");
     });
     const QJsonArray expected{
-        obj({{"LocalIP", "0.0.0.0"}, {"LocalPort", 22}, {"Protocol", "tcp"}, {"RemoteIP", "0.0.0.0"},
+        QJsonObject({{"LocalIP", "0.0.0.0"}, {"LocalPort", 22}, {"Protocol", "tcp"}, {"RemoteIP", "0.0.0.0"},
              {"RemotePort", 0}, {"State", 2}}),
-        obj({{"FilePath", "/usr/sbin/nginx"}, {"LocalIP", "10.0.0.5"}, {"LocalPort", 80}, {"PID", 77},
+        QJsonObject({{"FilePath", "/usr/sbin/nginx"}, {"LocalIP", "10.0.0.5"}, {"LocalPort", 80}, {"PID", 77},
              {"ProcessName", "\"nginx\""}, {"Protocol", "tcp"}, {"RemoteIP", "users"},
              {"RemotePort", 0}, {"State", 2}}),
-        obj({{"LocalIP", "[::]"}, {"LocalPort", 53}, {"Protocol", "udp"}, {"RemoteIP", "(nameonly))"},
+        QJsonObject({{"LocalIP", "[::]"}, {"LocalPort", 53}, {"Protocol", "udp"}, {"RemoteIP", "(nameonly))"},
              {"RemotePort", 0}, {"State", 2}}),
-        obj({{"LocalIP", "1.2.3.4"}, {"LocalPort", 5}, {"Protocol", "tcp"}, {"RemoteIP", ""}, {"RemotePort", 0}}),
+        QJsonObject({{"LocalIP", "1.2.3.4"}, {"LocalPort", 5}, {"Protocol", "tcp"}, {"RemoteIP", ""}, {"RemotePort", 0}}),
     };
     EXPECT_EQ(listening, expected);
     EXPECT_EQ(asked, QList<int>{77});
 }
 
-TEST(NetworkMonManagerTest, StateTablesKeepTheirAsymmetries)
+TEST(NetworkMonManagerTest, StateTablesAndAddressDecoding)
 {
-    const QPair<QString, int> words[] = {{QString(), 2},
-                                         {QStringLiteral("(LISTEN)"), 2},
-                                         {QStringLiteral("(ESTABLISHED)"), 5},
-                                         {QStringLiteral("(CLOSE_WAIT)"), 8},
-                                         {QStringLiteral("(TIME_WAIT)"), 11},
-                                         {QStringLiteral("(listen)"), 1},
-                                         {QStringLiteral("LISTEN"), 1},
-                                         {QStringLiteral("(SYN_SENT)"), 1}};
+    const QPair<QString, int> words[] = {{"", 2},          {"(LISTEN)", 2}, {"(ESTABLISHED)", 5}, {"(CLOSE_WAIT)", 8},
+                                         {"(TIME_WAIT)", 11}, {"(listen)", 1}, {"LISTEN", 1},         {"(SYN_SENT)", 1}};
     for (const auto& w : words)
         EXPECT_EQ(NetworkMonManager::getState(w.first), w.second) << qPrintable(w.first);
     const int kernel[] = {5, 3, 4, 6, 7, 11, 1, 8, 10, 2, 9, 12};
@@ -119,66 +108,48 @@ TEST(NetworkMonManagerTest, StateTablesKeepTheirAsymmetries)
         EXPECT_EQ(NetworkMonManager::getState(i), kernel[i]) << i;
     EXPECT_EQ(NetworkMonManager::getState(12), 12);
     EXPECT_EQ(NetworkMonManager::getState(-3), -3);
-}
 
-TEST(NetworkMonManagerTest, KernelAddressDecoding)
-{
-    EXPECT_EQ(NetworkMonManager::hexToIPv4(QStringLiteral("0100007F")), QStringLiteral("127.0.0.1"));
-    EXPECT_EQ(NetworkMonManager::hexToIPv4(QStringLiteral("0501A8C0")), QStringLiteral("192.168.1.5"));
-    EXPECT_EQ(NetworkMonManager::hexToIPv4(QStringLiteral("00000000")), QStringLiteral("0.0.0.0"));
-    EXPECT_EQ(NetworkMonManager::hexToIPv4(QStringLiteral("zz")), QString());
-    EXPECT_EQ(NetworkMonManager::hexToIPv6(QStringLiteral("00000000000000000000000000000000")), QStringLiteral("::"));
+    EXPECT_EQ(NetworkMonManager::hexToIPv4("0100007F"), "127.0.0.1");
+    EXPECT_EQ(NetworkMonManager::hexToIPv4("0501A8C0"), "192.168.1.5");
+    EXPECT_EQ(NetworkMonManager::hexToIPv4("zz"), QString());
+    EXPECT_EQ(NetworkMonManager::hexToIPv6("00000000000000000000000000000000"), "::");
     // Groups stay in the order they stand: the kernel's ::1 reads like this.
-    EXPECT_EQ(NetworkMonManager::hexToIPv6(QStringLiteral("00000000000000000000000001000000")),
-              QStringLiteral("0000:0000:0000:0000:0000:0000:0100:0000"));
-    EXPECT_EQ(NetworkMonManager::hexToIPv6(QStringLiteral("ABCD")), QStringLiteral("ABCD:::::::"));
-    EXPECT_TRUE(NetworkMonManager::isNumeric(QStringLiteral("8853")));
-    EXPECT_FALSE(NetworkMonManager::isNumeric(QStringLiteral("self")));
+    EXPECT_EQ(NetworkMonManager::hexToIPv6("00000000000000000000000001000000"), "0000:0000:0000:0000:0000:0000:0100:0000");
+    EXPECT_EQ(NetworkMonManager::hexToIPv6("ABCD"), "ABCD:::::::");
 }
 
 TEST(NetworkMonManagerTest, ProcWayReadsKernelTables)
 {
-    NetworkMonManager manager(HostPaths::fromFixtureRoot(edrtest::fixturePath(QStringLiteral("roots/network"))),
-                              ToolRunner(QStringList()));
+    NetworkMonManager manager(HostPaths::fromFixtureRoot(edrtest::fixturePath("roots/network")), ToolRunner(QStringList()));
     QJsonObject body;
     ASSERT_TRUE(manager.getUsedPortList(body));
-    const QJsonArray listening = body.value(QStringLiteral("ListeningPorts")).toArray();
-    const QJsonArray connections = body.value(QStringLiteral("TCPConnections")).toArray();
-    auto find = [](const QJsonArray& list, const QString& protocol, int port) {
-        for (const QJsonValue& v : list)
-            if (v[QStringLiteral("Protocol")] == protocol && v[QStringLiteral("LocalPort")].toInt() == port)
+    auto find = [&](const char* list, const char* protocol, int port) {
+        for (const QJsonValue& v : body[QLatin1String(list)].toArray())
+            if (v["Protocol"] == protocol && v["LocalPort"] == port)
                 return v.toObject();
         return QJsonObject();
     };
-    const QJsonObject common{{QStringLiteral("PID"), 8853},
-                             {QStringLiteral("ProcessName"), QStringLiteral("python3\n")},
-                             {QStringLiteral("FilePath"),
-                              QStringLiteral("/root/.pyenv/versions/3.11.7/bin/python3.11")}};
-    QJsonObject tcp = common;
-    tcp.insert(QStringLiteral("Protocol"), QStringLiteral("TCP"));
-    tcp.insert(QStringLiteral("LocalIP"), QStringLiteral("127.0.0.1"));
-    tcp.insert(QStringLiteral("LocalPort"), 45671);
-    tcp.insert(QStringLiteral("State"), 9); // the kernel's LISTEN (10) in our numbering
-    EXPECT_EQ(find(listening, QStringLiteral("TCP"), 45671), tcp);
-    QJsonObject udp6 = common;
-    udp6.insert(QStringLiteral("Protocol"), QStringLiteral("UPD6"));
-    udp6.insert(QStringLiteral("LocalIP"), QStringLiteral("::"));
-    udp6.insert(QStringLiteral("LocalPort"), 45674);
-    udp6.insert(QStringLiteral("State"), 8);
-    EXPECT_EQ(find(listening, QStringLiteral("UPD6"), 45674), udp6);
-    EXPECT_FALSE(find(listening, QStringLiteral("UPD"), 45673).isEmpty());
-    QJsonObject v6 = common;
-    v6.insert(QStringLiteral("Protocol"), QStringLiteral("TCP6"));
-    v6.insert(QStringLiteral("LocalIP"), QStringLiteral("0000:0000:0000:0000:0000:0000:0100:0000"));
-    v6.insert(QStringLiteral("LocalPort"), 60604);
-    v6.insert(QStringLiteral("RemoteIP"), QStringLiteral("0000:0000:0000:0000:0000:0000:0100:0000"));
-    v6.insert(QStringLiteral("RemotePort"), 45672);
-    v6.insert(QStringLiteral("State"), 3); // ESTABLISHED (1)
-    EXPECT_EQ(find(connections, QStringLiteral("TCP6"), 60604), v6);
+    auto record = [](std::initializer_list<QPair<QString, QJsonValue>> own) {
+        QJsonObject r{{"PID", 8853}, {"ProcessName", "python3\n"},
+                      {"FilePath", "/root/.pyenv/versions/3.11.7/bin/python3.11"}};
+        for (const auto& p : own)
+            r.insert(p.first, p.second);
+        return r;
+    };
+    // The kernel's LISTEN (10) and unconnected UDP (7) in our numbering; "UPD" as the server spells it.
+    EXPECT_EQ(find("ListeningPorts", "TCP", 45671),
+              record({{"Protocol", "TCP"}, {"LocalIP", "127.0.0.1"}, {"LocalPort", 45671}, {"State", 9}}));
+    EXPECT_EQ(find("ListeningPorts", "UPD6", 45674),
+              record({{"Protocol", "UPD6"}, {"LocalIP", "::"}, {"LocalPort", 45674}, {"State", 8}}));
+    EXPECT_FALSE(find("ListeningPorts", "UPD", 45673).isEmpty());
+    const QString loop6 = "0000:0000:0000:0000:0000:0000:0100:0000";
+    EXPECT_EQ(find("TCPConnections", "TCP6", 60604),
+              record({{"Protocol", "TCP6"}, {"LocalIP", loop6}, {"LocalPort", 60604}, {"RemoteIP", loop6},
+                      {"RemotePort", 45672}, {"State", 3}}));
     // Truncated and garbled tables lose only their broken lines.
     QJsonArray l, c;
-    NetworkMonManager::parseConnectionTable("  sl local\n   0: 0100007F:B267 00000000:0000 0A\n   1: zz\n   2:", 1,
-                                            QStringLiteral("TCP"), QString(), QString(), l, c);
+    NetworkMonManager::parseConnectionTable("  sl local\n   0: 0100007F:B267 00000000:0000 0A\n   1: zz\n   2:", 1, "TCP",
+                                            QString(), QString(), l, c);
     EXPECT_EQ(l.size(), 1);
     EXPECT_TRUE(c.isEmpty());
 }
