@@ -2,6 +2,9 @@
 
 #include "comm/AgentManager.h"
 #include "control/FirewallManager.h"
+#include "control/NetworkMonManager.h"
+#include "control/ProcessManager.h"
+#include "control/ServiceManager.h"
 #include "control/OSQueryManager.h"
 #include "control/StartupAppsManager.h"
 #include "control/TerminalManager.h"
@@ -27,8 +30,9 @@ void TasksManager::releaseInstance()
 
 // Constructing the dispatcher creates every manager singleton.
 TasksManager::TasksManager()
-    : m_agentManager(AgentManager::getInstance()), m_startupAppsManager(StartupAppsManager::getInstance()),
-      m_firewallManager(FirewallManager::getInstance()), m_terminalManager(TerminalManager::getInstance()),
+    : m_agentManager(AgentManager::getInstance()), m_processManager(ProcessManager::getInstance()),
+      m_serviceManager(ServiceManager::getInstance()), m_startupAppsManager(StartupAppsManager::getInstance()),
+      m_networkMonManager(NetworkMonManager::getInstance()), m_firewallManager(FirewallManager::getInstance()), m_terminalManager(TerminalManager::getInstance()),
       m_osQueryManager(OSQueryManager::getInstance())
 {
 }
@@ -59,6 +63,15 @@ bool TasksManager::sendReportToServer(TASK_NAMES task, const QString& parameter)
     case StartUp:
         m_startupAppsManager->sendRptToServer(parameter);
         break;
+    case Services:
+        m_serviceManager->sendRptToServer(parameter);
+        break;
+    case Processes:
+        m_processManager->sendRptToServer(parameter);
+        break;
+    case Network_Mon:
+        m_networkMonManager->sendRptToServer(parameter);
+        break;
     case MTasks:
         m_terminalManager->sendRptToServer(parameter);
         break;
@@ -79,6 +92,12 @@ bool TasksManager::executeSendReportToServer(TASK_NAMES task, const QString& par
     switch (task) {
     case StartUp:
         m_startupAppsManager->executeSendReportToServer(parameter);
+        break;
+    case Services:
+        m_serviceManager->executeSendReportToServer(parameter);
+        break;
+    case Processes:
+        m_processManager->executeSendReportToServer(parameter);
         break;
     case WindowsFirewallStatus:
         m_firewallManager->executeSendReportToServer(parameter);

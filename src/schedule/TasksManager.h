@@ -5,6 +5,9 @@
 
 class AgentManager;
 class StartupAppsManager;
+class ProcessManager;
+class ServiceManager;
+class NetworkMonManager;
 class FirewallManager;
 class TerminalManager;
 class OSQueryManager;
@@ -57,7 +60,10 @@ public:
 private:
     static TasksManager* s_instance;
     AgentManager* m_agentManager;
+    ProcessManager* m_processManager;
+    ServiceManager* m_serviceManager;
     StartupAppsManager* m_startupAppsManager;
+    NetworkMonManager* m_networkMonManager;
     FirewallManager* m_firewallManager;
     TerminalManager* m_terminalManager;
     OSQueryManager* m_osQueryManager;

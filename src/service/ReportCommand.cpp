@@ -2,6 +2,9 @@
 
 #include "comm/AgentManager.h"
 #include "control/FirewallManager.h"
+#include "control/NetworkMonManager.h"
+#include "control/ProcessManager.h"
+#include "control/ServiceManager.h"
 #include "control/StartupAppsManager.h"
 
 #include <QJsonDocument>
@@ -25,6 +28,9 @@ const std::map<QString, Collector>& collectors()
              return true;
          }},
         {QStringLiteral("startup"), [](QJsonObject& body) { return StartupAppsManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("processes"), [](QJsonObject& body) { return ProcessManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("services"), [](QJsonObject& body) { return ServiceManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("network"), [](QJsonObject& body) { return NetworkMonManager::getInstance()->collectReport(body); }},
         {QStringLiteral("firewall"), [](QJsonObject& body) { return FirewallManager::getInstance()->collectReport(body); }},
     };
     return table;
