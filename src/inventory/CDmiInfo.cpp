@@ -7,7 +7,7 @@
 
 CDmiInfo::CDmiInfo() = default;
 
-CDmiInfo::CDmiInfo(const ToolRunner& runner) : m_runner(runner) {}
+CDmiInfo::CDmiInfo(const ToolRunner& runner, int timeoutMs) : m_runner(runner), m_timeoutMs(timeoutMs) {}
 
 QString CDmiInfo::decodeOutput(const QByteArray& output)
 {
@@ -18,7 +18,7 @@ QString CDmiInfo::decodeOutput(const QByteArray& output)
 bool CDmiInfo::getDataToJSON(QJsonArray& out, const QString& type)
 {
     const ToolResult r = m_runner.run(QStringLiteral("dmidecode"), {QStringLiteral("-q"), QStringLiteral("-t"), type},
-                                      kTimeoutMs);
+                                      m_timeoutMs);
     // A VM without tables or a non-root run just yields nothing; a run cut
     // short may have stopped mid-structure, so its output is not trusted.
     if (!r.started || r.timedOut || r.crashed) {

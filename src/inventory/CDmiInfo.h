@@ -10,8 +10,10 @@
 // per structure, keyed by dmidecode's own property names.
 class CDmiInfo {
 public:
+    static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;
+
     CDmiInfo();
-    explicit CDmiInfo(const ToolRunner& runner);
+    explicit CDmiInfo(const ToolRunner& runner, int timeoutMs = kTimeoutMs);
 
     // type is a DMI type number ("0", "1", "22") or a dmidecode keyword
     // ("processor", "memory"). True when out holds at least one element.
@@ -23,8 +25,7 @@ public:
     // Output up to its first zero byte, as 8-bit text.
     static QString decodeOutput(const QByteArray& output);
 
-    static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;
-
 private:
     ToolRunner m_runner;
+    int m_timeoutMs = kTimeoutMs;
 };

@@ -13,7 +13,10 @@
 
 CHardwareInfo::CHardwareInfo() = default;
 
-CHardwareInfo::CHardwareInfo(const HostPaths& host, const ToolRunner& runner) : m_host(host), m_runner(runner) {}
+CHardwareInfo::CHardwareInfo(const HostPaths& host, const ToolRunner& runner, int timeoutMs)
+    : m_host(host), m_runner(runner), m_timeoutMs(timeoutMs)
+{
+}
 
 bool CHardwareInfo::getOSInfoToJSON(QJsonArray& out)
 {
@@ -117,7 +120,7 @@ void CHardwareInfo::enrichMemoryDevices(QJsonArray& records)
 
 bool CHardwareInfo::getCPUInfoToJSON(QJsonArray& out)
 {
-    CDmiInfo dmi(m_runner);
+    CDmiInfo dmi(m_runner, m_timeoutMs);
     const bool ok = dmi.getDataToJSON(out, QStringLiteral("processor"));
     enrichProcessors(out);
     return ok;
@@ -125,7 +128,7 @@ bool CHardwareInfo::getCPUInfoToJSON(QJsonArray& out)
 
 bool CHardwareInfo::getMemoryInfoToJSON(QJsonArray& out)
 {
-    CDmiInfo dmi(m_runner);
+    CDmiInfo dmi(m_runner, m_timeoutMs);
     const bool ok = dmi.getDataToJSON(out, QStringLiteral("memory"));
     enrichMemoryDevices(out);
     return ok;
@@ -148,7 +151,7 @@ QStringList CHardwareInfo::partitionArguments()
 
 QByteArray CHardwareInfo::runLsblk(const QStringList& arguments, const char* origin)
 {
-    const ToolResult r = m_runner.run(QStringLiteral("lsblk"), arguments, kTimeoutMs);
+    const ToolResult r = m_runner.run(QStringLiteral("lsblk"), arguments, m_timeoutMs);
     if (!r.started || r.timedOut || r.crashed) {
         EDR_LOG->Debug(origin, "lsblk did not complete: %s", r.timedOut ? "timed out" : qUtf8Printable(r.errorText));
         return QByteArray();

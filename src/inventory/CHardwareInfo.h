@@ -12,8 +12,10 @@
 // the hardware report.
 class CHardwareInfo {
 public:
+    static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;
+
     CHardwareInfo();
-    CHardwareInfo(const HostPaths& host, const ToolRunner& runner);
+    CHardwareInfo(const HostPaths& host, const ToolRunner& runner, int timeoutMs = kTimeoutMs);
 
     bool getOSInfoToJSON(QJsonArray& out);
     bool getCPUInfoToJSON(QJsonArray& out);
@@ -36,11 +38,11 @@ public:
 
     static QStringList diskArguments();
     static QStringList partitionArguments();
-    static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;
 
 private:
     QByteArray runLsblk(const QStringList& arguments, const char* origin);
 
     HostPaths m_host;
     ToolRunner m_runner;
+    int m_timeoutMs = kTimeoutMs;
 };

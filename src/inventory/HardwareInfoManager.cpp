@@ -82,7 +82,7 @@ bool HardwareInfoManager::getHardwareInfo(QJsonObject& report, const QString&)
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     try {
-        CDmiInfo dmi(m_runner);
+        CDmiInfo dmi(m_runner, m_toolTimeoutMs);
         QJsonArray system;
         if (dmi.getDataToJSON(system, QStringLiteral("1"))) {
             QJsonObject computer = system.at(0).toObject();
@@ -101,7 +101,7 @@ bool HardwareInfoManager::getHardwareInfo(QJsonObject& report, const QString&)
 
         m_users->getUsersAccountInfo(report);
 
-        CHardwareInfo hardware(m_host, m_runner);
+        CHardwareInfo hardware(m_host, m_runner, m_toolTimeoutMs);
         QJsonArray memory;
         hardware.getMemoryInfoToJSON(memory);
         report.insert(QStringLiteral("PhysicalMemory"), memory);

@@ -46,6 +46,8 @@ public:
     bool sendRptToServer(const QString& parameter);
 
     void setSystemNamesSource(SystemNamesSource source) { m_systemNames = std::move(source); }
+    // Limit for each dmidecode and lsblk run.
+    void setToolTimeoutMs(int ms) { m_toolTimeoutMs = ms; }
 
     static SystemNames readSystemNames();
     static QString systemTypeOf(const QString& machine);
@@ -62,4 +64,5 @@ private:
     HostPaths m_host;
     ToolRunner m_runner;
     SystemNamesSource m_systemNames;
+    int m_toolTimeoutMs = ToolRunner::kDefaultTimeoutMs;
 };

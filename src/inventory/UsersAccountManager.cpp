@@ -220,7 +220,7 @@ QList<UserInfo> UsersAccountManager::parseAccounts(const AccountFiles& files, co
 
 QString UsersAccountManager::getCurrentLoginUsers()
 {
-    const ToolResult r = m_runner.run(QStringLiteral("who"), {}, kWhoTimeoutMs);
+    const ToolResult r = m_runner.run(QStringLiteral("who"), {}, m_timeoutMs);
     if (!r.finished) {
         EDR_LOG->Debug(Q_FUNC_INFO, "who did not complete: %s", r.timedOut ? "timed out" : qUtf8Printable(r.errorText));
         return QString();
@@ -248,7 +248,7 @@ QList<UserInfo> UsersAccountManager::getUsersAccounts(bool* ok)
     files.loginDefs = HostPaths::readFile(m_host.root(QStringLiteral("/etc/login.defs")));
     const ToolResult last = m_runner.run(QStringLiteral("last"),
                                          {QStringLiteral("-w"), QStringLiteral("--time-format"), QStringLiteral("iso")},
-                                         kLastTimeoutMs);
+                                         m_timeoutMs);
     if (last.finished)
         files.last = last.standardOutput;
     else

@@ -29,6 +29,8 @@ public:
 
     // The password ages are counted up to this day; invalid means today.
     void setToday(const QDate& today) { m_today = today; }
+    // Limit for each of who and last.
+    void setTimeoutMs(int ms) { m_timeoutMs = ms; }
 
     struct AccountFiles {
         QByteArray passwd;
@@ -43,12 +45,12 @@ public:
     // Newest login per user, "yyyy-MM-dd hh:mm:ss" as last printed it.
     static QHash<QString, QString> parseLastLogons(const QByteArray& output);
 
-    static constexpr int kWhoTimeoutMs = 30000;
-    static constexpr int kLastTimeoutMs = 30000;
+    static constexpr int kTimeoutMs = 30000;
 
 private:
     static UsersAccountManager* s_instance;
     HostPaths m_host;
     ToolRunner m_runner;
     QDate m_today;
+    int m_timeoutMs = kTimeoutMs;
 };
