@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 #include <QJsonObject>
+#include <QSet>
 #include <QString>
 #include <QVector>
 
@@ -11,13 +12,24 @@
 // as installed, dated by its file list.
 class InstallSoftManager {
 public:
-    // One installed package as read from its stanza. object holds every key
-    // but "InstallDate", which needs the file system.
+    // One installed package as read from its stanza; a later line with the
+    // same field overwrites.
     struct Package {
-        QString name; // the last "Package" value
+        QString name;
+        QString version;
+        QString description;
+        QString size;   // Installed-Size as size text
+        QString vendor; // Original-Maintainer
         QString architecture;
         bool hasPackageLine = false;
-        QJsonObject object;
+        bool hasVersion = false;
+        bool hasDescription = false;
+        bool hasSize = false;
+        bool hasVendor = false;
+
+        // The package's report object; installDate is added when the stanza
+        // named a package.
+        QJsonObject toJson(const QString& installDate = QString()) const;
     };
 
     static InstallSoftManager* getInstance();
@@ -38,6 +50,10 @@ public:
     static constexpr qint64 kMaxStatusBytes = 256 * 1024 * 1024;
 
 private:
+    int openInfoDir() const;
+    QString installDate(const Package& package, int infoDir, const QSet<QByteArray>* lists) const;
+    static QSet<QByteArray> listFiles(int infoDir);
+
     static InstallSoftManager* s_instance;
     bool m_reportBusy = false;
     HostPaths m_host;

@@ -49,21 +49,25 @@ TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 {
     const QVector<InstallSoftManager::Package> packages = InstallSoftManager::parseDpkgStatus(kStatus);
     ASSERT_EQ(packages.size(), 4);
-    EXPECT_EQ(packages.at(0).object, QJsonDocument::fromJson(R"({"Name":"foo","PackageName":"foo","Version":"1.2-3",
+    EXPECT_EQ(packages.at(0).toJson(QStringLiteral("D")),
+              QJsonDocument::fromJson(R"({"Name":"foo","PackageName":"foo","InstallDate":"D","Version":"1.2-3",
         "Size":"1 MB","Vendor":"Jane Doe <jane@example.org>","Description":"first"})").object());
     EXPECT_EQ(packages.at(0).architecture, QStringLiteral("amd64"));
-    EXPECT_EQ(packages.at(1).object, QJsonDocument::fromJson(R"({"Name":"bare","PackageName":"bare"})").object());
-    EXPECT_EQ(packages.at(2).object.value(QStringLiteral("Size")).toString(), QStringLiteral("0 Bytes"));
-    EXPECT_EQ(packages.at(3).object.value(QStringLiteral("Version")).toString(), QStringLiteral("9")); // same name twice
+    EXPECT_EQ(packages.at(1).toJson(),
+              QJsonDocument::fromJson(R"({"Name":"bare","PackageName":"bare","InstallDate":""})").object());
+    EXPECT_EQ(packages.at(2).size, QStringLiteral("0 Bytes"));
+    EXPECT_EQ(packages.at(3).version, QStringLiteral("9")); // same name twice
 
     EXPECT_TRUE(InstallSoftManager::parseDpkgStatus("").isEmpty());
-    EXPECT_TRUE(InstallSoftManager::parseDpkgStatus("Status: install ok installed\n").at(0).object.isEmpty());
+    EXPECT_TRUE(InstallSoftManager::parseDpkgStatus("Status: install ok installed\n").at(0).toJson().isEmpty());
+    // A field name without ": " is the whole line; its value is empty.
+    EXPECT_EQ(InstallSoftManager::parseDpkgStatus("Package\nStatus: install ok installed\n").at(0).toJson().value(
+                  QStringLiteral("Name")),
+              QJsonValue(QString()));
     // Sizes near the limit do not overflow.
     EXPECT_EQ(InstallSoftManager::parseDpkgStatus("Status: install ok installed\nInstalled-Size: 99999999999999999\n")
                   .at(0)
-                  .object.value(QStringLiteral("Size"))
-                  .toString()
-                  .right(3),
+                  .size.right(3),
               QStringLiteral(" GB"));
 }
 
@@ -118,7 +122,7 @@ TEST(InstallSoftManager, CopiedHostDatabase)
     QHash<QString, QJsonObject> byName;
     int amd64 = 0;
     for (const auto& p : packages) {
-        byName.insert(p.name, p.object);
+        byName.insert(p.name, p.toJson());
         amd64 += p.architecture == QLatin1String("amd64") ? 1 : 0;
     }
     EXPECT_GT(amd64, 400);
