@@ -50,26 +50,6 @@ INSTANTIATE_TEST_SUITE_P(
         DmiCase{"tabs inside are removed", "T\n\tA:\tB: c\td\n", R"([{"A:B":"cd"}])"}),
     [](const ::testing::TestParamInfo<DmiCase>& info) { return "case" + std::to_string(info.index); });
 
-TEST(CDmiInfo, FixturesParseOneObjectPerStructure)
-{
-    const auto count = [](const char* rel) {
-        return parse(QString::fromUtf8(edrtest::readFixture(QString::fromLatin1(rel)))).size();
-    };
-    EXPECT_EQ(count("commands/dmidecode/server/memory.stdout"), 8); // the array block is dropped
-    EXPECT_EQ(count("commands/dmidecode/server/processor.stdout"), 2);
-    EXPECT_EQ(count("commands/dmidecode/laptop/22.stdout"), 1);
-    EXPECT_EQ(count("commands/dmidecode/qemu-vm/memory.stdout"), 1);
-
-    const QJsonObject cpu =
-        parse(QString::fromUtf8(edrtest::readFixture(QStringLiteral("commands/dmidecode/laptop/processor.stdout"))))
-            .at(0)
-            .toObject();
-    const QString flags = cpu.value(QStringLiteral("Flags:")).toString();
-    EXPECT_TRUE(flags.startsWith(QStringLiteral("Type 0, Family 6, Model 142, Stepping 12\nFPU (Floating-point")));
-    EXPECT_EQ(flags.count(QLatin1Char('\n')), 28);
-    EXPECT_EQ(cpu.value(QStringLiteral("Signature")).toString(), QStringLiteral("Type 0, Family 6, Model 142, Stepping 12"));
-}
-
 TEST(CDmiInfo, RunsDmidecodeQuietForTheType)
 {
     FakeToolDir tools;

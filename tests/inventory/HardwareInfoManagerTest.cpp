@@ -157,7 +157,8 @@ TEST(HardwareInfoManager, HangingAndGarbageToolsStillGiveAReport)
     EXPECT_EQ(report.value(QStringLiteral("Users")).toArray().size(), 5);
 
     FakeToolDir garbage;
-    const QByteArray junk("\x7f" "ELF\x02\x01\x01\t\t{\"blockdevices\":[\n\n\tSize: \xff\xfe\n", 40);
+    static const char kJunk[] = "\x7f" "ELF\x02\x01\x01\t\t{\"blockdevices\":[\n\n\tSize: \xff\xfe\n";
+    const QByteArray junk(kJunk, sizeof kJunk - 1);
     for (const char* tool : {"dmidecode", "lsblk", "who", "last"})
         garbage.addTool(QString::fromLatin1(tool), junk, 3);
     UsersAccountManager users2(invtest::rootOf(QStringLiteral("laptop")), garbage.runner());
