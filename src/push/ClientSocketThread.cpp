@@ -14,7 +14,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 constexpr int kRecvBufferSize = 4096;
 constexpr qint64 kBindRetryMs = 60000;
 constexpr qint64 kClientSilenceMs = 10000;
@@ -137,12 +138,13 @@ bool ClientSocketThread::runSocketListner()
             char address[INET_ADDRSTRLEN] = {};
             ::inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
             if (!peerAllowed(QString::fromLatin1(address))) {
-                EDR_LOG->Error(Q_FUNC_INFO, EACCES, "Refused command connection from %s: not an allowed address",
-                               address);
+                EDR_LOG->Error(Q_FUNC_INFO, EACCES,
+                               "Refused command connection from %s: not an allowed address", address);
                 ::close(client);
                 continue;
             }
-            EDR_LOG->Info(Q_FUNC_INFO, "%s - Connected on socket. - %u %d", address, m_clientPort.load(), client);
+            EDR_LOG->Info(Q_FUNC_INFO, "%s - Connected on socket. - %u %d", address, m_clientPort.load(),
+                          client);
             m_clientAddress = QString::fromLatin1(address);
             connectToSocket(client);
             ::close(client);

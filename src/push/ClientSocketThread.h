@@ -10,7 +10,8 @@
 #include <atomic>
 
 // The local listener: one message per client, answered "OK" a second later.
-class ClientSocketThread : public QThread {
+class ClientSocketThread : public QThread
+{
     Q_OBJECT
 public:
     enum PROTOCOL { UDP = 0, TCP = 1 };

@@ -7,8 +7,8 @@ void ListenerAllowList::add(const QHostAddress& address, int prefixLength)
     m_ranges.append(qMakePair(address, prefixLength));
 }
 
-ListenerAllowList ListenerAllowList::fromSettings(const QStringList& serverAddresses, const QString& listenerAllow,
-                                                  QStringList* rejectedEntries)
+ListenerAllowList ListenerAllowList::fromSettings(const QStringList& serverAddresses,
+                                                  const QString& listenerAllow, QStringList* rejectedEntries)
 {
     ListenerAllowList list;
     const QString configured = listenerAllow.trimmed();

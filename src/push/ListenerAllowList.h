@@ -9,7 +9,8 @@
 // Who may hand commands to the local listener. By default loopback and the
 // configured server addresses; a ListenerAllow setting (addresses and CIDR
 // ranges, comma-separated) replaces that default.
-class ListenerAllowList {
+class ListenerAllowList
+{
 public:
     ListenerAllowList() = default;
 

@@ -15,7 +15,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 constexpr int kRecvBufferSize = 4096;
 constexpr qint64 kReceiveTimeoutMs = 45000;
 constexpr qint64 kSendTimeoutMs = 5000;
@@ -32,7 +33,8 @@ timeval toTimeval(int ms)
 } // namespace
 
 ServerSocketThread::ServerSocketThread(QObject* parent)
-    : QThread(parent), m_agentDetails(AgentDetails::getInstance()), m_serverDetails(ServerDetails::getInstance())
+    : QThread(parent), m_agentDetails(AgentDetails::getInstance()),
+      m_serverDetails(ServerDetails::getInstance())
 {
 }
 
@@ -78,7 +80,8 @@ bool ServerSocketThread::connectToServerSocket()
     char handshake[1024] = {};
     const QByteArray localIp = m_agentDetails->getLocalIpAddress().toUtf8();
     const QByteArray authCode = m_config.getAuthCode().toUtf8();
-    std::snprintf(handshake, sizeof handshake, "Connect#$#$%s#$#$%s", localIp.constData(), authCode.constData());
+    std::snprintf(handshake, sizeof handshake, "Connect#$#$%s#$#$%s", localIp.constData(),
+                  authCode.constData());
 
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) {
@@ -111,7 +114,8 @@ bool ServerSocketThread::connectToServerSocket()
     }
     ::fcntl(fd, F_SETFL, flags);
     if (rc != 0) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Socket Server is unreachable! Server: %s:%d", ipBuffer, m_serverPort);
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Socket Server is unreachable! Server: %s:%d", ipBuffer,
+                       m_serverPort);
         ::close(fd);
         return false;
     }

@@ -13,7 +13,8 @@ class ServerDetails;
 
 // One run = one connection attempt to the server's socket service and, when it
 // succeeds, the whole life of that connection. Every run ends with socketClosed.
-class ServerSocketThread : public QThread {
+class ServerSocketThread : public QThread
+{
     Q_OBJECT
 public:
     explicit ServerSocketThread(QObject* parent = nullptr);

@@ -18,7 +18,8 @@
 
 SocketManager* SocketManager::s_instance = nullptr;
 
-namespace {
+namespace
+{
 constexpr qint64 kReconnectPauseMs = 10000;
 const QString kSeparator = QStringLiteral("#$#");
 } // namespace
@@ -42,7 +43,8 @@ SocketManager::SocketManager()
 {
     connect(&m_clientThread, &ClientSocketThread::messageRecieved, this, &SocketManager::onMessageRecieved);
     connect(&m_serverThread, &ServerSocketThread::messageRecieved, this, &SocketManager::onMessageRecieved);
-    connect(&m_serverThread, &ServerSocketThread::socketClosed, this, &SocketManager::onSocketServerThreadFinished);
+    connect(&m_serverThread, &ServerSocketThread::socketClosed, this,
+            &SocketManager::onSocketServerThreadFinished);
     // The pause before a reconnect is a timer: the main thread never sleeps.
     m_reconnectTimer.setSingleShot(true);
     connect(&m_reconnectTimer, &QTimer::timeout, this, &SocketManager::connectToServer);
@@ -64,8 +66,9 @@ void SocketManager::startSocketListner()
     m_clientThread.setProtocol(ClientSocketThread::TCP);
     m_clientThread.setClientPort(static_cast<unsigned int>(m_agentDetails->getAgentListenPort()));
     QStringList rejected;
-    m_clientThread.setAllowList(ListenerAllowList::fromSettings(
-        m_serverDetails->getConfiguredServerAddresses(), m_config.getSetting(QStringLiteral("ListenerAllow")), &rejected));
+    m_clientThread.setAllowList(
+        ListenerAllowList::fromSettings(m_serverDetails->getConfiguredServerAddresses(),
+                                        m_config.getSetting(QStringLiteral("ListenerAllow")), &rejected));
     for (const QString& entry : qAsConst(rejected))
         EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "ListenerAllow entry ignored: %s", qUtf8Printable(entry));
     m_clientThread.start(QThread::InheritPriority);
@@ -130,9 +133,11 @@ void SocketManager::processCommand(const QString& ip, const QString& message)
     const QStringList fields = message.split(kSeparator, Qt::KeepEmptyParts, Qt::CaseSensitive);
     const QString command = fields.value(0);
     if (fields.size() < 2) {
-        if (command == QLatin1String("MOD") || command == QLatin1String("UPD") || command == QLatin1String("RPT") ||
-            command == QLatin1String("ACT") || command == QLatin1String("RESET"))
-            EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Ignored %s command without a subject", qUtf8Printable(command));
+        if (command == QLatin1String("MOD") || command == QLatin1String("UPD") ||
+            command == QLatin1String("RPT") || command == QLatin1String("ACT") ||
+            command == QLatin1String("RESET"))
+            EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Ignored %s command without a subject",
+                           qUtf8Printable(command));
         return;
     }
     const QString subject = fields.at(1);
@@ -196,7 +201,8 @@ bool SocketManager::sendMessageTo(const QString& ip, const QString& message, qui
     // The text and its terminator must fit the 4096-byte buffer.
     char buffer[4096] = {};
     const QByteArray text = message.toUtf8();
-    std::memcpy(buffer, text.constData(), static_cast<size_t>(qMin(text.size(), static_cast<int>(sizeof buffer) - 1)));
+    std::memcpy(buffer, text.constData(),
+                static_cast<size_t>(qMin(text.size(), static_cast<int>(sizeof buffer) - 1)));
     const size_t length = std::strlen(buffer);
 
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -210,7 +216,8 @@ bool SocketManager::sendMessageTo(const QString& ip, const QString& message, qui
     EDR_LOG->Debug(Q_FUNC_INFO, "Connecting to IP: %s", address.constData());
     ssize_t sent;
     if (datagram) {
-        sent = ::sendto(fd, buffer, length, MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&target), sizeof target);
+        sent =
+            ::sendto(fd, buffer, length, MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&target), sizeof target);
     } else {
         if (::connect(fd, reinterpret_cast<sockaddr*>(&target), sizeof target) != 0) {
             EDR_LOG->Error(Q_FUNC_INFO, errno, "IP Server is unreachable! IP: %s", address.constData());
@@ -222,7 +229,8 @@ bool SocketManager::sendMessageTo(const QString& ip, const QString& message, qui
     }
     const bool result = sent > 0;
     if (result)
-        EDR_LOG->Info(Q_FUNC_INFO, "Message send to %s:%d successfully", address.constData(), static_cast<int>(port));
+        EDR_LOG->Info(Q_FUNC_INFO, "Message send to %s:%d successfully", address.constData(),
+                      static_cast<int>(port));
     EDR_LOG->Trace(Q_FUNC_INFO, "IP Socket Closed. %s", address.constData());
     ::close(fd);
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");

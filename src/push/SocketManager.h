@@ -15,7 +15,8 @@ class ScheduleManager;
 
 // Owns the two socket threads and carries out the commands they receive, on
 // the main thread, in arrival order.
-class SocketManager : public QObject {
+class SocketManager : public QObject
+{
     Q_OBJECT
 public:
     static SocketManager* getInstance();

@@ -45,7 +45,8 @@ StoppableWait::Result StoppableWait::waitFor(int fd, short events, int timeoutMs
         const int count = fd >= 0 ? 2 : 1;
         int wait = -1;
         if (timeoutMs >= 0) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
             wait = left > 0 ? static_cast<int>(left) : 0;
         }
         const int n = ::poll(fds, static_cast<nfds_t>(count), wait);

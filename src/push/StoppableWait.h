@@ -4,7 +4,8 @@
 
 // Lets a socket thread block in poll() and still be stopped from outside at
 // once: requestStop() sets a flag and wakes every wait through an eventfd.
-class StoppableWait {
+class StoppableWait
+{
 public:
     enum Result { Ready, Timeout, Stopped, Failed };
 
@@ -13,8 +14,8 @@ public:
     StoppableWait(const StoppableWait&) = delete;
     StoppableWait& operator=(const StoppableWait&) = delete;
 
-    void reset();        // before a new run: clears the flag and drains the wake-up
-    void requestStop();  // any thread
+    void reset();       // before a new run: clears the flag and drains the wake-up
+    void requestStop(); // any thread
     bool stopRequested() const { return m_stop.load(); }
 
     // Waits until fd has the events (POLLIN or POLLOUT), the time runs out

@@ -3,11 +3,14 @@
 #include "comm/AgentManager.h"
 #include "control/FirewallManager.h"
 #include "control/NetworkMonManager.h"
+#include "control/OSQueryManager.h"
 #include "control/ProcessManager.h"
 #include "control/ServiceManager.h"
-#include "control/OSQueryManager.h"
 #include "control/StartupAppsManager.h"
 #include "control/TerminalManager.h"
+#include "inventory/HardwareInfoManager.h"
+#include "inventory/InstallSoftManager.h"
+#include "inventory/UsersAccountManager.h"
 
 #include <QFile>
 
@@ -30,27 +33,43 @@ void TasksManager::releaseInstance()
 
 // Constructing the dispatcher creates every manager singleton.
 TasksManager::TasksManager()
-    : m_agentManager(AgentManager::getInstance()), m_processManager(ProcessManager::getInstance()),
-      m_serviceManager(ServiceManager::getInstance()), m_startupAppsManager(StartupAppsManager::getInstance()),
-      m_networkMonManager(NetworkMonManager::getInstance()), m_firewallManager(FirewallManager::getInstance()), m_terminalManager(TerminalManager::getInstance()),
+    : m_agentManager(AgentManager::getInstance()), m_hardwareInfoManager(HardwareInfoManager::getInstance()),
+      m_processManager(ProcessManager::getInstance()), m_serviceManager(ServiceManager::getInstance()),
+      m_startupAppsManager(StartupAppsManager::getInstance()),
+      m_installSoftManager(InstallSoftManager::getInstance()),
+      m_usersAccountManager(UsersAccountManager::getInstance()),
+      m_networkMonManager(NetworkMonManager::getInstance()),
+      m_firewallManager(FirewallManager::getInstance()), m_terminalManager(TerminalManager::getInstance()),
       m_osQueryManager(OSQueryManager::getInstance())
 {
 }
 
 QStringList TasksManager::taskNames()
 {
-    return {QStringLiteral("AgentInfo"),      QStringLiteral("StartUp"),
-            QStringLiteral("Services"),       QStringLiteral("Processes"),
-            QStringLiteral("InstalledSoft"),  QStringLiteral("TaskSchedule"),
-            QStringLiteral("Network"),        QStringLiteral("HardwareInfo"),
-            QStringLiteral("WindowsUpdates"), QStringLiteral("Registry"),
-            QStringLiteral("Explorer"),       QStringLiteral("Network_Mon"),
-            QStringLiteral("AppCon_Logs"),    QStringLiteral("Quorvex_Logs"),
-            QStringLiteral("WebProt_Logs"),   QStringLiteral("Network_Logs"),
-            QStringLiteral("Event_Logs"),     QStringLiteral("CReports_Logs"),
-            QStringLiteral("MTasks"),         QStringLiteral("Termina"),
-            QStringLiteral("Powershel"),      QStringLiteral("ActionResponse"),
-            QStringLiteral("WindowsFirewallStatus"), QStringLiteral("ASR_Rules"),
+    return {QStringLiteral("AgentInfo"),
+            QStringLiteral("StartUp"),
+            QStringLiteral("Services"),
+            QStringLiteral("Processes"),
+            QStringLiteral("InstalledSoft"),
+            QStringLiteral("TaskSchedule"),
+            QStringLiteral("Network"),
+            QStringLiteral("HardwareInfo"),
+            QStringLiteral("WindowsUpdates"),
+            QStringLiteral("Registry"),
+            QStringLiteral("Explorer"),
+            QStringLiteral("Network_Mon"),
+            QStringLiteral("AppCon_Logs"),
+            QStringLiteral("Quorvex_Logs"),
+            QStringLiteral("WebProt_Logs"),
+            QStringLiteral("Network_Logs"),
+            QStringLiteral("Event_Logs"),
+            QStringLiteral("CReports_Logs"),
+            QStringLiteral("MTasks"),
+            QStringLiteral("Termina"),
+            QStringLiteral("Powershel"),
+            QStringLiteral("ActionResponse"),
+            QStringLiteral("WindowsFirewallStatus"),
+            QStringLiteral("ASR_Rules"),
             QStringLiteral("OS_Query")};
 }
 
@@ -68,6 +87,12 @@ bool TasksManager::sendReportToServer(TASK_NAMES task, const QString& parameter)
         break;
     case Processes:
         m_processManager->sendRptToServer(parameter);
+        break;
+    case InstalledSoft:
+        m_installSoftManager->sendRptToServer(parameter);
+        break;
+    case HardwareInfo:
+        m_hardwareInfoManager->sendRptToServer(parameter);
         break;
     case Network_Mon:
         m_networkMonManager->sendRptToServer(parameter);

@@ -6,6 +6,9 @@
 class AgentManager;
 class StartupAppsManager;
 class ProcessManager;
+class HardwareInfoManager;
+class InstallSoftManager;
+class UsersAccountManager;
 class ServiceManager;
 class NetworkMonManager;
 class FirewallManager;
@@ -60,9 +63,12 @@ public:
 private:
     static TasksManager* s_instance;
     AgentManager* m_agentManager;
+    HardwareInfoManager* m_hardwareInfoManager;
     ProcessManager* m_processManager;
     ServiceManager* m_serviceManager;
     StartupAppsManager* m_startupAppsManager;
+    InstallSoftManager* m_installSoftManager;
+    UsersAccountManager* m_usersAccountManager; // held, reached by no task
     NetworkMonManager* m_networkMonManager;
     FirewallManager* m_firewallManager;
     TerminalManager* m_terminalManager;

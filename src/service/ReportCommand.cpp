@@ -6,13 +6,16 @@
 #include "control/ProcessManager.h"
 #include "control/ServiceManager.h"
 #include "control/StartupAppsManager.h"
+#include "inventory/HardwareInfoManager.h"
+#include "inventory/InstallSoftManager.h"
 
 #include <QJsonDocument>
 
 #include <cstdio>
 #include <map>
 
-namespace {
+namespace
+{
 using Collector = std::function<bool(QJsonObject&)>;
 
 const std::map<QString, Collector>& collectors()
@@ -27,11 +30,20 @@ const std::map<QString, Collector>& collectors()
                  body.insert(f.key(), f.value());
              return true;
          }},
-        {QStringLiteral("startup"), [](QJsonObject& body) { return StartupAppsManager::getInstance()->collectReport(body); }},
-        {QStringLiteral("processes"), [](QJsonObject& body) { return ProcessManager::getInstance()->collectReport(body); }},
-        {QStringLiteral("services"), [](QJsonObject& body) { return ServiceManager::getInstance()->collectReport(body); }},
-        {QStringLiteral("network"), [](QJsonObject& body) { return NetworkMonManager::getInstance()->collectReport(body); }},
-        {QStringLiteral("firewall"), [](QJsonObject& body) { return FirewallManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("startup"),
+         [](QJsonObject& body) { return StartupAppsManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("hardware"),
+         [](QJsonObject& body) { return HardwareInfoManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("software"),
+         [](QJsonObject& body) { return InstallSoftManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("processes"),
+         [](QJsonObject& body) { return ProcessManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("services"),
+         [](QJsonObject& body) { return ServiceManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("network"),
+         [](QJsonObject& body) { return NetworkMonManager::getInstance()->collectReport(body); }},
+        {QStringLiteral("firewall"),
+         [](QJsonObject& body) { return FirewallManager::getInstance()->collectReport(body); }},
     };
     return table;
 }

@@ -19,7 +19,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 int g_signalPipe[2] = {-1, -1};
 
 bool ensureSignalPipe()
@@ -43,7 +44,8 @@ void catchUnixSignals(std::initializer_list<int> signalList)
     for (int sig : signalList)
         sigaddset(&blocking, sig);
     for (int sig : signalList) {
-        struct sigaction sa {};
+        struct sigaction sa {
+        };
         sa.sa_handler = signal_handler;
         sa.sa_mask = blocking;
         sa.sa_flags = 0;
@@ -97,11 +99,20 @@ void ServiceHost::handleSignal(int sig)
     static const char* const origin = "void signal_handler(int)";
     const char* text = nullptr;
     switch (sig) {
-    case SIGHUP: text = "Agent Service : hangup signal catched"; break;
-    case SIGKILL: text = "Agent Service : kill signal catched"; break;
-    case SIGTERM: text = "Agent Service : terminate signal catched"; break;
-    case SIGSTOP: text = "Agent Service : stop signal catched"; break;
-    default: return;
+    case SIGHUP:
+        text = "Agent Service : hangup signal catched";
+        break;
+    case SIGKILL:
+        text = "Agent Service : kill signal catched";
+        break;
+    case SIGTERM:
+        text = "Agent Service : terminate signal catched";
+        break;
+    case SIGSTOP:
+        text = "Agent Service : stop signal catched";
+        break;
+    default:
+        return;
     }
     EDR_LOG->Trace(origin, "%s", text);
     stopService();

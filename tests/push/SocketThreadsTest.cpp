@@ -81,6 +81,17 @@ public:
     ~TimeScale() { Common::setTimeScaleForTesting(1.0); }
 };
 
+// The spies connect directly, so a signal may land before a wait() starts:
+// wait on the count instead.
+bool waitCount(QSignalSpy& spy, int count, int timeoutMs = 5000)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (spy.count() < count && clock.elapsed() < timeoutMs)
+        spy.wait(20);
+    return spy.count() >= count;
+}
+
 int freePort()
 {
     int port = 0;
@@ -120,22 +131,22 @@ TEST(ServerSocketThread, HandshakeMessagesAndKeepAlives)
     // A message is handed over whole, then answered by a keep-alive.
     const QByteArray big(4096, 'x');
     ::send(peer.fd, "RPT#$#$7#$#0", 12, 0);
-    ASSERT_TRUE(messages.wait(5000));
+    ASSERT_TRUE(waitCount(messages, 1));
     EXPECT_EQ(messages.at(0).at(0).toString(), QStringLiteral("127.0.0.1"));
     EXPECT_EQ(messages.at(0).at(1).toString(), QStringLiteral("RPT#$#$7#$#0"));
     EXPECT_EQ(Sock::readSome(peer.fd, 5000), QByteArray("keep-alive"));
 
     ::send(peer.fd, big.constData(), static_cast<size_t>(big.size()), 0);
-    ASSERT_TRUE(messages.wait(5000));
-    QString received = messages.last().at(1).toString();
-    while (received.size() < 4096 && messages.wait(2000))
-        received += messages.last().at(1).toString();
+    ASSERT_TRUE(waitCount(messages, 2));
+    QString received;
+    for (int i = 1; received.size() < 4096 && (i < messages.count() || waitCount(messages, i + 1, 2000)); ++i)
+        received += messages.at(i).at(1).toString();
     EXPECT_EQ(received, QString::fromLatin1(big));
 
     // The server goes away: the run ends with socketClosed.
     ::close(peer.fd);
     peer.fd = -1;
-    ASSERT_TRUE(closed.wait(10000));
+    ASSERT_TRUE(waitCount(closed, 1, 10000));
     ASSERT_TRUE(thread.wait(5000));
 }
 
@@ -145,14 +156,14 @@ TEST(ServerSocketThread, UnreachableServerOrNoAddressEndsTheRun)
     ServerSocketThread thread;
     QSignalSpy closed(&thread, &ServerSocketThread::socketClosed);
     thread.start();
-    ASSERT_TRUE(closed.wait(5000));
+    ASSERT_TRUE(waitCount(closed, 1));
     EXPECT_TRUE(prefix.traceLog().contains("Server Ip Address Not Found!"));
 
     thread.wait();
     thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
     thread.setServerSocketPort(freePort());
     thread.start();
-    ASSERT_TRUE(closed.wait(5000));
+    ASSERT_TRUE(waitCount(closed, 2));
     EXPECT_FALSE(thread.getLastConnectionStatus());
     EXPECT_TRUE(prefix.traceLog().contains("Socket Server is unreachable! Server: 127.0.0.1:"));
 }
@@ -215,7 +226,7 @@ TEST_F(Listener, OneMessagePerClientThenOk)
     QSignalSpy messages(&thread, &ClientSocketThread::messageRecieved);
     start();
     ::send(client.fd, "RESET#$#TRACE_LOG", 17, 0);
-    ASSERT_TRUE(messages.wait(5000));
+    ASSERT_TRUE(waitCount(messages, 1));
     EXPECT_EQ(messages.at(0).at(0).toString(), QStringLiteral("127.0.0.1"));
     EXPECT_EQ(messages.at(0).at(1).toString(), QStringLiteral("RESET#$#TRACE_LOG"));
     EXPECT_EQ(Sock::readSome(client.fd, 5000), QByteArray("OK"));
@@ -223,12 +234,10 @@ TEST_F(Listener, OneMessagePerClientThenOk)
 
     // Oversized input: one receive of 4096 bytes, terminated, the rest dropped.
     Sock second;
-    QElapsedTimer clock;
-    clock.start();
     second.fd = Sock::connectTo(port);
     const QByteArray flood(20000, 'A');
     ::send(second.fd, flood.constData(), static_cast<size_t>(flood.size()), MSG_NOSIGNAL);
-    ASSERT_TRUE(messages.wait(5000));
+    ASSERT_TRUE(waitCount(messages, 2));
     EXPECT_EQ(messages.last().at(1).toString().size(), 4096);
 }
 
@@ -241,7 +250,7 @@ TEST_F(Listener, SilentClientIsDroppedAndTheNextServed)
     Sock next;
     next.fd = Sock::connectTo(port);
     ::send(next.fd, "MOD#$#AGENT_CONFIG_CHANGE", 25, 0);
-    ASSERT_TRUE(messages.wait(5000));
+    ASSERT_TRUE(waitCount(messages, 1));
     EXPECT_EQ(messages.count(), 1);
     EXPECT_TRUE(prefix.traceLog().contains("sent nothing; dropped"));
 }
@@ -252,7 +261,7 @@ TEST_F(Listener, PeerOutsideTheAllowListIsRefused)
     start(QStringLiteral("10.0.0.0/8, 192.0.2.7"));
     ::send(client.fd, "RESET#$#TRACE_LOG", 17, MSG_NOSIGNAL);
     EXPECT_EQ(Sock::readSome(client.fd, 3000), QByteArray());
-    EXPECT_FALSE(messages.wait(500));
+    EXPECT_FALSE(waitCount(messages, 1, 500));
     EXPECT_TRUE(prefix.traceLog().contains("Refused command connection from 127.0.0.1"));
 }
 
