@@ -9,8 +9,21 @@ agent="$here/$build/edr-agent"
 console="$here/$build/edr-console"
 limit=${DEMO_SECONDS:-120}
 
-# Routes the start-up run posts; each must arrive at least once.
-expected=(machineInfo/registerAgent machineInfo/addMachineInfo)
+# Routes the start-up run reaches; each must arrive at least once.
+expected=(machineInfo/registerAgent settings/getConfigFile machineInfo/addMachineInfo
+          machineInfo/addStartupApps machineInfo/addServicess machineInfo/addProcesses
+          machineInfo/addInstallSoft machineInfo/addNwMonitoring)
+
+# Asks the console (loopback admin endpoint) to push a command to the agent.
+push() {
+  local body=$1
+  exec 3<>"/dev/tcp/127.0.0.1/$http_port"
+  printf 'POST /admin/push HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: %d\r\nConnection: close\r\n\r\n%s' \
+    "${#body}" "$body" >&3
+  cat <&3 >/dev/null
+  exec 3<&-
+}
+count() { ls "$data/reports/"*"-${1//\//_}.json" 2>/dev/null | wc -l; }
 
 if [ "$(id -u)" -ne 0 ]; then
   echo "demo: the agent runs as root only; run 'make demo' as root" >&2
@@ -66,6 +79,15 @@ while [ ${#missing[@]} -gt 0 ] && [ $SECONDS -lt $deadline ]; do
   missing=("${still[@]+"${still[@]}"}")
   kill -0 "$agent_pid" 2>/dev/null || { echo "demo: the agent exited early" >&2; break; }
 done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  # The push channel: ask for the process list now and wait for it.
+  before=$(count machineInfo/addProcesses)
+  echo "demo: pushing RPT#\$#\$3#\$#0 (send the process list now) through the console"
+  push 'RPT#$#$3#$#0'
+  while [ "$(count machineInfo/addProcesses)" -le "$before" ] && [ $SECONDS -lt $deadline ]; do sleep 1; done
+  [ "$(count machineInfo/addProcesses)" -gt "$before" ] || missing+=("pushed machineInfo/addProcesses")
+fi
 
 echo
 echo "== What reached the console"
