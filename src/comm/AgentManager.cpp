@@ -96,13 +96,9 @@ QMap<QString, QString> AgentManager::agentInfoFields()
 
 bool AgentManager::sendRptToServer(const QString&)
 {
-    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     BusyGuard guard(m_busy);
-    if (!guard.acquired()) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "%s", ReportSubmitter::kBusyMessage);
-        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
         return false;
-    }
     const bool ok = ReportSubmitter::postFields(Q_FUNC_INFO, AGENT_INFO, agentInfoFields(),
                                                 "Successfully send agent info to server.",
                                                 "Failed to send agent info to server.");

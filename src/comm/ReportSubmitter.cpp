@@ -7,16 +7,22 @@
 
 #include <cerrno>
 
+bool ReportSubmitter::enter(const char* origin, const BusyGuard& guard)
+{
+    EDR_LOG->Debug(origin, "IN");
+    if (guard.acquired())
+        return true;
+    EDR_LOG->Error(origin, errno, "%s", kBusyMessage);
+    EDR_LOG->Debug(origin, "OUT");
+    return false;
+}
+
 bool ReportSubmitter::submitReport(const char* origin, bool& busy, API_NAME route, const ReportMessages& messages,
                                    const std::function<bool(QJsonObject&)>& collect)
 {
-    EDR_LOG->Debug(origin, "IN");
     BusyGuard guard(busy);
-    if (!guard.acquired()) {
-        EDR_LOG->Error(origin, errno, "%s", kBusyMessage);
-        EDR_LOG->Debug(origin, "OUT");
+    if (!enter(origin, guard))
         return false;
-    }
     QJsonObject report;
     bool collected = false;
     try {

@@ -42,6 +42,10 @@ struct ReportMessages {
 // single form field "data" (or of plain fields), logged once by outcome.
 class ReportSubmitter {
 public:
+    // Debug IN; when the guard found the manager busy, the refusal (Error,
+    // Debug OUT) and false. Every submission and order starts with it.
+    static bool enter(const char* origin, const BusyGuard& guard);
+
     // Debug IN; refuse when busy; collect; post to route; log; Debug OUT.
     // origin is the calling manager's signature (Q_FUNC_INFO).
     static bool submitReport(const char* origin, bool& busy, API_NAME route, const ReportMessages& messages,

@@ -113,13 +113,9 @@ bool FirewallManager::sendRptToServer(const QString& requestId)
 
 bool FirewallManager::executeSendReportToServer(const QString& parameter)
 {
-    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     BusyGuard guard(m_actionBusy);
-    if (!guard.acquired()) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "%s", ReportSubmitter::kBusyMessage);
-        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
         return false;
-    }
     const std::optional<Order> order = parseOrder(parameter);
     if (!order) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to send Firewall Action to server.");

@@ -339,13 +339,9 @@ bool ServiceManager::sendRptToServer(const QString&)
 
 bool ServiceManager::executeSendReportToServer(const QString& parameter)
 {
-    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     BusyGuard guard(m_actionBusy);
-    if (!guard.acquired()) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "%s", ReportSubmitter::kBusyMessage);
-        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
         return false;
-    }
 
     // action code | service name | request id; a short order runs nothing.
     const QStringList fields = parameter.split(QLatin1Char('|'));

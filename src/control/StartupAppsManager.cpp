@@ -203,13 +203,9 @@ StartupAppsManager::Order StartupAppsManager::parseOrder(const QString& paramete
 
 bool StartupAppsManager::executeSendReportToServer(const QString& parameter)
 {
-    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     BusyGuard guard(m_actionBusy);
-    if (!guard.acquired()) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "%s", ReportSubmitter::kBusyMessage);
-        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
         return false;
-    }
     const Order order = parseOrder(parameter);
     QJsonObject result;
     if (order.id)

@@ -88,13 +88,9 @@ bool TerminalManager::executeCommand(const QString& command, bool asUser, QJsonO
 
 bool TerminalManager::sendRptToServer(const QString& arg)
 {
-    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     BusyGuard guard(m_reportBusy);
-    if (!guard.acquired()) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "%s", ReportSubmitter::kBusyMessage);
-        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+    if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
         return false;
-    }
     const std::optional<Request> request = parseArgument(arg);
     if (!request) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Invalid Parameters!");
