@@ -68,8 +68,6 @@ void HttpManager::releaseInstance()
 
 HttpManager::HttpManager()
 {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_ALL); });
     const QString dir = Common::getReportsPath() + QStringLiteral("/web/");
     if (!QDir(dir).exists())
         QDir().mkpath(dir);
@@ -104,6 +102,10 @@ QString HttpManager::requestCopyPath(const QString& url)
 bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
                                    QString& response)
 {
+    // Global set-up once per process, at the first request: commands that
+    // never talk to the server (report NAME) do not pay for it.
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_ALL); });
     CurlCleanup handles;
     handles.curl = curl_easy_init();
     if (!handles.curl)
