@@ -12,12 +12,11 @@
 #include <QMutexLocker>
 #include <QUrl>
 
-#include <curl/curl.h>
+#include "comm/CurlLibrary.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <fcntl.h>
-#include <mutex>
 #include <netinet/in.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -38,17 +37,18 @@ int abortOnStop(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
 }
 
 struct CurlCleanup {
+    const CurlLibrary& api;
     CURL* curl = nullptr;
     curl_slist* headers = nullptr;
     curl_mime* mime = nullptr;
     ~CurlCleanup()
     {
         if (curl)
-            curl_easy_cleanup(curl);
+            api.easy_cleanup(curl);
         if (mime)
-            curl_mime_free(mime);
+            api.mime_free(mime);
         if (headers)
-            curl_slist_free_all(headers);
+            api.slist_free_all(headers);
     }
 };
 } // namespace
@@ -102,12 +102,15 @@ QString HttpManager::requestCopyPath(const QString& url)
 bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
                                    QString& response)
 {
-    // Global set-up once per process, at the first request: commands that
-    // never talk to the server (report NAME) do not pay for it.
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_ALL); });
-    CurlCleanup handles;
-    handles.curl = curl_easy_init();
+    // Loaded and set up at the first request: commands that never talk to
+    // the server (report NAME) do not pay for it.
+    const CurlLibrary* api = CurlLibrary::get();
+    if (!api) {
+        EDR_LOG->Error(Q_FUNC_INFO, ELIBACC, "libcurl unavailable: %s", CurlLibrary::error());
+        return false;
+    }
+    CurlCleanup handles{*api};
+    handles.curl = api->easy_init();
     if (!handles.curl)
         return false;
     CURL* curl = handles.curl;
@@ -149,65 +152,65 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
     }
 
     std::string reply;
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HttpManager::write_CallbackFunc_StdString);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply);
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 15L);
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytesPerSecond);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME,
+    api->easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HttpManager::write_CallbackFunc_StdString);
+    api->easy_setopt(curl, CURLOPT_WRITEDATA, &reply);
+    api->easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    api->easy_setopt(curl, CURLOPT_MAXREDIRS, 15L);
+    api->easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+    api->easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    api->easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytesPerSecond);
+    api->easy_setopt(curl, CURLOPT_LOW_SPEED_TIME,
                      static_cast<long>(qMax(1, Common::scaledMs(kLowSpeedWindowMs) / 1000)));
-    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &abortOnStop);
-    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    api->easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &abortOnStop);
+    api->easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 
     const QString token = authorizationToken();
     if (!token.isEmpty())
-        handles.headers = curl_slist_append(handles.headers, ("Authorization: " + token.toUtf8()).constData());
-    handles.headers = curl_slist_append(handles.headers, "Cookie: AspxAutoDetectCookieSupport=1");
-    handles.headers = curl_slist_append(handles.headers, "Cache-Control: no-cache");
+        handles.headers = api->slist_append(handles.headers, ("Authorization: " + token.toUtf8()).constData());
+    handles.headers = api->slist_append(handles.headers, "Cookie: AspxAutoDetectCookieSupport=1");
+    handles.headers = api->slist_append(handles.headers, "Cache-Control: no-cache");
 
     QByteArray fullUrl;
     if (!post) {
         fullUrl = url.toUtf8() + '?' + formText;
-        curl_easy_setopt(curl, CURLOPT_URL, fullUrl.constData());
-        curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+        api->easy_setopt(curl, CURLOPT_URL, fullUrl.constData());
+        api->easy_setopt(curl, CURLOPT_HTTPGET, 1L);
     } else {
         fullUrl = url.toUtf8();
-        curl_easy_setopt(curl, CURLOPT_URL, fullUrl.constData());
-        curl_easy_setopt(curl, CURLOPT_POST, 1L);
+        api->easy_setopt(curl, CURLOPT_URL, fullUrl.constData());
+        api->easy_setopt(curl, CURLOPT_POST, 1L);
         if (mode == 3) {
-            handles.headers = curl_slist_append(handles.headers, "Content-Type: application/json");
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(jsonText.size()));
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, jsonText.constData());
+            handles.headers = api->slist_append(handles.headers, "Content-Type: application/json");
+            api->easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(jsonText.size()));
+            api->easy_setopt(curl, CURLOPT_POSTFIELDS, jsonText.constData());
         } else if (mode == 2) {
-            handles.mime = curl_mime_init(curl);
+            handles.mime = api->mime_init(curl);
             for (auto it = fields.constBegin(); it != fields.constEnd(); ++it) {
-                curl_mimepart* part = curl_mime_addpart(handles.mime);
+                curl_mimepart* part = api->mime_addpart(handles.mime);
                 const QByteArray name = it.key().toUtf8();
                 const QByteArray value = it.value().toUtf8();
-                curl_mime_name(part, name.constData());
+                api->mime_name(part, name.constData());
                 if (it.key().endsWith(QLatin1String("File"), Qt::CaseInsensitive))
-                    curl_mime_filedata(part, value.constData());
+                    api->mime_filedata(part, value.constData());
                 else
-                    curl_mime_data(part, value.constData(), CURL_ZERO_TERMINATED);
+                    api->mime_data(part, value.constData(), CURL_ZERO_TERMINATED);
             }
-            curl_easy_setopt(curl, CURLOPT_MIMEPOST, handles.mime);
+            api->easy_setopt(curl, CURLOPT_MIMEPOST, handles.mime);
         } else if (mode == 1) {
             handles.headers =
-                curl_slist_append(handles.headers, "Content-Type: application/x-www-form-urlencoded");
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(formText.size()));
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, formText.constData());
+                api->slist_append(handles.headers, "Content-Type: application/x-www-form-urlencoded");
+            api->easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(formText.size()));
+            api->easy_setopt(curl, CURLOPT_POSTFIELDS, formText.constData());
         } else {
             // A bare POST: no body, and no content type (libcurl would add one).
-            handles.headers = curl_slist_append(handles.headers, "Content-Type:");
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, 0L);
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, "");
+            handles.headers = api->slist_append(handles.headers, "Content-Type:");
+            api->easy_setopt(curl, CURLOPT_POSTFIELDSIZE, 0L);
+            api->easy_setopt(curl, CURLOPT_POSTFIELDS, "");
         }
     }
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, handles.headers);
+    api->easy_setopt(curl, CURLOPT_HTTPHEADER, handles.headers);
 
-    const CURLcode rc = curl_easy_perform(curl);
+    const CURLcode rc = api->easy_perform(curl);
     if (rc != CURLE_OK) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to send data to server - %s Response Code: %d",
                        qUtf8Printable(url), static_cast<int>(rc));
