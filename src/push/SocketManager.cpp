@@ -1,5 +1,7 @@
 #include "push/SocketManager.h"
 
+#include "push/PushCommand.h"
+
 #include "core/CLogger.h"
 #include "core/Common.h"
 #include "identity/AgentDetails.h"
@@ -21,7 +23,6 @@ SocketManager* SocketManager::s_instance = nullptr;
 namespace
 {
 constexpr qint64 kReconnectPauseMs = 10000;
-const QString kSeparator = QStringLiteral("#$#");
 } // namespace
 
 SocketManager* SocketManager::getInstance()
@@ -130,57 +131,40 @@ void SocketManager::onMessageRecieved(const QString& ip, const QString& message)
 void SocketManager::processCommand(const QString& ip, const QString& message)
 {
     Q_UNUSED(ip);
-    const QStringList fields = message.split(kSeparator, Qt::KeepEmptyParts, Qt::CaseSensitive);
-    const QString command = fields.value(0);
-    if (fields.size() < 2) {
-        if (command == QLatin1String("MOD") || command == QLatin1String("UPD") ||
-            command == QLatin1String("RPT") || command == QLatin1String("ACT") ||
-            command == QLatin1String("RESET"))
-            EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Ignored %s command without a subject",
-                           qUtf8Printable(command));
-        return;
-    }
-    const QString subject = fields.at(1);
-
-    if (command == QLatin1String("MOD")) {
-        if (subject != QLatin1String("AGENT_CONFIG_CHANGE"))
-            return;
+    const PushCommand command = PushCommand::parse(message);
+    switch (command.kind) {
+    case PushCommand::Ignored:
+        break;
+    case PushCommand::TooShort:
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Ignored %s command without a subject", qUtf8Printable(command.word));
+        break;
+    case PushCommand::ConfigChange:
         if (m_scheduleManager && m_scheduleManager->getLatestSceduleFromServer())
             EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Downloaded Updated Agent Config!");
         else
             EDR_LOG->Trace(Q_FUNC_INFO, "Failed to Download Agent Config!");
-    } else if (command == QLatin1String("UPD")) {
-        if (subject != QLatin1String("AGENT"))
-            return;
+        break;
+    case PushCommand::Update:
         if (m_scheduleManager && m_scheduleManager->getLatestAgentFromServer())
             EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Started Agent Updater!");
         else
             EDR_LOG->Trace(Q_FUNC_INFO, "Failed to Start Agent Updater!");
-    } else if (command == QLatin1String("RPT") || command == QLatin1String("ACT")) {
-        const bool report = command == QLatin1String("RPT");
-        QString task = subject;
-        QString parameter = fields.size() > 2 ? fields.at(2) : QString();
-        if (report && task.startsWith(QLatin1Char('$')))
-            task.remove(0, 1);
-        if (report && parameter.startsWith(QLatin1Char('$')))
-            parameter.remove(0, 1);
-        if (parameter == QLatin1String("0"))
-            parameter.clear();
-        const int number = task.toInt(nullptr, 10);
-        const auto name = static_cast<TasksManager::TASK_NAMES>(number);
-        if (!m_tasksManager)
-            return;
-        if (report)
-            m_tasksManager->sendReportToServer(name, parameter);
-        else
-            m_tasksManager->executeSendReportToServer(name, parameter);
-    } else if (command == QLatin1String("RESET")) {
-        if (subject != QLatin1String("TRACE_LOG"))
-            return;
+        break;
+    case PushCommand::Report:
+        if (m_tasksManager)
+            m_tasksManager->sendReportToServer(static_cast<TasksManager::TASK_NAMES>(command.task), command.parameter);
+        break;
+    case PushCommand::Action:
+        if (m_tasksManager)
+            m_tasksManager->executeSendReportToServer(static_cast<TasksManager::TASK_NAMES>(command.task),
+                                                      command.parameter);
+        break;
+    case PushCommand::ResetTraceLog:
         if (QFile::remove(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log")))
             EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Deleted Trace Log!");
         else
             EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to Delete Trace Log!");
+        break;
     }
 }
 
