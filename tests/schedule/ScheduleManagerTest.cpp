@@ -125,14 +125,17 @@ TEST_F(ScheduleManagerTest, UnreadableOrBadFilesLeaveTheScheduleWithTheirLogLine
     } cases[] = {
         {std::nullopt, "Failed to read Schedule DB Failed!"},
         {QByteArray("<AgentInfo><Interval>5</Interv"), "| CATCHED"},
-        {QByteArray("<AgentInfo>").repeated(100000), "nested deeper than 64 levels"},
+        {QByteArray(), "| CATCHED"},
+        {QByteArray("<AgentInfo>").repeated(100000), "| CATCHED"},
+        {QByteArray(ScheduleManager::kMaxScheduleFileBytes - 1, ' ').prepend("<AgentInfo/>"), "| CATCHED"},
     };
     for (const auto& c : cases) {
         QFile::remove(scheduleFile());
         if (c.content)
             writeFile(scheduleFile(), *c.content);
+        const int lines = logCount(c.line);
         EXPECT_FALSE(manager->getLatestSchedules()) << c.line;
-        EXPECT_EQ(logCount(c.line), 1) << c.line;
+        EXPECT_EQ(logCount(c.line), lines + 1) << c.line;
         expectDefaults(manager->getSchedules());
     }
 }
