@@ -134,7 +134,8 @@ bool ScheduleManager::getLatestSchedules()
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     QFile file(m_scheduleFile);
-    if (!file.open(QIODevice::ReadOnly)) {
+    // Only a regular file is opened: a FIFO in its place would block.
+    if (!QFileInfo(m_scheduleFile).isFile() || !file.open(QIODevice::ReadOnly)) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to read Schedule DB Failed!");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;

@@ -15,6 +15,8 @@
 
 #include <memory>
 
+#include <sys/stat.h>
+
 using namespace edrtest;
 
 namespace {
@@ -129,6 +131,8 @@ TEST_F(ScheduleManagerTest, UnreadableOrBadFilesLeaveTheScheduleWithTheirLogLine
         {QByteArray("<AgentInfo>").repeated(100000), "| CATCHED"},
         {QByteArray(ScheduleManager::kMaxScheduleFileBytes - 1, ' ').prepend("<AgentInfo/>"), "| CATCHED"},
     };
+    ASSERT_EQ(::mkfifo(QFile::encodeName(scheduleFile()).constData(), 0600), 0);
+    EXPECT_FALSE(manager->getLatestSchedules()); // a FIFO in its place does not block
     for (const auto& c : cases) {
         QFile::remove(scheduleFile());
         if (c.content)
@@ -244,6 +248,7 @@ TEST_F(ScheduleManagerTest, PendingReportsVisitedInCaseInsensitiveOrderAndKept)
     writeFile(dir + QStringLiteral("/A.rpt"), QByteArray("0000body\0tail", 13));
     writeFile(dir + QStringLiteral("/c.txt"), "0001");
     QDir().mkpath(dir + QStringLiteral("/d.rpt"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(dir + QStringLiteral("/e.rpt")).constData(), 0600), 0);
     manager->sendPendingReports();
     manager->sendPendingReports();
     EDR_LOG->setLevel(level);
@@ -252,6 +257,7 @@ TEST_F(ScheduleManagerTest, PendingReportsVisitedInCaseInsensitiveOrderAndKept)
     const QByteArray okA = "| Successfully Send Pending Report: A.rpt", okB = "| Successfully Send Pending Report: b.rpt",
                      failD = "| Failed to Send Pending Report: d.rpt";
     EXPECT_EQ(log.count(okA) + log.count(okB) + log.count(failD), 6);
+    EXPECT_FALSE(manager->sendPendingReport(dir + QStringLiteral("/e.rpt"))); // a FIFO does not block
     EXPECT_EQ(log.count("c.txt"), 0);
     EXPECT_LT(log.indexOf(okA), log.indexOf(okB));
     EXPECT_LT(log.indexOf(okB), log.indexOf(failD));
