@@ -134,7 +134,8 @@ bool ScheduleManager::getLatestSchedules()
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     QFile file(m_scheduleFile);
-    if (!file.open(QIODevice::ReadOnly)) {
+    // Only a regular file is opened: a FIFO in its place would block.
+    if (!QFileInfo(m_scheduleFile).isFile() || !file.open(QIODevice::ReadOnly)) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to read Schedule DB Failed!");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;
@@ -143,23 +144,10 @@ bool ScheduleManager::getLatestSchedules()
     // size the file system reports.
     const QByteArray content = file.read(kMaxScheduleFileBytes + 1);
     file.close();
-    if (content.size() > kMaxScheduleFileBytes) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Schedule DB larger than %lld bytes, not read.",
-                       static_cast<long long>(kMaxScheduleFileBytes));
-        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
-        return false;
-    }
-
-    ScheduleReader reader(content);
-    switch (reader.parse()) {
-    case ScheduleReader::Result::Parsed:
-        break;
-    case ScheduleReader::Result::TooDeep:
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Schedule DB nested deeper than %d levels, not parsed.",
-                       ScheduleReader::kMaxDepth);
-        EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
-        return false;
-    case ScheduleReader::Result::Malformed:
+    // An oversized or hostile file (too deep for the parser's recursion) is
+    // refused like any other document that does not parse.
+    ScheduleReader reader(content.size() > kMaxScheduleFileBytes ? QByteArray() : content);
+    if (reader.parse() != ScheduleReader::Result::Parsed) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "CATCHED");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;

@@ -68,8 +68,9 @@ public:
     // Run at start-up unless it already ran on today's calendar date.
     static bool isDueAtStartUp(const ScheduleInfo& entry, const QDateTime& lastRun, const QDateTime& now);
 
-    // A schedule file beyond this is not read.
-    static constexpr qint64 kMaxScheduleFileBytes = 16 * 1024 * 1024;
+    // A schedule file beyond this is not parsed: a real one is a few
+    // kilobytes, and the parser keeps a node per element in memory.
+    static constexpr qint64 kMaxScheduleFileBytes = 1024 * 1024;
 
 public slots:
     void onScheduleTimer();

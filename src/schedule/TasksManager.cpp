@@ -13,6 +13,7 @@
 #include "inventory/UsersAccountManager.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 #include <cstdlib>
 
@@ -133,15 +134,23 @@ bool TasksManager::executeSendReportToServer(TASK_NAMES task, const QString& par
     return false;
 }
 
+namespace {
+// The body is dropped after reading, so reading more than this gains nothing.
+constexpr qint64 kMaxPendingBodyBytes = 16 * 1024 * 1024;
+} // namespace
+
 bool TasksManager::sendPendingReport(const QString& path)
 {
+    // Only regular files: opening a FIFO would block the main thread.
+    if (!QFileInfo(path).isFile())
+        return false;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return false;
     // The task number is the leading decimal text of the first four bytes.
     const QByteArray head = file.read(4);
     const int task = static_cast<int>(std::strtol(head.constData(), nullptr, 10));
-    QByteArray rest = file.readAll();
+    QByteArray rest = file.read(kMaxPendingBodyBytes);
     const int nul = rest.indexOf('\0');
     if (nul >= 0)
         rest.truncate(nul);

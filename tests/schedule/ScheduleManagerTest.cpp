@@ -1,11 +1,10 @@
-#include "core/CLogger.h"
 #include "core/Common.h"
 #include "core/EdrAgentConfig.h"
+#include "core/HostPaths.h"
 #include "schedule/ScheduleManager.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
 #include <QThread>
@@ -14,38 +13,36 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <utility>
+
+#include <sys/stat.h>
 
 using namespace edrtest;
 
 namespace {
 
-// name, enabled, run on start, interval; the retry interval is 15 everywhere.
-const struct {
-    const char* name;
-    bool enabled, runOnStart;
-    unsigned int interval;
-} kDefaults[] = {
-    {"AgentInfo", 1, 1, 15}, {"StartUp", 1, 1, 180}, {"Services", 1, 1, 180}, {"Processes", 1, 1, 180},
-    {"InstalledSoft", 1, 1, 1440}, {"TaskSchedule", 1, 1, 1440}, {"Network", 0, 1, 1440},
-    {"HardwareInfo", 1, 1, 180}, {"WindowsUpdates", 0, 1, 1440}, {"Registry", 0, 1, 1440},
-    {"Explorer", 0, 1, 1440}, {"Network_Mon", 1, 1, 180}, {"AppCon_Logs", 0, 1, 1440},
-    {"Quorvex_Logs", 0, 1, 1440}, {"WebProt_Logs", 0, 1, 1440}, {"Network_Logs", 0, 1, 1440},
-    {"Event_Logs", 1, 1, 60}, {"CReports_Logs", 0, 1, 1440}, {"MTasks", 0, 1, 1440}, {"Termina", 0, 1, 1440},
-    {"Powershel", 0, 1, 1440}, {"ActionResponse", 0, 1, 1440}, {"WindowsFirewallStatus", 0, 1, 1440},
-    {"ASR_Rules", 0, 1, 1440}, {"OS_Query", 0, 1, 1440},
-};
-
-void expectDefaults(const QList<ScheduleInfo>& s)
+// One row per entry: name, enabled, run on start, interval, retry interval, counter.
+QStringList dump(const QList<ScheduleInfo>& s)
 {
-    ASSERT_EQ(s.size(), 25);
-    for (int i = 0; i < 25; ++i) {
-        EXPECT_EQ(s.at(i).getScheduleName(), QLatin1String(kDefaults[i].name)) << i;
-        EXPECT_EQ(s.at(i).getEnable(), kDefaults[i].enabled) << i;
-        EXPECT_EQ(s.at(i).getRunOnStart(), kDefaults[i].runOnStart) << i;
-        EXPECT_EQ(s.at(i).getInterval(), kDefaults[i].interval) << i;
-        EXPECT_EQ(s.at(i).getRetryInterval(), 15u) << i;
-        EXPECT_EQ(s.at(i).getCurrentInterval(), 0u) << i;
-    }
+    QStringList rows;
+    for (const ScheduleInfo& e : s)
+        rows << e.getScheduleName() + QString::asprintf(" %d %d %u %u %u", e.getEnable(), e.getRunOnStart(),
+                                                         e.getInterval(), e.getRetryInterval(), e.getCurrentInterval());
+    return rows;
+}
+
+QStringList defaults()
+{
+    QStringList rows = QStringLiteral(
+        "AgentInfo 1 1 15,StartUp 1 1 180,Services 1 1 180,Processes 1 1 180,InstalledSoft 1 1 1440,"
+        "TaskSchedule 1 1 1440,Network 0 1 1440,HardwareInfo 1 1 180,WindowsUpdates 0 1 1440,Registry 0 1 1440,"
+        "Explorer 0 1 1440,Network_Mon 1 1 180,AppCon_Logs 0 1 1440,Quorvex_Logs 0 1 1440,WebProt_Logs 0 1 1440,"
+        "Network_Logs 0 1 1440,Event_Logs 1 1 60,CReports_Logs 0 1 1440,MTasks 0 1 1440,Termina 0 1 1440,"
+        "Powershel 0 1 1440,ActionResponse 0 1 1440,WindowsFirewallStatus 0 1 1440,ASR_Rules 0 1 1440,"
+        "OS_Query 0 1 1440").split(QLatin1Char(','));
+    for (QString& row : rows)
+        row += QStringLiteral(" 15 0");
+    return rows;
 }
 
 void writeFile(const QString& path, const QByteArray& bytes)
@@ -54,21 +51,6 @@ void writeFile(const QString& path, const QByteArray& bytes)
     QFile f(path);
     ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
     f.write(bytes);
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
-}
-
-// Ticks (counted from 1) on which each position matched.
-QMap<int, QList<int>> matchTicks(QList<ScheduleInfo>& s, int ticks)
-{
-    QMap<int, QList<int>> matches;
-    for (int tick = 1; tick <= ticks; ++tick)
-        ScheduleManager::advanceTick(s, [&](int i) { matches[i] << tick; });
-    return matches;
 }
 
 void spinEventLoop(int ms)
@@ -88,99 +70,103 @@ protected:
         manager->setDispatchForTesting([this](TasksManager::TASK_NAMES task, const QString& arg) {
             dispatched << task;
             EXPECT_TRUE(arg.isEmpty());
+            if (dispatched.size() == 1)
+                QThread::msleep(slowFirstRunMs);
             return false;
         });
     }
     int logCount(const QByteArray& text) const { return prefix.traceLog().count(text); }
     QString scheduleFile() const { return manager->getScheduleFilePath(); }
 
-    ScratchPrefix prefix;
+    ScratchPrefix prefix; // trace level, log under the prefix
     std::unique_ptr<ScheduleManager> manager;
     QList<int> dispatched;
+    unsigned long slowFirstRunMs = 0;
 };
 
-TEST_F(ScheduleManagerTest, OverlayKeepsCountersAndOmittedEntriesDefaultsRestoreAll)
+TEST_F(ScheduleManagerTest, OverlayChangesOnlyNamedValuesAndBadFilesChangeNothing)
 {
-    expectDefaults(manager->getSchedules());
-    writeFile(scheduleFile(), "<StartUp><Interval>7</Interval></StartUp><Services><Interval>8</Interval></Services>");
+    QByteArray file = "<?xml version=\"1.0\"?>\n<!-- from the server -->\n<Bogus><Enabled>1</Enabled></Bogus>\n"
+                      "<Network><Enabled>4294967297</Enabled><Run_on_Start>0x10</Run_on_Start><Interval>-1</Interval>"
+                      "<Retry_Interval> \n\t+42abc</Retry_Interval></Network>\n"
+                      "<Event_Logs><Enabled>4294967296</Enabled><Run_on_Start>word</Run_on_Start>"
+                      "<Interval>0</Interval><Retry_Interval>99999999999999999999</Retry_Interval></Event_Logs>\n"
+                      "<agentinfo><Interval>5</Interval></agentinfo><AgentInfoX><Interval>5</Interval></AgentInfoX>"
+                      "<Services><interval>5</interval></Services><StartUp><Interval>&#51;3</Interval></StartUp>"
+                      "<Processes><Interval></Interval><Interval>9</Interval></Processes>"
+                      "<HardwareInfo/><HardwareInfo><Interval>9</Interval></HardwareInfo>"
+                      "<Registry><Interval>4294967301</Interval></Registry><Registry><Interval>9</Interval></Registry>";
+    for (int i = 0; i < 3000; ++i)
+        file += "<Filler" + QByteArray::number(i) + "><Interval>1</Interval></Filler" + QByteArray::number(i) + ">";
+    writeFile(scheduleFile(), file + QByteArray("\0<OS_Query><Enabled>1</Enabled></OS_Query>", 42));
     ASSERT_TRUE(manager->getLatestSchedules());
+    QStringList expected = defaults();
+    expected[TasksManager::StartUp] = QStringLiteral("StartUp 1 1 33 15 0");
+    expected[TasksManager::Processes] = QStringLiteral("Processes 1 1 0 15 0");
+    expected[TasksManager::Network] = QStringLiteral("Network 1 0 4294967295 42 0");
+    expected[TasksManager::Registry] = QStringLiteral("Registry 0 1 5 15 0");
+    expected[TasksManager::Event_Logs] = QStringLiteral("Event_Logs 0 0 0 4294967295 0");
+    EXPECT_EQ(dump(manager->getSchedules()), expected);
+
+    // A newer file changes only what it names; counters go on.
     for (int i = 0; i < 3; ++i)
         manager->onScheduleTimer();
-    writeFile(scheduleFile(), "<Services><Interval>9</Interval></Services>");
+    writeFile(scheduleFile(), "<Event_Logs><Interval>9</Interval></Event_Logs>");
     ASSERT_TRUE(manager->getLatestSchedules());
-    const QList<ScheduleInfo> s = manager->getSchedules();
-    EXPECT_EQ(s.at(TasksManager::StartUp).getInterval(), 7u);
-    EXPECT_EQ(s.at(TasksManager::Services).getInterval(), 9u);
-    EXPECT_EQ(s.at(TasksManager::StartUp).getCurrentInterval(), 3u);
-    EXPECT_EQ(s.at(TasksManager::Network).getCurrentInterval(), 0u); // disabled: frozen
-    manager->loadDefaultConfig();
-    expectDefaults(manager->getSchedules());
-}
+    const QStringList after = dump(manager->getSchedules());
+    EXPECT_EQ(after.at(TasksManager::Network), QStringLiteral("Network 1 0 4294967295 42 3"));
+    EXPECT_EQ(after.at(TasksManager::Event_Logs), QStringLiteral("Event_Logs 0 0 9 4294967295 0")); // disabled: frozen
 
-TEST_F(ScheduleManagerTest, UnreadableOrBadFilesLeaveTheScheduleWithTheirLogLine)
-{
-    const struct {
-        std::optional<QByteArray> content; // nothing: no file at all
-        const char* line;
-    } cases[] = {
-        {std::nullopt, "Failed to read Schedule DB Failed!"},
-        {QByteArray("<AgentInfo><Interval>5</Interv"), "| CATCHED"},
-        {QByteArray("<AgentInfo>").repeated(100000), "nested deeper than 64 levels"},
+    // No content: no file; empty content: a FIFO, which must not block.
+    const std::pair<std::optional<QByteArray>, const char*> bad[] = {
+        {std::nullopt, "| Failed to read Schedule DB Failed!"},
+        {QByteArray(), "| Failed to read Schedule DB Failed!"},
+        {QByteArray("<AgentInfo><Interval>7</Interv"), "| CATCHED"},
+        {QByteArray("<AgentInfo>").repeated(100000), "| CATCHED"},
+        {QByteArray(ScheduleManager::kMaxScheduleFileBytes - 1, ' ').prepend("<AgentInfo/>"), "| CATCHED"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [content, line] : bad) {
         QFile::remove(scheduleFile());
-        if (c.content)
-            writeFile(scheduleFile(), *c.content);
-        EXPECT_FALSE(manager->getLatestSchedules()) << c.line;
-        EXPECT_EQ(logCount(c.line), 1) << c.line;
-        expectDefaults(manager->getSchedules());
+        if (content && content->isEmpty())
+            ASSERT_EQ(::mkfifo(QFile::encodeName(scheduleFile()).constData(), 0600), 0);
+        else if (content)
+            writeFile(scheduleFile(), *content);
+        const int lines = logCount(line);
+        EXPECT_FALSE(manager->getLatestSchedules()) << line;
+        EXPECT_EQ(logCount(line), lines + 1) << line;
+        EXPECT_EQ(dump(manager->getSchedules()), after) << line;
     }
+    manager->loadDefaultConfig();
+    EXPECT_EQ(dump(manager->getSchedules()), defaults());
 }
 
 TEST(ScheduleTicks, FirstMatchOnTickNPlusOneThenEveryN)
 {
     QList<ScheduleInfo> s;
     ScheduleManager::fillDefaultSchedule(s, TasksManager::taskNames());
-    s[TasksManager::Network].setEnable(true);
-    s[TasksManager::Network].setInterval(0);
-    s[TasksManager::Explorer].setEnable(true);
-    s[TasksManager::Explorer].setInterval(4294967295u);
-    const QMap<int, QList<int>> m = matchTicks(s, 130);
+    QMap<int, QList<int>> m;
+    for (int tick = 1; tick <= 130; ++tick)
+        ScheduleManager::advanceTick(s, [&](int i) { m[i] << tick; });
     EXPECT_EQ(m.value(TasksManager::AgentInfo), (QList<int>{16, 31, 46, 61, 76, 91, 106, 121}));
     EXPECT_EQ(m.value(TasksManager::Event_Logs), (QList<int>{61, 121}));
-    EXPECT_EQ(m.value(TasksManager::Network).size(), 130);
-    EXPECT_FALSE(m.contains(TasksManager::Explorer) || m.contains(TasksManager::StartUp));
-
-    // A disabled entry keeps its counter and resumes from it.
-    s[0].setEnable(false);
-    EXPECT_TRUE(matchTicks(s, 50).value(0).isEmpty());
-    EXPECT_EQ(s.at(0).getCurrentInterval(), 10u);
-    s[0].setEnable(true);
-    EXPECT_EQ(matchTicks(s, 25).value(0), (QList<int>{6, 21}));
+    EXPECT_FALSE(m.contains(TasksManager::StartUp) || m.contains(TasksManager::Network));
 }
 
-TEST_F(ScheduleManagerTest, StartUpRunSkipsTasksThatRanToday)
-{
-    EdrAgentConfig config;
-    ASSERT_TRUE(config.setTaskLastRunTime(QStringLiteral("AgentInfo"), QDateTime::currentDateTime()));
-    ASSERT_TRUE(config.setTaskLastRunTime(QStringLiteral("StartUp"), QDateTime::currentDateTime().addDays(-1)));
-    manager->runStartUpTasks();
-    EXPECT_EQ(dispatched, (QList<int>{1, 2, 3, 4, 5, 7, 11, 16}));
-}
-
-TEST_F(ScheduleManagerTest, TimerMatchesCountedUnderASmallTimeScale)
+TEST_F(ScheduleManagerTest, TimerMatchesCountedUnderASmallTimeScaleMissedTicksDropped)
 {
     const double previousScale = Common::timeScale();
     Common::setTimeScaleForTesting(0.001); // one tick every 60 ms
+    slowFirstRunMs = 600;                  // the first report spans ten ticks
     writeFile(scheduleFile(), "<AgentInfo><Interval>0</Interval></AgentInfo><StartUp><Interval>2</Interval></StartUp>");
     ASSERT_TRUE(manager->getLatestSchedules());
     manager->runScheduler();
-    spinEventLoop(700);
+    spinEventLoop(1000);
     manager->stopScheduler();
     Common::setTimeScaleForTesting(previousScale);
 
     const int ticks = dispatched.count(TasksManager::AgentInfo);
     EXPECT_GE(ticks, 3);
+    EXPECT_LE(ticks, 10); // 16 if the ticks missed during the slow report were made up
     EXPECT_EQ(dispatched.count(TasksManager::StartUp), (ticks - 1) / 2);
     EXPECT_EQ(logCount("Schedule Matched! Task Name: AgentInfo"), ticks);
     EXPECT_EQ(logCount("void ScheduleManager::onScheduleTimer() | Failed to send AgentInfo report to server."), ticks);
@@ -188,84 +174,72 @@ TEST_F(ScheduleManagerTest, TimerMatchesCountedUnderASmallTimeScale)
     EXPECT_EQ(dispatched.count(TasksManager::AgentInfo), ticks); // stopped
 }
 
-TEST_F(ScheduleManagerTest, StartWithDownloadStoresServerBytesAndRunsThroughTheDispatcher)
+TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenTheDownloadFails)
 {
-    manager->setDispatchForTesting(nullptr);
-    FakeHttpServer server;
-    const QByteArray body = "<?xml version=\"1.0\"?>\r\n<!-- Zeitplan für Agent -->\r\n"
-                            "<AgentInfo><Interval>30</Interval></AgentInfo>\r\n";
-    server.setHandler([&body](const RecordedRequest& r) {
-        return r.method == "GET" ? CannedReply{200, body, "application/xml"} : CannedReply();
-    });
-    prefix.pointAtServer(server.port());
-
-    manager->startScheduler();
-    manager->stopScheduler();
-    EXPECT_EQ(readFile(scheduleFile()), body);
-    EXPECT_EQ(manager->getSchedules().at(0).getInterval(), 30u);
-    const QList<RecordedRequest> requests = server.requests();
-    // The download first, then the start-up run's reports, task 0 first.
-    ASSERT_GE(requests.size(), 2);
-    EXPECT_EQ(requests.at(0).method, "GET");
-    EXPECT_TRUE(requests.at(0).target.startsWith("/api/v1/settings/getConfigFile"));
-    EXPECT_EQ(requests.at(1).method, "POST");
-    EXPECT_TRUE(requests.at(1).target.endsWith("/machineInfo/addMachineInfo"));
-}
-
-TEST_F(ScheduleManagerTest, FailedDownloadAtStartPutsDefaultsInForce)
-{
-    FakeHttpServer server;
-    CannedReply hangUp;
-    hangUp.close = true;
-    server.setReply(hangUp);
-    prefix.pointAtServer(server.port());
     const QByteArray onDisk = "<AgentInfo><Interval>2</Interval></AgentInfo>";
     writeFile(scheduleFile(), onDisk);
     ASSERT_TRUE(manager->getLatestSchedules());
-
+    EdrAgentConfig config; // start-up runs skip what already ran today
+    ASSERT_TRUE(config.setTaskLastRunTime(QStringLiteral("StartUp"), QDateTime::currentDateTime()));
+    ASSERT_TRUE(config.setTaskLastRunTime(QStringLiteral("AgentInfo"), QDateTime::currentDateTime().addDays(-1)));
+    FakeHttpServer server;
+    CannedReply reply{200, "", "", false, true}; // hangs up
+    server.setReply(reply);
+    prefix.pointAtServer(server.port());
     manager->startScheduler();
     EXPECT_TRUE(manager->isSchedulerRunning());
-    manager->stopScheduler();
-    expectDefaults(manager->getSchedules());
-    EXPECT_EQ(readFile(scheduleFile()), onDisk);
+    EXPECT_EQ(dump(manager->getSchedules()), defaults());
+    EXPECT_EQ(HostPaths::readFile(scheduleFile()), onDisk);
     EXPECT_EQ(logCount("Failed to get Agent Config file server."), 1);
-    EXPECT_EQ(dispatched, (QList<int>{0, 1, 2, 3, 4, 5, 7, 11, 16}));
+    EXPECT_EQ(dispatched, (QList<int>{0, 2, 3, 4, 5, 7, 11, 16}));
+
+    // The server's bytes land on disk; the start-up run goes through the real dispatcher.
+    reply = {200, "<?xml version=\"1.0\"?>\r\n<!-- Zeitplan für Agent -->\r\n<AgentInfo><Interval>30</Interval></AgentInfo>\r\n",
+             "application/xml"};
+    server.setReply(reply);
+    manager->setDispatchForTesting(nullptr);
+    const int before = server.requests().size();
+    manager->startScheduler();
+    manager->stopScheduler();
+    EXPECT_EQ(HostPaths::readFile(scheduleFile()), reply.body);
+    EXPECT_EQ(manager->getSchedules().at(0).getInterval(), 30u);
+    const QList<RecordedRequest> requests = server.requests().mid(before);
+    ASSERT_GE(requests.size(), 2);
+    EXPECT_EQ(requests.at(0).method + ' ' + requests.at(0).target, "GET /api/v1/settings/getConfigFile?");
+    EXPECT_TRUE(requests.at(1).method == "POST" && requests.at(1).target.endsWith("/machineInfo/addMachineInfo"));
 }
 
 TEST_F(ScheduleManagerTest, PendingReportsVisitedInCaseInsensitiveOrderAndKept)
 {
-    const LOGGER::CLogger::Level level = EDR_LOG->level();
-    EDR_LOG->setLevel(LOGGER::CLogger::LEVEL_TRACE);
-    const QString dir = Common::getReportsPath() + QStringLiteral("/edr/pending");
-    writeFile(dir + QStringLiteral("/b.rpt"), "0003{\"x\":1}");
-    writeFile(dir + QStringLiteral("/A.rpt"), QByteArray("0000body\0tail", 13));
-    writeFile(dir + QStringLiteral("/c.txt"), "0001");
-    QDir().mkpath(dir + QStringLiteral("/d.rpt"));
+    const QString dir = Common::getReportsPath() + QStringLiteral("/edr/pending/");
+    for (const char* name : {"b.rpt", "A.rpt", "c.txt"})
+        writeFile(dir + QLatin1String(name), QByteArray("0003{}\0tail", 11));
+    QDir().mkpath(dir + QStringLiteral("d.rpt"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(dir + QStringLiteral("e.rpt")).constData(), 0600), 0);
+    EXPECT_FALSE(manager->sendPendingReport(dir + QStringLiteral("e.rpt"))); // must not block
     manager->sendPendingReports();
     manager->sendPendingReports();
-    EDR_LOG->setLevel(level);
 
-    const QByteArray log = prefix.traceLog();
-    const QByteArray okA = "| Successfully Send Pending Report: A.rpt", okB = "| Successfully Send Pending Report: b.rpt",
-                     failD = "| Failed to Send Pending Report: d.rpt";
-    EXPECT_EQ(log.count(okA) + log.count(okB) + log.count(failD), 6);
-    EXPECT_EQ(log.count("c.txt"), 0);
-    EXPECT_LT(log.indexOf(okA), log.indexOf(okB));
-    EXPECT_LT(log.indexOf(okB), log.indexOf(failD));
-    EXPECT_TRUE(QFile::exists(dir + QStringLiteral("/A.rpt")) && QFile::exists(dir + QStringLiteral("/c.txt")));
-    EXPECT_EQ(readFile(dir + QStringLiteral("/b.rpt")), "0003{\"x\":1}");
+    QStringList seen; // message texts without the errno suffix
+    for (const QByteArray& line : prefix.traceLog().split('\n'))
+        if (line.contains("Pending Report"))
+            seen << QString::fromUtf8(line).section(QLatin1String("| "), 1).section(QLatin1String(" (errno"), 0, 0);
+    const QStringList once{QStringLiteral("Successfully Send Pending Report: A.rpt"),
+                           QStringLiteral("Successfully Send Pending Report: b.rpt"),
+                           QStringLiteral("Failed to Send Pending Report: d.rpt")};
+    EXPECT_EQ(seen, once + once);
+    EXPECT_EQ(QDir(dir).entryList(QDir::Files).join(QLatin1Char(' ')), QStringLiteral("A.rpt b.rpt c.txt"));
+    EXPECT_EQ(HostPaths::readFile(dir + QStringLiteral("b.rpt")), QByteArray("0003{}\0tail", 11));
 }
 
 TEST_F(ScheduleManagerTest, UpdaterStartsDetachedWithShAndTheScriptPath)
 {
     const QString script = Common::getRootPath() + QStringLiteral("/edragentupd.sh");
-    const QByteArray marker = (prefix.path() + QStringLiteral("/updater.marker")).toUtf8();
-    writeFile(script, "printf '%s' \"$0\" > '" + marker + ".tmp' && mv '" + marker + ".tmp' '" + marker + "'\n");
+    const QString marker = prefix.path() + QStringLiteral("/updater.marker");
+    writeFile(script, "printf '%s' \"$0\" > \"$0.tmp\" && mv \"$0.tmp\" '" + marker.toUtf8() + "'\n");
     ASSERT_TRUE(manager->getLatestAgentFromServer());
-    QElapsedTimer waited;
-    waited.start();
-    while (!QFile::exists(QString::fromUtf8(marker)) && waited.elapsed() < 10000)
-        QThread::msleep(20);
-    EXPECT_EQ(readFile(QString::fromUtf8(marker)), script.toUtf8());
+    for (int i = 0; i < 500 && !QFile::exists(marker); ++i)
+        spinEventLoop(20);
+    EXPECT_EQ(HostPaths::readFile(marker), script.toUtf8());
     EXPECT_EQ(logCount("Sucessfully Started Agent Updater."), 1);
 }
