@@ -93,7 +93,7 @@ TEST(UsersAccountManager, WhoOutput)
 {
     EXPECT_EQ(UsersAccountManager::parseWhoOutput(edrtest::readFixture(QStringLiteral("commands/who/laptop.stdout"))),
               QStringLiteral("alice|alice|bob"));
-    EXPECT_EQ(UsersAccountManager::parseWhoOutput("\n   \n  root\tpts/0  2024-05-20 10:00\n"), QStringLiteral("root"));
+    EXPECT_EQ(UsersAccountManager::parseWhoOutput("\n   \n  root\tpts/0  2024-05-20 10:00\n"), QStringLiteral("|root"));
     EXPECT_EQ(UsersAccountManager::parseWhoOutput(""), QString());
 }
 
