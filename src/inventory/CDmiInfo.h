@@ -10,7 +10,8 @@
 // per structure, keyed by dmidecode's own property names.
 class CDmiInfo {
 public:
-    static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;
+    // Child processes block the main thread for at most 30 s each.
+    static constexpr int kTimeoutMs = 30000;
 
     CDmiInfo();
     explicit CDmiInfo(const ToolRunner& runner, int timeoutMs = kTimeoutMs);

@@ -12,7 +12,7 @@
 // the hardware report.
 class CHardwareInfo {
 public:
-    static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;
+    static constexpr int kTimeoutMs = 30000;
 
     CHardwareInfo();
     CHardwareInfo(const HostPaths& host, const ToolRunner& runner, int timeoutMs = kTimeoutMs);

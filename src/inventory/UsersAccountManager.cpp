@@ -93,12 +93,9 @@ QString UsersAccountManager::parseWhoOutput(const QByteArray& output)
 {
     QStringList names;
     const QStringList lines = linesOf(output);
-    for (const QString& raw : lines) {
-        const QString line = raw.trimmed();
-        if (line.isEmpty())
-            continue;
-        names << line.split(blanks(), Qt::SkipEmptyParts).value(0);
-    }
+    // Every non-empty line gives a name, a line of blanks an empty one.
+    for (const QString& line : lines)
+        names << line.trimmed().split(blanks(), Qt::SkipEmptyParts).value(0);
     return names.join(QLatin1Char('|'));
 }
 
