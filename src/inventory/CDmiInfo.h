@@ -10,8 +10,8 @@
 // per structure, keyed by dmidecode's own property names.
 class CDmiInfo {
 public:
-    // Child processes block the main thread for at most 30 s each.
-    static constexpr int kTimeoutMs = 30000;
+    // dmidecode has no limit of its own: it gets the runner's default.
+    static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;
 
     CDmiInfo();
     explicit CDmiInfo(const ToolRunner& runner, int timeoutMs = kTimeoutMs);

@@ -12,7 +12,8 @@
 // the hardware report.
 class CHardwareInfo {
 public:
-    static constexpr int kTimeoutMs = 30000;
+    // dmidecode and lsblk have no limit of their own: the runner's default.
+    static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;
 
     CHardwareInfo();
     CHardwareInfo(const HostPaths& host, const ToolRunner& runner, int timeoutMs = kTimeoutMs);

@@ -64,5 +64,5 @@ private:
     HostPaths m_host;
     ToolRunner m_runner;
     SystemNamesSource m_systemNames;
-    int m_toolTimeoutMs = 30000;
+    int m_toolTimeoutMs = ToolRunner::kDefaultTimeoutMs;
 };
