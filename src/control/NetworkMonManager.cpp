@@ -250,14 +250,20 @@ bool NetworkMonManager::getNetworkPortList(QJsonObject& report)
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     try {
         // ss runs beside lsof: the report then waits for the slower of the two
-        // only. The helper thread is joined before anything is parsed.
+        // only. The helper thread is joined before anything is parsed, and on
+        // every way out: a running QThread must never be destroyed.
         ToolResult ss;
-        std::unique_ptr<QThread> ssThread(QThread::create([this, &ss] { ss = runSs(); }));
+        const auto joinAndDelete = [](QThread* thread) {
+            thread->wait();
+            delete thread;
+        };
+        std::unique_ptr<QThread, decltype(joinAndDelete)> ssThread(QThread::create([this, &ss] { ss = runSs(); }),
+                                                                   joinAndDelete);
         ssThread->start();
         const ToolResult lsof = m_runner.run(QStringLiteral("lsof"),
                                              {QStringLiteral("-P"), QStringLiteral("-n"), QStringLiteral("-i")},
                                              m_toolTimeoutMs);
-        ssThread->wait();
+        ssThread.reset();
 
         QJsonArray listening;
         QJsonArray connections;

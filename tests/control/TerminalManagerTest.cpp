@@ -5,93 +5,48 @@
 using edrtest::FakeToolDir;
 using edrtest::ServerUnderTest;
 
-TEST(TerminalManagerTest, ArgumentForms)
-{
-    const struct {
-        const char* arg;
-        const char* id; // nullptr: refused
-        bool asUser;
-        const char* command;
-    } cases[] = {
-        {"12|U|sleep 70", "12", true, "sleep 70"},
-        {"7|Uptime", "7", true, "Uptime"}, // the flag without a second '|'
-        {"1|X|y", "1", false, "y"},        // a second '|' without the flag
-        {"12|", "12", false, ""},
-        {"5|U", "5", true, "U"},
-        {"|ls", nullptr, false, ""},
-        {"ls", nullptr, false, ""},
-    };
-    for (const auto& c : cases) {
-        const auto request = TerminalManager::parseArgument(QString::fromUtf8(c.arg));
-        ASSERT_EQ(request.has_value(), c.id != nullptr) << c.arg;
-        if (request) {
-            EXPECT_EQ(std::make_tuple(request->id, request->asUser, request->command),
-                      std::make_tuple(QString::fromUtf8(c.id), c.asUser, QString::fromUtf8(c.command)))
-                << c.arg;
-        }
-    }
-}
-
-TEST(TerminalManagerTest, CommandsRunWithoutShellAndOutputIsPosted)
-{
-    const struct {
-        const char* arg;
-        const char* output;
-    } cases[] = {
-        {"12|echo a | wc", "a | wc\n"},
-        {"13|sh -c \"echo oops >&2\"", ""},
-        {"14|U|printf \"%s|\" \"two words\" $HOME", "two words|$HOME|"},
-    };
-    for (const auto& c : cases) {
-        ServerUnderTest peer;
-        TerminalManager manager; // the real echo, sh and printf
-        const QString arg = QString::fromUtf8(c.arg);
-        EXPECT_TRUE(manager.sendRptToServer(arg)) << c.arg;
-        const QJsonObject expected{{"_id", arg.left(2)},
-                                   {"cmd", TerminalManager::parseArgument(arg)->command},
-                                   {"status", 2},
-                                   {"Error", 0},
-                                   {"Output", QString::fromUtf8(c.output)}};
-        EXPECT_EQ(peer.onlyPostedObject("cmdAndPS/cmdOutput"), expected) << c.arg;
-    }
-}
-
-TEST(TerminalManagerTest, OverrunOrMissingProgramPostsStatusOneWithoutOutput)
+TEST(TerminalManagerTest, CommandsRunWithoutShellWithinTheirLimits)
 {
     edrtest::ScopedTimeScale fast(0.05); // 20 s -> 1 s, 60 s -> 3 s
+    ServerUnderTest peer;
+    FakeToolDir fakes; // first on the search path; the rest are the real tools
+    fakes.addTool(QStringLiteral("ls"), "listing\n");
+    fakes.addScript(QStringLiteral("Uslow"), "sleep 2; echo done\n");
+    TerminalManager manager(ToolRunner({fakes.path(), "/usr/bin", "/bin"}));
     const struct {
         const char* arg;
-        int status;
-    } cases[] = {{"9|sleep 2", 1}, {"9|U|sleep 2", 2}, {"9|no-such-program-here", 1}, {"9| ", 1}};
+        int status; // 0: nothing sent
+        const char* cmd;
+        const char* output; // nullptr: no "Output"
+        const char* log;
+    } cases[] = {
+        {"12|echo a | wc", 2, "echo a | wc", "a | wc\n", "Successfully send Terminal Output to server."},
+        {"13|sh -c \"echo oops >&2\"", 2, "sh -c \"echo oops >&2\"", "", nullptr},
+        {"14|U|printf \"%s|\" \"two words\" $HOME", 2, "printf \"%s|\" \"two words\" $HOME", "two words|$HOME|", nullptr},
+        {"15|sleep 2", 1, "sleep 2", nullptr, "Failed to execute command!"},
+        {"16|U|sleep 2", 2, "sleep 2", "", nullptr},
+        {"17|Uslow", 2, "Uslow", "done\n", nullptr}, // the user limit without a second '|'
+        {"18|X|echo y", 2, "echo y", "y\n", nullptr}, // a second '|' without the flag
+        {"19|no-such-program-here", 1, "no-such-program-here", nullptr, nullptr},
+        {"20| ", 1, " ", nullptr, nullptr},
+        {"|ls", 0, nullptr, nullptr, "Invalid Parameters!"},
+        {"ls", 0, nullptr, nullptr, nullptr},
+        {"21|U|", 0, nullptr, nullptr, "Failed to Send Terminal Output."},
+    };
+    int posted = 0;
     for (const auto& c : cases) {
-        ServerUnderTest peer;
-        TerminalManager manager;
-        EXPECT_TRUE(manager.sendRptToServer(QString::fromUtf8(c.arg))) << c.arg;
-        const QJsonObject posted = peer.onlyPostedObject("cmdAndPS/cmdOutput");
-        EXPECT_EQ(posted.value(QStringLiteral("status")).toInt(), c.status) << c.arg;
-        EXPECT_EQ(posted.value(QStringLiteral("Error")), QJsonValue(0)) << c.arg;
-        EXPECT_EQ(posted.contains(QStringLiteral("Output")), c.status == 2) << c.arg;
-        EXPECT_EQ(peer.logHas("Failed to execute command!"), c.status == 1) << c.arg;
+        const QString arg = QString::fromUtf8(c.arg);
+        EXPECT_EQ(manager.sendRptToServer(arg), c.status != 0) << c.arg;
+        if (c.status != 0) {
+            QJsonObject expected{{"_id", arg.left(2)}, {"cmd", c.cmd}, {"status", c.status}, {"Error", 0}};
+            if (c.output)
+                expected.insert("Output", QString::fromUtf8(c.output));
+            EXPECT_EQ(peer.posted("cmdAndPS/cmdOutput", ++posted), expected) << c.arg;
+        }
+        EXPECT_EQ(peer.server.requests().size(), posted) << c.arg;
+        EXPECT_TRUE(!c.log || peer.logHas(c.log)) << c.arg;
     }
-}
-
-TEST(TerminalManagerTest, MalformedOrEmptyCommandSendsNothing)
-{
-    const struct {
-        const char* arg;
-        const char* error;
-    } cases[] = {{"|ls", "Invalid Parameters!"}, {"ls", "Invalid Parameters!"}, {"12|U|", "Failed to Send Terminal Output."}};
-    for (const auto& c : cases) {
-        ServerUnderTest peer;
-        FakeToolDir tools;
-        tools.addTool(QStringLiteral("ls"), "listing\n");
-        TerminalManager manager(tools.runner());
-        EXPECT_FALSE(manager.sendRptToServer(QString::fromUtf8(c.arg))) << c.arg;
-        EXPECT_TRUE(peer.server.requests().isEmpty()) << c.arg;
-        EXPECT_TRUE(tools.invocations(QStringLiteral("ls")).isEmpty()) << c.arg;
-        EXPECT_TRUE(peer.logHas(c.error)) << c.arg;
-        EXPECT_TRUE(manager.sendRptToServer(QStringLiteral("1|ls -a"))); // flag released
-    }
+    EXPECT_TRUE(fakes.invocations(QStringLiteral("ls")).isEmpty());
 }
 
 TEST(TerminalManagerTest, FloodingCommandIsCapped)
@@ -100,8 +55,7 @@ TEST(TerminalManagerTest, FloodingCommandIsCapped)
     FakeToolDir tools;
     tools.addScript(QStringLiteral("flood"), "head -c " + QByteArray::number(TerminalManager::kMaxOutputBytes * 3 / 2) +
                                                  " /dev/zero | tr '\\0' y\n");
-    TerminalManager manager(tools.runner());
-    EXPECT_TRUE(manager.sendRptToServer(QStringLiteral("1|flood")));
-    const QString output = peer.onlyPostedObject("cmdAndPS/cmdOutput").value(QStringLiteral("Output")).toString();
-    EXPECT_EQ(output, QString(static_cast<int>(TerminalManager::kMaxOutputBytes), QLatin1Char('y')));
+    EXPECT_TRUE(TerminalManager(tools.runner()).sendRptToServer(QStringLiteral("1|flood")));
+    EXPECT_EQ(peer.posted("cmdAndPS/cmdOutput").value(QStringLiteral("Output")).toString(),
+              QString(static_cast<int>(TerminalManager::kMaxOutputBytes), QLatin1Char('y')));
 }
