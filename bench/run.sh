@@ -9,7 +9,7 @@ for bin in "$build"/bench/*_bench; do
   "$bin" --benchmark_min_time=0.2
 done
 for script in "$here"/*.sh; do
-  [ "$(basename "$script")" = run.sh ] && continue
+  case "$(basename "$script")" in run.sh|lib.sh) continue ;; esac
   echo "== $(basename "$script")"
   bash "$script" "$build"
 done

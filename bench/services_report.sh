@@ -6,29 +6,12 @@ set -euo pipefail
 build=${1:-build-bench}
 agent="$build/edr-agent"
 
-# Medians of the runs and the ratio to the first command.
-report_medians() {
-  command -v python3 >/dev/null || return 0
-  python3 - "$1" <<'PY'
-import json, sys
-results = json.load(open(sys.argv[1]))["results"]
-base = results[0]["median"]
-for r in results:
-    print("median %8.1f ms  ratio %.2f  %s" % (r["median"] * 1000, r["median"] / base, r["command"]))
-PY
-}
-if ! command -v hyperfine >/dev/null; then
-  echo "services_report: hyperfine is not installed (see scripts/install-deps.sh); skipped"
-  exit 0
-fi
+. "$(dirname "$0")/lib.sh"
 if ! command -v systemctl >/dev/null; then
   echo "services_report: no systemctl on this machine; skipped"
   exit 0
 fi
-if [ ! -x "$agent" ] || ! "$agent" report services >/dev/null 2>&1; then
-  echo "services_report: NOTE: '$agent report services' is not available in this build; skipped"
-  exit 0
-fi
+require_report services_report "$agent" services
 state=$(systemctl is-system-running 2>/dev/null || true)
 [ "$state" = offline ] && echo "services_report: NOTE: systemd is not running here; every show fails fast"
 
