@@ -6,6 +6,7 @@
 #include <QJsonDocument>
 
 #include <cerrno>
+#include <malloc.h>
 
 bool ReportSubmitter::enter(const char* origin, const BusyGuard& guard)
 {
@@ -23,19 +24,23 @@ bool ReportSubmitter::submitReport(const char* origin, bool& busy, API_NAME rout
     BusyGuard guard(busy);
     if (!enter(origin, guard))
         return false;
-    QJsonObject report;
-    bool collected = false;
-    try {
-        collected = collect(report);
-    } catch (...) {
-        EDR_LOG->Error(origin, errno, "CATCHED");
+    bool sent = false;
+    {
+        QJsonObject report;
+        bool collected = false;
+        try {
+            collected = collect(report);
+        } catch (...) {
+            EDR_LOG->Error(origin, errno, "CATCHED");
+        }
+        if (collected)
+            sent = postObject(origin, route, report, messages.sent, messages.sendFailed);
+        else
+            EDR_LOG->Error(origin, errno, "%s", messages.collectFailed);
     }
-    if (!collected) {
-        EDR_LOG->Error(origin, errno, "%s", messages.collectFailed);
-        EDR_LOG->Debug(origin, "OUT");
-        return false;
-    }
-    const bool sent = postObject(origin, route, report, messages.sent, messages.sendFailed);
+    // A report's text and objects can run to megabytes; hand the freed heap
+    // back so an idle daemon stays small between reports.
+    ::malloc_trim(0);
     EDR_LOG->Debug(origin, "OUT");
     return sent;
 }
