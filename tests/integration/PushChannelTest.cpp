@@ -3,6 +3,7 @@
 #include "core/EdrAgentConfig.h"
 #include "support/AgentProcess.h"
 #include "support/ConsoleProcess.h"
+#include "support/TestSupport.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -11,52 +12,19 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <csignal>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 using namespace edrtest;
 
 namespace {
-int freePort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    ::close(fd);
-    return ntohs(a.sin_port);
-}
-
 // Sends one command to the local listener; returns what came back.
-QByteArray sendToListener(int port, const QByteArray& command, int timeoutMs = 10000)
+QByteArray sendToListener(int port, const QByteArray& command)
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    QByteArray reply;
-    QElapsedTimer clock;
-    clock.start();
-    while (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 && clock.elapsed() < timeoutMs)
-        QThread::msleep(20);
-    ::send(fd, command.constData(), static_cast<size_t>(command.size()), MSG_NOSIGNAL);
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, timeoutMs) > 0) {
-        char buf[64];
-        const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-        if (n > 0)
-            reply = QByteArray(buf, static_cast<int>(n));
-    }
-    ::close(fd);
-    return reply;
+    LoopbackSocket client(LoopbackSocket::connectTo(port, 10000));
+    ::send(client.fd, command.constData(), static_cast<size_t>(command.size()), MSG_NOSIGNAL);
+    return LoopbackSocket::readSome(client.fd, 10000);
 }
 
 class PushChannel : public ::testing::Test {
@@ -66,7 +34,7 @@ protected:
         if (::getuid() != 0)
             GTEST_SKIP() << "the daemon runs as root only";
         ASSERT_TRUE(console.isRunning());
-        listenPort = freePort();
+        listenPort = LoopbackSocket::freePort();
         agent.writeServerIni(console.httpPort(), console.socketPort(), listenPort);
         ASSERT_TRUE(agent.start());
         ASSERT_TRUE(agent.waitForLog("Connected to server socket.", 30000)) << agent.log().constData();

@@ -16,10 +16,7 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <csignal>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -123,7 +120,7 @@ TEST_F(SocketManagerTest, TraceLogResetAndItsFailure)
 
 TEST_F(SocketManagerTest, ReconnectPauseLeavesTheEventLoopRunning)
 {
-    Common::setTimeScaleForTesting(0.05); // the 10 s pause becomes 500 ms
+    TimeScale scale(0.05); // the 10 s pause becomes 500 ms
     QElapsedTimer clock;
     clock.start();
     manager->onSocketServerThreadFinished();
@@ -134,7 +131,6 @@ TEST_F(SocketManagerTest, ReconnectPauseLeavesTheEventLoopRunning)
     other.start(50);
     while (!prefix.traceLog().contains("Connecting to Lan server...") && clock.elapsed() < 5000)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    Common::setTimeScaleForTesting(1.0);
     EXPECT_TRUE(prefix.traceLog().contains("Lan Server Socket Closed! Sleeping for 10 seconds."));
     EXPECT_TRUE(prefix.traceLog().contains("Connecting to Lan server..."));
     EXPECT_GE(clock.elapsed(), 400);
@@ -145,15 +141,9 @@ TEST_F(SocketManagerTest, ReconnectPauseLeavesTheEventLoopRunning)
 TEST(SocketManagerSend, SendsRawTextCutToItsBuffer)
 {
     ScratchPrefix prefix;
-    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    ASSERT_EQ(::listen(listener, 2), 0);
-    socklen_t len = sizeof addr;
-    ::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len);
-    const quint64 port = ntohs(addr.sin_port);
+    int listenPort = 0;
+    LoopbackSocket listener(LoopbackSocket::listenOn(&listenPort));
+    const quint64 port = static_cast<quint64>(listenPort);
     SocketManager* manager = SocketManager::getInstance();
     EXPECT_FALSE(manager->sendMessageTo(QString(), QStringLiteral("x"), 1, false));
     EXPECT_TRUE(prefix.traceLog().contains("Ip Address Not Found!"));
@@ -163,13 +153,9 @@ TEST(SocketManagerSend, SendsRawTextCutToItsBuffer)
 
     EXPECT_TRUE(manager->sendMessageTo(QStringLiteral("127.0.0.1"), QString(5000, QLatin1Char('a')), port, false));
     EXPECT_TRUE(prefix.traceLog().contains(QByteArray("Message send to 127.0.0.1:") + QByteArray::number(port)));
-    const int peer = ::accept(listener, nullptr, nullptr);
-    QByteArray received;
-    char buf[8192];
-    ssize_t n;
-    while ((n = ::recv(peer, buf, sizeof buf, 0)) > 0)
-        received.append(buf, static_cast<int>(n));
+    LoopbackSocket peer(LoopbackSocket::acceptOne(listener.fd, 5000));
+    QByteArray received, chunk;
+    while (!(chunk = LoopbackSocket::readSome(peer.fd, 2000)).isEmpty())
+        received += chunk;
     EXPECT_EQ(received, QByteArray(4095, 'a')); // the text and its terminator fit 4096 bytes
-    ::close(peer);
-    ::close(listener);
 }

@@ -10,77 +10,12 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 using namespace edrtest;
 
 namespace {
-// A loopback socket helper for both sides of the push protocol.
-struct Sock {
-    int fd = -1;
-    ~Sock()
-    {
-        if (fd >= 0)
-            ::close(fd);
-    }
-    static int listenOn(int* port)
-    {
-        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        int one = 1;
-        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        a.sin_port = htons(static_cast<uint16_t>(*port));
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 4) != 0) {
-            ::close(fd);
-            return -1;
-        }
-        socklen_t len = sizeof a;
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-        *port = ntohs(a.sin_port);
-        return fd;
-    }
-    static int connectTo(int port)
-    {
-        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        a.sin_port = htons(static_cast<uint16_t>(port));
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-            ::close(fd);
-            return -1;
-        }
-        return fd;
-    }
-    static int acceptOne(int listenFd, int timeoutMs)
-    {
-        pollfd p{listenFd, POLLIN, 0};
-        return ::poll(&p, 1, timeoutMs) > 0 ? ::accept(listenFd, nullptr, nullptr) : -1;
-    }
-    // Reads what arrives within timeoutMs (one recv); empty on timeout or close.
-    static QByteArray readSome(int fd, int timeoutMs)
-    {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, timeoutMs) <= 0)
-            return QByteArray();
-        char buf[8192];
-        const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-        return n > 0 ? QByteArray(buf, static_cast<int>(n)) : QByteArray();
-    }
-};
-
-class TimeScale {
-public:
-    explicit TimeScale(double scale) { Common::setTimeScaleForTesting(scale); }
-    ~TimeScale() { Common::setTimeScaleForTesting(1.0); }
-};
-
 // The spies connect directly, so a signal may land before a wait() starts:
 // wait on the count instead.
 bool waitCount(QSignalSpy& spy, int count, int timeoutMs = 5000)
@@ -92,13 +27,6 @@ bool waitCount(QSignalSpy& spy, int count, int timeoutMs = 5000)
     return spy.count() >= count;
 }
 
-int freePort()
-{
-    int port = 0;
-    Sock s;
-    s.fd = Sock::listenOn(&port);
-    return port;
-}
 } // namespace
 
 TEST(ServerSocketThread, HandshakeMessagesAndKeepAlives)
@@ -107,8 +35,8 @@ TEST(ServerSocketThread, HandshakeMessagesAndKeepAlives)
     EdrAgentConfig().setAuthCode(QStringLiteral("tok-9"));
     TimeScale scale(0.01); // 45 s silence -> 450 ms, 1 s pause -> 10 ms
     int port = 0;
-    Sock server;
-    server.fd = Sock::listenOn(&port);
+    LoopbackSocket server;
+    server.fd = LoopbackSocket::listenOn(&port);
 
     ServerSocketThread thread;
     thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
@@ -117,16 +45,16 @@ TEST(ServerSocketThread, HandshakeMessagesAndKeepAlives)
     QSignalSpy closed(&thread, &ServerSocketThread::socketClosed);
     thread.start();
 
-    Sock peer;
-    peer.fd = Sock::acceptOne(server.fd, 5000);
+    LoopbackSocket peer;
+    peer.fd = LoopbackSocket::acceptOne(server.fd, 5000);
     ASSERT_GE(peer.fd, 0);
-    const QByteArray handshake = Sock::readSome(peer.fd, 5000);
+    const QByteArray handshake = LoopbackSocket::readSome(peer.fd, 5000);
     EXPECT_TRUE(handshake.startsWith("Connect#$#$")) << handshake.constData();
     EXPECT_TRUE(handshake.endsWith("#$#$tok-9")) << handshake.constData();
     EXPECT_TRUE(thread.getLastConnectionStatus());
 
     // Silence: a keep-alive, the connection stays.
-    EXPECT_EQ(Sock::readSome(peer.fd, 5000), QByteArray("keep-alive"));
+    EXPECT_EQ(LoopbackSocket::readSome(peer.fd, 5000), QByteArray("keep-alive"));
 
     // A message is handed over whole, then answered by a keep-alive.
     const QByteArray big(4096, 'x');
@@ -134,7 +62,7 @@ TEST(ServerSocketThread, HandshakeMessagesAndKeepAlives)
     ASSERT_TRUE(waitCount(messages, 1));
     EXPECT_EQ(messages.at(0).at(0).toString(), QStringLiteral("127.0.0.1"));
     EXPECT_EQ(messages.at(0).at(1).toString(), QStringLiteral("RPT#$#$7#$#0"));
-    EXPECT_EQ(Sock::readSome(peer.fd, 5000), QByteArray("keep-alive"));
+    EXPECT_EQ(LoopbackSocket::readSome(peer.fd, 5000), QByteArray("keep-alive"));
 
     ::send(peer.fd, big.constData(), static_cast<size_t>(big.size()), 0);
     ASSERT_TRUE(waitCount(messages, 2));
@@ -161,7 +89,7 @@ TEST(ServerSocketThread, UnreachableServerOrNoAddressEndsTheRun)
 
     thread.wait();
     thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
-    thread.setServerSocketPort(freePort());
+    thread.setServerSocketPort(LoopbackSocket::freePort());
     thread.start();
     ASSERT_TRUE(waitCount(closed, 2));
     EXPECT_FALSE(thread.getLastConnectionStatus());
@@ -172,16 +100,16 @@ TEST(ServerSocketThread, StopsCooperativelyWhileConnected)
 {
     ScratchPrefix prefix;
     int port = 0;
-    Sock server;
-    server.fd = Sock::listenOn(&port);
+    LoopbackSocket server;
+    server.fd = LoopbackSocket::listenOn(&port);
     ServerSocketThread thread;
     thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
     thread.setServerSocketPort(port);
     thread.start();
-    Sock peer;
-    peer.fd = Sock::acceptOne(server.fd, 5000);
+    LoopbackSocket peer;
+    peer.fd = LoopbackSocket::acceptOne(server.fd, 5000);
     ASSERT_GE(peer.fd, 0);
-    Sock::readSome(peer.fd, 2000);
+    LoopbackSocket::readSome(peer.fd, 2000);
     QElapsedTimer clock;
     clock.start();
     thread.requestStop();
@@ -194,18 +122,12 @@ class Listener : public ::testing::Test {
 protected:
     void start(const QString& listenerAllow = QString())
     {
-        port = freePort();
+        port = LoopbackSocket::freePort();
         thread.setProtocol(ClientSocketThread::TCP);
         thread.setClientPort(static_cast<unsigned int>(port));
         thread.setAllowList(ListenerAllowList::fromSettings({}, listenerAllow));
         thread.start();
-        QElapsedTimer clock;
-        clock.start();
-        while (client.fd < 0 && clock.elapsed() < 5000) {
-            client.fd = Sock::connectTo(port);
-            if (client.fd < 0)
-                QThread::msleep(10);
-        }
+        client.fd = LoopbackSocket::connectTo(port, 5000);
         ASSERT_GE(client.fd, 0);
     }
     void TearDown() override
@@ -217,7 +139,7 @@ protected:
     TimeScale scale{0.01};
     int port = 0;
     ClientSocketThread thread;
-    Sock client;
+    LoopbackSocket client;
 };
 } // namespace
 
@@ -229,12 +151,12 @@ TEST_F(Listener, OneMessagePerClientThenOk)
     ASSERT_TRUE(waitCount(messages, 1));
     EXPECT_EQ(messages.at(0).at(0).toString(), QStringLiteral("127.0.0.1"));
     EXPECT_EQ(messages.at(0).at(1).toString(), QStringLiteral("RESET#$#TRACE_LOG"));
-    EXPECT_EQ(Sock::readSome(client.fd, 5000), QByteArray("OK"));
-    EXPECT_EQ(Sock::readSome(client.fd, 2000), QByteArray()); // closed after the answer
+    EXPECT_EQ(LoopbackSocket::readSome(client.fd, 5000), QByteArray("OK"));
+    EXPECT_EQ(LoopbackSocket::readSome(client.fd, 2000), QByteArray()); // closed after the answer
 
     // Oversized input: one receive of 4096 bytes, terminated, the rest dropped.
-    Sock second;
-    second.fd = Sock::connectTo(port);
+    LoopbackSocket second;
+    second.fd = LoopbackSocket::connectTo(port);
     const QByteArray flood(20000, 'A');
     ::send(second.fd, flood.constData(), static_cast<size_t>(flood.size()), MSG_NOSIGNAL);
     ASSERT_TRUE(waitCount(messages, 2));
@@ -246,9 +168,9 @@ TEST_F(Listener, SilentClientIsDroppedAndTheNextServed)
     QSignalSpy messages(&thread, &ClientSocketThread::messageRecieved);
     start();
     // Say nothing: dropped after the (scaled) 10 s.
-    EXPECT_EQ(Sock::readSome(client.fd, 5000), QByteArray());
-    Sock next;
-    next.fd = Sock::connectTo(port);
+    EXPECT_EQ(LoopbackSocket::readSome(client.fd, 5000), QByteArray());
+    LoopbackSocket next;
+    next.fd = LoopbackSocket::connectTo(port);
     ::send(next.fd, "MOD#$#AGENT_CONFIG_CHANGE", 25, 0);
     ASSERT_TRUE(waitCount(messages, 1));
     EXPECT_EQ(messages.count(), 1);
@@ -260,7 +182,7 @@ TEST_F(Listener, PeerOutsideTheAllowListIsRefused)
     QSignalSpy messages(&thread, &ClientSocketThread::messageRecieved);
     start(QStringLiteral("10.0.0.0/8, 192.0.2.7"));
     ::send(client.fd, "RESET#$#TRACE_LOG", 17, MSG_NOSIGNAL);
-    EXPECT_EQ(Sock::readSome(client.fd, 3000), QByteArray());
+    EXPECT_EQ(LoopbackSocket::readSome(client.fd, 3000), QByteArray());
     EXPECT_FALSE(waitCount(messages, 1, 500));
     EXPECT_TRUE(prefix.traceLog().contains("Refused command connection from 127.0.0.1"));
 }
@@ -290,8 +212,8 @@ TEST(ListenerBind, TakenPortIsRetriedUntilFree)
     ScratchPrefix prefix;
     TimeScale scale(0.005); // 60 s retry -> 300 ms
     int port = 0;
-    Sock blocker;
-    blocker.fd = Sock::listenOn(&port);
+    LoopbackSocket blocker;
+    blocker.fd = LoopbackSocket::listenOn(&port);
     ClientSocketThread thread;
     thread.setProtocol(ClientSocketThread::TCP);
     thread.setClientPort(static_cast<unsigned int>(port));
@@ -304,11 +226,7 @@ TEST(ListenerBind, TakenPortIsRetriedUntilFree)
     ASSERT_TRUE(prefix.traceLog().contains("bind Failed!"));
     ::close(blocker.fd);
     blocker.fd = -1;
-    Sock client;
-    while (client.fd < 0 && clock.elapsed() < 10000) {
-        client.fd = Sock::connectTo(port);
-        QThread::msleep(20);
-    }
+    LoopbackSocket client(LoopbackSocket::connectTo(port, 10000));
     EXPECT_GE(client.fd, 0);
     thread.requestStop();
     EXPECT_TRUE(thread.wait(5000));

@@ -131,6 +131,82 @@ void ScratchPrefix::pointAtServer(int httpPort, int socketPort, int listenPort)
                    "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n");
 }
 
+LoopbackSocket::~LoopbackSocket()
+{
+    if (fd >= 0)
+        ::close(fd);
+}
+
+int LoopbackSocket::listenOn(int* port)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int one = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(*port));
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 4) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    socklen_t len = sizeof a;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    *port = ntohs(a.sin_port);
+    return fd;
+}
+
+int LoopbackSocket::connectTo(int port, int retryMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(retryMs);
+    for (;;) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(static_cast<uint16_t>(port));
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
+            return fd;
+        ::close(fd);
+        if (std::chrono::steady_clock::now() >= deadline)
+            return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+int LoopbackSocket::acceptOne(int listenFd, int timeoutMs)
+{
+    pollfd p{listenFd, POLLIN, 0};
+    return ::poll(&p, 1, timeoutMs) > 0 ? ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+}
+
+QByteArray LoopbackSocket::readSome(int fd, int timeoutMs)
+{
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, timeoutMs) <= 0)
+        return QByteArray();
+    char buf[8192];
+    const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+    return n > 0 ? QByteArray(buf, static_cast<int>(n)) : QByteArray();
+}
+
+int LoopbackSocket::freePort()
+{
+    int port = 0;
+    LoopbackSocket s(listenOn(&port));
+    return port;
+}
+
+TimeScale::TimeScale(double scale)
+{
+    Common::setTimeScaleForTesting(scale);
+}
+
+TimeScale::~TimeScale()
+{
+    Common::setTimeScaleForTesting(1.0);
+}
+
 QByteArray RecordedRequest::header(const QByteArray& name) const
 {
     for (const auto& h : headers)

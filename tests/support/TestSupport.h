@@ -71,6 +71,29 @@ private:
     int m_previousLevel = 0;
 };
 
+// Loopback TCP helpers for either side of a connection; the fd closes with it.
+struct LoopbackSocket {
+    int fd = -1;
+    LoopbackSocket() = default;
+    explicit LoopbackSocket(int f) : fd(f) {}
+    ~LoopbackSocket();
+    LoopbackSocket(const LoopbackSocket&) = delete;
+    LoopbackSocket& operator=(const LoopbackSocket&) = delete;
+
+    static int listenOn(int* port);                    // *port 0 picks a free one
+    static int connectTo(int port, int retryMs = 0);   // -1 when refused throughout
+    static int acceptOne(int listenFd, int timeoutMs); // -1 on time-out
+    static QByteArray readSome(int fd, int timeoutMs); // one recv; empty on time-out or close
+    static int freePort();
+};
+
+// Scales the agent's protocol times for one test.
+class TimeScale {
+public:
+    explicit TimeScale(double scale);
+    ~TimeScale();
+};
+
 struct RecordedRequest {
     QByteArray method;
     QByteArray target;
