@@ -273,16 +273,23 @@ bool NetworkMonManager::getNetworkPortList(QJsonObject& report)
         else
             parseLsofOutput(lsof.standardOutput, listening, connections);
         appendListeningPorts(ss, listening);
-        if (!listening.isEmpty())
-            report.insert(QStringLiteral("ListeningPorts"), listening);
-        if (!connections.isEmpty())
-            report.insert(QStringLiteral("TCPConnections"), connections);
+        insertPortLists(report, listening, connections);
     } catch (...) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "CATCHED");
         return false;
     }
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
     return true;
+}
+
+// Each list goes into the report only when it has entries.
+void NetworkMonManager::insertPortLists(QJsonObject& report, const QJsonArray& listening,
+                                        const QJsonArray& connections)
+{
+    if (!listening.isEmpty())
+        report.insert(QStringLiteral("ListeningPorts"), listening);
+    if (!connections.isEmpty())
+        report.insert(QStringLiteral("TCPConnections"), connections);
 }
 
 ToolResult NetworkMonManager::runSs() const
@@ -321,10 +328,7 @@ bool NetworkMonManager::getUsedPortList(QJsonObject& report)
         }
         if (listening.isEmpty() && connections.isEmpty())
             EDR_LOG->Trace(Q_FUNC_INFO, "No Ports found!");
-        if (!listening.isEmpty())
-            report.insert(QStringLiteral("ListeningPorts"), listening);
-        if (!connections.isEmpty())
-            report.insert(QStringLiteral("TCPConnections"), connections);
+        insertPortLists(report, listening, connections);
     } catch (...) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "CATCHED");
         return false;

@@ -59,6 +59,7 @@ public:
 private:
     ToolResult runSs() const;
     void appendListeningPorts(const ToolResult& ss, QJsonArray& listening) const;
+    static void insertPortLists(QJsonObject& report, const QJsonArray& listening, const QJsonArray& connections);
 
     static NetworkMonManager* s_instance;
 
