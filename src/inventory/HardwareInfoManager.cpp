@@ -1,5 +1,7 @@
 #include "inventory/HardwareInfoManager.h"
 
+#include <functional>
+
 #include "comm/ReportSubmitter.h"
 #include "core/CLogger.h"
 #include "inventory/CDmiInfo.h"
@@ -101,33 +103,21 @@ bool HardwareInfoManager::getHardwareInfo(QJsonObject& report, const QString&)
 
         m_users->getUsersAccountInfo(report);
 
+        // Each collector fills a fresh array that goes in whatever it returned.
+        const auto insertArray = [&report](const char* key, const std::function<void(QJsonArray&)>& collect) {
+            QJsonArray array;
+            collect(array);
+            report.insert(QLatin1String(key), array);
+        };
         CHardwareInfo hardware(m_host, m_runner, m_toolTimeoutMs);
-        QJsonArray memory;
-        hardware.getMemoryInfoToJSON(memory);
-        report.insert(QStringLiteral("PhysicalMemory"), memory);
-        QJsonArray cpu;
-        hardware.getCPUInfoToJSON(cpu);
-        report.insert(QStringLiteral("Processor"), cpu);
-        QJsonArray disks;
-        hardware.getDiskInfoToJSON(disks);
-        report.insert(QStringLiteral("Disk"), disks);
-        QJsonArray volumes;
-        hardware.getPartitionInfoToJSON(volumes);
-        report.insert(QStringLiteral("Volumes"), volumes);
-        QJsonArray os;
-        hardware.getOSInfoToJSON(os);
-        report.insert(QStringLiteral("OperatingSystem"), os);
-
-        QJsonArray adapters;
-        m_adapters.getNetworkAdapterInfo(adapters);
-        report.insert(QStringLiteral("NetworkAdapter"), adapters);
-
-        QJsonArray bios;
-        dmi.getDataToJSON(bios, QStringLiteral("0"));
-        report.insert(QStringLiteral("BIOS"), bios);
-        QJsonArray battery;
-        dmi.getDataToJSON(battery, QStringLiteral("22"));
-        report.insert(QStringLiteral("Battery"), battery);
+        insertArray("PhysicalMemory", [&](QJsonArray& a) { hardware.getMemoryInfoToJSON(a); });
+        insertArray("Processor", [&](QJsonArray& a) { hardware.getCPUInfoToJSON(a); });
+        insertArray("Disk", [&](QJsonArray& a) { hardware.getDiskInfoToJSON(a); });
+        insertArray("Volumes", [&](QJsonArray& a) { hardware.getPartitionInfoToJSON(a); });
+        insertArray("OperatingSystem", [&](QJsonArray& a) { hardware.getOSInfoToJSON(a); });
+        insertArray("NetworkAdapter", [&](QJsonArray& a) { m_adapters.getNetworkAdapterInfo(a); });
+        insertArray("BIOS", [&](QJsonArray& a) { dmi.getDataToJSON(a, QStringLiteral("0")); });
+        insertArray("Battery", [&](QJsonArray& a) { dmi.getDataToJSON(a, QStringLiteral("22")); });
     } catch (...) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "CATCHED");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
