@@ -1,6 +1,7 @@
 #include "control/FirewallManager.h"
 
 #include "comm/ReportSubmitter.h"
+#include "control/ActionResult.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
 
@@ -127,13 +128,7 @@ bool FirewallManager::executeSendReportToServer(const QString& parameter)
     result.insert(QStringLiteral("_id"), order->id);
     const bool changed = enableFirewall(order->enable, order->privateProfile, order->domainProfile);
     const QString message = order->message(changed);
-    result.insert(QStringLiteral("status"), changed ? 0 : 1);
-    EDR_LOG->Info(Q_FUNC_INFO, "%s", qUtf8Printable(message));
-    result.insert(QStringLiteral("message"), message);
-
-    const bool sent = ReportSubmitter::postObject(Q_FUNC_INFO, ACTION_RESULT, result,
-                                                  "Successfully send Firewall Action to server.",
-                                                  "Failed to send Firewall Action to server.");
-    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
-    return sent;
+    return ActionResult::finish(Q_FUNC_INFO, result, changed, message, message,
+                                "Successfully send Firewall Action to server.",
+                                "Failed to send Firewall Action to server.");
 }

@@ -2,6 +2,7 @@
 
 #include "comm/ApiManager.h"
 #include "comm/ReportSubmitter.h"
+#include "control/ActionResult.h"
 #include "core/CLogger.h"
 
 #include <QJsonArray>
@@ -377,18 +378,10 @@ bool ServiceManager::executeSendReportToServer(const QString& parameter)
     }
 
     // The wire text keeps its "%s": the server expects it literally.
-    result.insert(QStringLiteral("status"), done ? 0 : 1);
-    if (done) {
-        EDR_LOG->Info(Q_FUNC_INFO, "Successfully Service %s Action Performed!", qUtf8Printable(name));
-        result.insert(QStringLiteral("message"), QStringLiteral("Successfully Service %s Action Performed!"));
-    } else {
-        EDR_LOG->Info(Q_FUNC_INFO, "Failed to Perform Service %s Action!", qUtf8Printable(name));
-        result.insert(QStringLiteral("message"), QStringLiteral("Failed to Perform Service %s Action!"));
-    }
-
-    const bool sent = ReportSubmitter::postObject(Q_FUNC_INFO, ACTION_RESULT, result,
-                                                  "Successfully Send Service Action to server.",
-                                                  "Failed to Send Service Action to server.");
-    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
-    return sent;
+    const QString message = done ? QStringLiteral("Successfully Service %s Action Performed!")
+                                 : QStringLiteral("Failed to Perform Service %s Action!");
+    return ActionResult::finish(Q_FUNC_INFO, result, done, message,
+                                QString(message).replace(QLatin1String("%s"), name),
+                                "Successfully Send Service Action to server.",
+                                "Failed to Send Service Action to server.");
 }
