@@ -87,14 +87,6 @@ void ScheduleManager::fillDefaultSchedule(QList<ScheduleInfo>& schedules, const 
     set(TasksManager::InstalledSoft, true, 1440);
     if (schedules.size() > TasksManager::TaskSchedule)
         schedules[TasksManager::TaskSchedule].setEnable(true);
-    // Hardware is first given the daily interval (still disabled), then
-    // enabled at 180 after the network monitor; only the end result counts.
-    if (schedules.size() > TasksManager::HardwareInfo) {
-        ScheduleInfo& hardware = schedules[TasksManager::HardwareInfo];
-        hardware.setRunOnStart(true);
-        hardware.setInterval(1440);
-        hardware.setRetryInterval(15);
-    }
     set(TasksManager::Network_Mon, true, 180);
     set(TasksManager::HardwareInfo, true, 180);
     set(TasksManager::Event_Logs, true, 60);
@@ -236,34 +228,30 @@ void ScheduleManager::runStartUpTasks()
     const QList<ScheduleInfo> schedules = m_schedules;
     for (int i = 0; i < schedules.size() && i < TasksManager::kTaskCount; ++i) {
         const ScheduleInfo& entry = schedules.at(i);
-        if (!entry.getEnable() || !entry.getRunOnStart())
-            continue;
         const QDateTime lastRun = m_config.getTaskLastRunTime(entry.getScheduleName());
         if (isDueAtStartUp(entry, lastRun, now))
-            dispatch(m_tasksManager, taskAt(i), QString());
+            dispatch(taskAt(i), QString());
     }
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
 }
 
-bool ScheduleManager::dispatch(TasksManager& tasks, TasksManager::TASK_NAMES task, const QString& arg)
+bool ScheduleManager::dispatch(TasksManager::TASK_NAMES task, const QString& arg)
 {
     if (m_testDispatch)
         return m_testDispatch(task, arg);
-    return tasks.sendReportToServer(task, arg);
+    return m_tasks->sendReportToServer(task, arg);
 }
 
 bool ScheduleManager::sendReportToServer(TasksManager::TASK_NAMES task, const QString& arg)
 {
     // Scheduled runs carry no parameter, whatever the caller passed.
     Q_UNUSED(arg);
-    if (!m_tasks && !m_testDispatch)
-        return false;
-    return dispatch(m_tasks ? *m_tasks : m_tasksManager, task, QString());
+    return dispatch(task, QString());
 }
 
 bool ScheduleManager::sendPendingReport(const QString& path)
 {
-    return m_tasks ? m_tasks->sendPendingReport(path) : m_tasksManager.sendPendingReport(path);
+    return m_tasks->sendPendingReport(path);
 }
 
 void ScheduleManager::sendPendingReports()
@@ -286,7 +274,7 @@ bool ScheduleManager::getAgentConfigFromServer()
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     const QString url = ApiManager::getAPI(CONFIG_FILE);
     QString response;
-    if (!m_httpManager || !m_httpManager->sendDataToServer(false, url, 0, QMap<QString, QString>(), response)) {
+    if (!m_httpManager->sendDataToServer(false, url, 0, QMap<QString, QString>(), response)) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to get Agent Config file server.");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;
