@@ -191,8 +191,9 @@ void ServiceManager::fillServiceInfos(QList<ServiceInfo>& services)
             getServiceInfo(name, services[i]);
     }
 
+    // A run that stops part-way is rerun from the unit after the one it could
+    // not show; that unit alone is left without properties.
     int from = 0;
-    int reruns = 0;
     while (from < shared.size()) {
         QStringList names;
         for (int k = from; k < shared.size(); ++k)
@@ -216,22 +217,11 @@ void ServiceManager::fillServiceInfos(QList<ServiceInfo>& services)
         }
         for (int k = 0; k < blocks.size(); ++k)
             applyProperties(blocks.at(k), services[shared.at(from + k)]);
-        if (blocks.size() == remaining)
-            return;
-        if (blocks.isEmpty()) {
-            // A plain unit name that cannot be shown means the manager cannot
-            // be asked at all; every single run would fail the same way.
-            EDR_LOG->Error(Q_FUNC_INFO, EIO, "systemctl show failed (exit %d); services have no properties",
-                           result.exitCode);
-            return;
-        }
-        const int failed = shared.at(from + blocks.size());
-        EDR_LOG->Debug(Q_FUNC_INFO, "systemctl show stopped at %s", qUtf8Printable(services.at(failed).getName()));
-        from += blocks.size() + 1;
-        if (++reruns > kMaxShowReruns) {
-            EDR_LOG->Error(Q_FUNC_INFO, EIO, "systemctl show keeps stopping; %d services left without properties",
-                           shared.size() - from);
-            return;
+        from += blocks.size();
+        if (from < shared.size()) {
+            EDR_LOG->Debug(Q_FUNC_INFO, "systemctl show stopped at %s (exit %d)",
+                           qUtf8Printable(services.at(shared.at(from)).getName()), result.exitCode);
+            ++from;
         }
     }
 }

@@ -53,8 +53,6 @@ public:
 
     // Every tool run is bounded; tests shorten the limit.
     void setToolTimeoutMs(int ms) { m_toolTimeoutMs = ms; }
-    // Reruns after units that stop a shared run part-way.
-    static constexpr int kMaxShowReruns = 8;
 
 private:
     void fillServiceInfos(QList<ServiceInfo>& services);
