@@ -159,6 +159,12 @@ bool ProcessManager::killProcess(unsigned int pid)
 {
     if (pid == 0 || pid > static_cast<unsigned int>(INT_MAX))
         return false;
+    // init ignores SIGKILL, so the kill would be reported done without
+    // happening; killing ourselves would leave the order unanswered.
+    if (pid == 1 || static_cast<pid_t>(pid) == ::getpid()) {
+        EDR_LOG->Error(Q_FUNC_INFO, EPERM, "Refusing to kill process %u", pid);
+        return false;
+    }
     return ::kill(static_cast<pid_t>(pid), SIGKILL) == 0;
 }
 
