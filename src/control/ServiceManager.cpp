@@ -124,6 +124,14 @@ bool ServiceManager::isSafeServiceName(const QString& name)
     return !name.isEmpty() && !name.startsWith(QLatin1Char('-'));
 }
 
+bool ServiceManager::hasGlob(const QString& name)
+{
+    for (const QChar c : name)
+        if (c == QLatin1Char('*') || c == QLatin1Char('?') || c == QLatin1Char('['))
+            return true;
+    return false;
+}
+
 bool ServiceManager::isTemplateUnit(const QString& name)
 {
     const int at = name.indexOf(QLatin1Char('@'));
@@ -152,10 +160,8 @@ bool ServiceManager::canShareShowRun(const QString& name)
     trimmed.toULongLong(&number, 0);
     if (number)
         return false;
-    for (const QChar c : name) {
-        if (c == QLatin1Char('*') || c == QLatin1Char('?') || c == QLatin1Char('[') || c == QLatin1Char('/'))
-            return false;
-    }
+    if (hasGlob(name) || name.contains(QLatin1Char('/')))
+        return false;
     // An escaped name longer than a unit name may be fails the whole run.
     const int bytes = name.toUtf8().size();
     if (bytes <= 60)
@@ -285,7 +291,9 @@ unsigned int ServiceManager::getServiceState(const QString& name)
 
 bool ServiceManager::runOrder(const QString& verb, const QString& name)
 {
-    if (!isSafeServiceName(name)) {
+    // systemctl expands a pattern over every loaded unit: "stop *" would stop
+    // them all, this agent included.
+    if (!isSafeServiceName(name) || hasGlob(name)) {
         EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Refusing to %s service '%s'", qUtf8Printable(verb),
                        qUtf8Printable(name));
         return false;

@@ -164,6 +164,7 @@ TEST(ServiceManagerTest, OrdersRunTheRightVerbAndPostTheResult)
         {"5|ssh.service|id5", "enable ssh.service"},  {"6|ssh.service|id6", "disable ssh.service"},
         {"1|nosuch.service|id7", "start nosuch.service"}, {"7|ssh.service|id8", ""}, {"start|ssh.service|id9", ""},
         {"1|--now|id10", ""}, {"2||id11", ""}, {"4|ssh.service", ""}, {"", ""},
+        {"2|*|id12", ""}, {"3|ssh?.service|id13", ""}, {"6|dev-[ab].mount|id14", ""}, // patterns match every unit
     };
     int posted = 0;
     for (const auto& c : cases) {
