@@ -83,6 +83,23 @@ const char* find(const char* from, const char* end, const char* needle, size_t n
     return nullptr;
 }
 
+// "want flag status": the third word alone says whether the package is on
+// the system; a held ("hold ok installed") or to-be-removed one still is.
+bool statusIsInstalled(const char* p, const char* end)
+{
+    int word = 0;
+    while (p < end) {
+        while (p < end && *p == ' ')
+            ++p;
+        const char* start = p;
+        while (p < end && *p != ' ')
+            ++p;
+        if (p > start && ++word == 3)
+            return p - start == 9 && std::memcmp(start, "installed", 9) == 0;
+    }
+    return false;
+}
+
 } // namespace
 
 QJsonObject InstallSoftManager::Package::toJson(const QString& installDate) const
@@ -161,7 +178,7 @@ QVector<InstallSoftManager::Package> InstallSoftManager::parseDpkgStatus(const Q
                 v.hasVendor = true;
                 break;
             case STATUS:
-                installed = length == 20 && std::memcmp(value, "install ok installed", 20) == 0;
+                installed = statusIsInstalled(value, value + length);
                 break;
             case ARCHITECTURE:
                 v.architecture = QString::fromUtf8(value, length);

@@ -42,7 +42,7 @@ public:
     bool collectReport(QJsonObject& body);
     bool sendRptToServer(const QString& parameter);
 
-    // Pure: stanzas whose Status is "install ok installed", in file order.
+    // Pure: stanzas whose Status has "installed" as its third word, in file order.
     static QVector<Package> parseDpkgStatus(const QByteArray& status);
     // "yyyyMMdd" of the package's file list, or empty when there is none.
     QString installDate(const Package& package) const;

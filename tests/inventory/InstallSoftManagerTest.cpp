@@ -58,6 +58,15 @@ TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
     for (const auto& c : odd)
         EXPECT_EQ(InstallSoftManager::parseDpkgStatus(c.first).value(0).toJson(), jsonOf(c.second)) << c.first;
     EXPECT_TRUE(InstallSoftManager::parseDpkgStatus("").isEmpty());
+
+    // The third word alone decides: held and to-be-removed packages are still on the system.
+    const std::pair<const char*, bool> statuses[] = {
+        {"hold ok installed", true},          {"deinstall ok installed", true}, {"purge ok installed", true},
+        {"install  ok  installed", true},     {"install ok half-installed", false},
+        {"install ok unpacked", false},       {"hold ok installed-ish", false}, {"installed", false}};
+    for (const auto& c : statuses)
+        EXPECT_EQ(InstallSoftManager::parseDpkgStatus(QByteArray("Package: p\nStatus: ") + c.first).size(), c.second ? 1 : 0)
+            << c.first;
 }
 
 // Dates come from the file lists, multi-arch ones included; the report goes to its route.
@@ -127,7 +136,7 @@ TEST(InstallSoftManager, LiveMachineMatchesDpkgQuery)
     int checked = 0;
     for (const QByteArray& line : q.standardOutput.split('\n')) {
         const QList<QByteArray> f = line.split('\t');
-        if (f.size() != 3 || f[0] != "ii ")
+        if (f.size() != 3 || f[0].size() != 3 || f[0][1] != 'i') // status "installed", whatever the wish
             continue;
         ASSERT_TRUE(report.contains(f[1])) << f[1].constData();
         EXPECT_EQ(report.value(f[1]).value("Version").toString(), f[2]);
