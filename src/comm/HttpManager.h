@@ -16,13 +16,17 @@ public:
     void setAuthorizationToke(const QString& token);
     QString authorizationToken() const;
 
+    // A reply longer than maxReplyBytes is refused (logged, false): no
+    // answer the agent expects comes near it.
     bool sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
-                          QString& response);
+                          QString& response, qint64 maxReplyBytes = kMaxReplyBytes);
 
     bool checkPort(const char* ip, int port);
     bool isServerReachable(const QString& ip, int port);
 
     static size_t write_CallbackFunc_StdString(void* data, size_t size, size_t nmemb, std::string* out);
+
+    static constexpr qint64 kMaxReplyBytes = 4 * 1024 * 1024;
 
     // The request copy for a URL: reports/web/<last segment>.json.
     static QString requestCopyPath(const QString& url);

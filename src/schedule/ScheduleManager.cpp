@@ -274,7 +274,8 @@ bool ScheduleManager::getAgentConfigFromServer()
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     const QString url = ApiManager::getAPI(CONFIG_FILE);
     QString response;
-    if (!m_httpManager->sendDataToServer(false, url, 0, QMap<QString, QString>(), response)) {
+    // No larger than the schedule reader would parse.
+    if (!m_httpManager->sendDataToServer(false, url, 0, QMap<QString, QString>(), response, kMaxScheduleFileBytes)) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to get Agent Config file server.");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;
