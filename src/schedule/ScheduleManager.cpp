@@ -218,7 +218,9 @@ bool ScheduleManager::isDueAtStartUp(const ScheduleInfo& entry, const QDateTime&
 {
     if (!entry.getEnable() || !entry.getRunOnStart())
         return false;
-    return !lastRun.isValid() || lastRun.date() < now.date();
+    // The stored time may carry the offset it was written in; the calendar
+    // that counts is this machine's.
+    return !lastRun.isValid() || lastRun.toLocalTime().date() < now.toLocalTime().date();
 }
 
 void ScheduleManager::runStartUpTasks()
@@ -283,8 +285,11 @@ bool ScheduleManager::getAgentConfigFromServer()
     EDR_LOG->Info(Q_FUNC_INFO, "Successfully get Agent Config file from server.");
     EDR_LOG->Debug(Q_FUNC_INFO, "Response: %s", qUtf8Printable(response));
 
+    // As for reading: only a regular file (or none yet); opening a FIFO for
+    // writing would block until some reader came along.
+    const QFileInfo existing(m_scheduleFile);
     QFile file(m_scheduleFile);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+    if ((existing.exists() && !existing.isFile()) || !file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to open Agent Config file for write.");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;

@@ -12,10 +12,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace edrtest;
 
@@ -150,6 +154,65 @@ TEST(ScheduleTicks, FirstMatchOnTickNPlusOneThenEveryN)
     EXPECT_EQ(m.value(TasksManager::AgentInfo), (QList<int>{16, 31, 46, 61, 76, 91, 106, 121}));
     EXPECT_EQ(m.value(TasksManager::Event_Logs), (QList<int>{61, 121}));
     EXPECT_FALSE(m.contains(TasksManager::StartUp) || m.contains(TasksManager::Network));
+}
+
+// Local calendar dates count, whatever offset the last run was written with.
+TEST(ScheduleStartUp, DueUnlessItRanOnTodaysLocalDate)
+{
+    ScheduleInfo entry;
+    entry.setEnable(true);
+    entry.setRunOnStart(true);
+    const QDateTime now(QDate(2026, 3, 10), QTime(12, 0), Qt::LocalTime);
+    const QDateTime earlyToday(QDate(2026, 3, 10), QTime(0, 10), Qt::LocalTime);
+    const QDateTime lateYesterday(QDate(2026, 3, 9), QTime(23, 50), Qt::LocalTime);
+    const int local = now.offsetFromUtc();
+    const struct {
+        QDateTime lastRun;
+        bool due;
+    } cases[] = {
+        {QDateTime(), true},
+        {earlyToday, false},
+        {lateYesterday, true},
+        {earlyToday.toOffsetFromUtc(local - 3600), false},  // written as yesterday 23:10
+        {lateYesterday.toOffsetFromUtc(local + 3600), true}, // written as today 00:50
+        {now.addDays(1), false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(ScheduleManager::isDueAtStartUp(entry, c.lastRun, now), c.due) << qPrintable(c.lastRun.toString(Qt::ISODate));
+    entry.setRunOnStart(false);
+    EXPECT_FALSE(ScheduleManager::isDueAtStartUp(entry, QDateTime(), now));
+}
+
+// A FIFO at schedule.db must not block the download; an oversized reply leaves the file alone.
+TEST_F(ScheduleManagerTest, ConfigDownloadWritesOnlyARegularFileOfBoundedSize)
+{
+    FakeHttpServer server;
+    prefix.pointAtServer(server.port());
+    server.setReply({200, "<AgentInfo><Interval>30</Interval></AgentInfo>", "application/xml"});
+    const QByteArray fifo = QFile::encodeName(scheduleFile());
+    ASSERT_EQ(::mkfifo(fifo.constData(), 0600), 0);
+    std::atomic<bool> finished{false};
+    bool downloaded = true;
+    std::thread call([&] {
+        downloaded = manager->getAgentConfigFromServer();
+        finished = true;
+    });
+    for (int i = 0; i < 500 && !finished; ++i)
+        QThread::msleep(20);
+    if (!finished) { // release the blocked writer before failing
+        ADD_FAILURE() << "writing schedule.db blocked on a FIFO";
+        ::close(::open(fifo.constData(), O_RDONLY | O_NONBLOCK));
+    }
+    call.join();
+    EXPECT_FALSE(downloaded);
+    EXPECT_EQ(logCount("Failed to open Agent Config file for write."), 1);
+
+    QFile::remove(scheduleFile());
+    writeFile(scheduleFile(), "<AgentInfo/>");
+    server.setReply({200, QByteArray(ScheduleManager::kMaxScheduleFileBytes + 1, ' '), "application/xml"});
+    EXPECT_FALSE(manager->getAgentConfigFromServer());
+    EXPECT_EQ(HostPaths::readFile(scheduleFile()), "<AgentInfo/>");
+    EXPECT_EQ(logCount("Failed to get Agent Config file server."), 1);
 }
 
 TEST_F(ScheduleManagerTest, TimerMatchesCountedUnderASmallTimeScaleMissedTicksDropped)
