@@ -94,7 +94,9 @@ bool FirewallManager::getFirewallStatus(QJsonObject& status)
 
 bool FirewallManager::collectReport(QJsonObject& body)
 {
-    return getFirewallStatus(body);
+    // A hung or missing ufw still makes a report, just without the profiles.
+    getFirewallStatus(body);
+    return true;
 }
 
 bool FirewallManager::sendRptToServer(const QString& requestId)
@@ -104,8 +106,7 @@ bool FirewallManager::sendRptToServer(const QString& requestId)
         {"Failed to Firewall Status.", "Successfully send Firewall Status to server.",
          "Failed to send Firewall Status to server."},
         [this, &requestId](QJsonObject& body) {
-            // A hung or missing ufw still sends the report, just without the profiles.
-            getFirewallStatus(body);
+            collectReport(body);
             if (!requestId.isEmpty())
                 body.insert(QStringLiteral("socId"), requestId);
             return true;

@@ -38,6 +38,14 @@ TEST(ReportCommand, PrintsTheBodyTheDaemonPosts)
         EXPECT_EQ(QString::fromUtf8(command.standardOutput()), posted + QLatin1Char('\n')) << report.name;
     }
 
+    // Without ufw the daemon still posts an empty object, so that is the output.
+    AgentProcess firewall;
+    firewall.setEnv(QStringLiteral("PATH"), QStringLiteral("/nonexistent"));
+    ASSERT_TRUE(firewall.start({QStringLiteral("report"), QStringLiteral("firewall")}));
+    ASSERT_TRUE(firewall.waitForExit(10000));
+    EXPECT_EQ(firewall.exitCode(), 0);
+    EXPECT_EQ(firewall.standardOutput(), "{}\n");
+
     AgentProcess unknown;
     ASSERT_TRUE(unknown.start({QStringLiteral("report"), QStringLiteral("registry")}));
     ASSERT_TRUE(unknown.waitForExit(10000));
