@@ -4,7 +4,6 @@
 
 #include <QByteArray>
 #include <QJsonObject>
-#include <QSet>
 #include <QString>
 #include <QVector>
 
@@ -21,6 +20,7 @@ public:
         QString size;   // Installed-Size as size text
         QString vendor; // Original-Maintainer
         QString architecture;
+        bool multiArchSame = false; // "Multi-Arch: same": its list is name:arch.list
         bool hasPackageLine = false;
         bool hasVersion = false;
         bool hasDescription = false;
@@ -51,8 +51,7 @@ public:
 
 private:
     int openInfoDir() const;
-    QString installDate(const Package& package, int infoDir, const QSet<QByteArray>* lists) const;
-    static QSet<QByteArray> listFiles(int infoDir);
+    QString installDate(const Package& package, int infoDir) const;
 
     static InstallSoftManager* s_instance;
     bool m_reportBusy = false;
