@@ -17,11 +17,12 @@ const char* const kShowProperties[] = {"Description", "ExecStart",    "Type",   
                                        "MainPID",     "ExecStop",     "WantedBy",     "DesktopEntry",
                                        "SuccessExitStatus", "UnitFileState"};
 
-bool isUnitNameChar(QChar c)
+// Bytes systemctl keeps as they are in every unit name; '@' and '\\' are
+// left out, which only makes the length bound below stricter.
+bool isPlainUnitByte(char c)
 {
-    const ushort u = c.unicode();
-    return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == ':' || u == '_' ||
-           u == '.' || u == '-' || u == '@' || u == '\\';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == ':' || c == '_' ||
+           c == '.' || c == '-';
 }
 } // namespace
 
@@ -162,14 +163,16 @@ bool ServiceManager::canShareShowRun(const QString& name)
         return false;
     if (hasGlob(name) || name.contains(QLatin1Char('/')))
         return false;
-    // An escaped name longer than a unit name may be fails the whole run.
-    const int bytes = name.toUtf8().size();
-    if (bytes <= 60)
-        return true;
-    for (const QChar c : name)
-        if (!isUnitNameChar(c))
-            return false;
-    return bytes <= 240;
+    // systemctl escapes every other byte as \xNN and may append ".service";
+    // a result longer than a unit name may be (255 bytes) fails the whole run.
+    // ("name  state" lines with one blank give such names, and each one run
+    // alone costs a process.)
+    const QByteArray bytes = name.toUtf8();
+    int escaped = bytes.size() + 8;
+    for (const char c : bytes)
+        if (!isPlainUnitByte(c))
+            escaped += 3;
+    return escaped <= 255;
 }
 
 void ServiceManager::getServiceInfo(const QString& name, ServiceInfo& info)

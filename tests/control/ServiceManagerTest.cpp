@@ -54,11 +54,17 @@ TEST(ServiceManagerTest, PureHelpers)
     EXPECT_EQ(ServiceManager::splitShowBlocks("A=1\n\n\nB=2\n"), QList<QStringList>({{"A=1"}, {}, {"B=2"}}));
     EXPECT_FALSE(ServiceManager::isTemplateUnit(QStringLiteral("getty@tty1.service")));
     // Names that would change what a shared "show" prints: options, job ids, globs, paths, overlong.
-    for (const char* ok : {"UNIT FILE", "107 unit files listed.", "user-runtime-dir@1000.service"})
-        EXPECT_TRUE(ServiceManager::canShareShowRun(QString::fromUtf8(ok))) << ok;
-    for (const char* no : {"-x", "", "42", " 0x1f", "+7", "a*.service", "dev-[ab].mount", "/dev/sda"})
-        EXPECT_FALSE(ServiceManager::canShareShowRun(QString::fromUtf8(no))) << no;
-    EXPECT_FALSE(ServiceManager::canShareShowRun(QString(70, QLatin1Char(' '))));
+    // Long "name state" lines are shared while their escaped form (\xNN per odd byte, ".service") fits 255 bytes.
+    const QString a200(200, QLatin1Char('a'));
+    for (const QString& ok : {QString("UNIT FILE"), QString("107 unit files listed."),
+                              QString("user-runtime-dir@1000.service"),
+                              QString("dbus-org.freedesktop.timesync1.service masked-runtime enabled"),
+                              a200 + QString(11, ' '), QString(247, 'b')})
+        EXPECT_TRUE(ServiceManager::canShareShowRun(ok)) << qPrintable(ok);
+    for (const QString& no : {QString("-x"), QString(), QString("42"), QString(" 0x1f"), QString("+7"),
+                              QString("a*.service"), QString("dev-[ab].mount"), QString("/dev/sda"),
+                              a200 + QString(12, ' '), QString(248, 'b'), QString(70, ' ')})
+        EXPECT_FALSE(ServiceManager::canShareShowRun(no)) << qPrintable(no);
 }
 
 TEST(ServiceManagerTest, PropertiesFollowTheirRules)
