@@ -9,11 +9,12 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
-#include <QFileInfo>
+#include <QFile>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,9 +38,11 @@ void applyLogLevel(const QString& fromCommandLine)
 int printPolicy()
 {
     const EdrAgentConfig config;
-    const QFileInfo file(config.path());
-    if (file.exists() && !file.isReadable()) {
-        std::fprintf(stderr, "edr-agent: cannot read %s\n", qUtf8Printable(file.filePath()));
+    const QByteArray path = QFile::encodeName(config.path());
+    struct stat st {};
+    const bool missing = ::stat(path.constData(), &st) != 0 && errno == ENOENT;
+    if (!missing && ::access(path.constData(), R_OK) != 0) {
+        std::fprintf(stderr, "edr-agent: cannot read %s: %s\n", path.constData(), std::strerror(errno));
         return 1;
     }
     std::fputs(qUtf8Printable(OrderPolicy(config).describe()), stdout);

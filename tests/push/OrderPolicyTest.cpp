@@ -22,7 +22,7 @@ TEST(OrderPolicy, EachOrderHasItsKeyAndNothingElseIsGoverned)
             << c.message;
 }
 
-TEST(OrderPolicy, ValuesAndWhatIsPrinted)
+TEST(OrderPolicy, UnsetAllowsAndUnknownValuesDeny)
 {
     edrtest::ScratchPrefix prefix;
     EdrAgentConfig config;
@@ -35,7 +35,4 @@ TEST(OrderPolicy, ValuesAndWhatIsPrinted)
     EXPECT_TRUE(policy.allows(QStringLiteral("Terminal"))); // unset: allowed
     EXPECT_FALSE(policy.allows(QStringLiteral("Update")));
     EXPECT_TRUE(prefix.traceLog().contains("Policy Update has the unknown value 'no'; treated as deny"));
-    EXPECT_EQ(policy.describe(), QStringLiteral("Terminal=allow\nOsquery=allow\nKill=deny\nServiceOrders=allow\n"
-                                                "StartupApps=allow\nFirewall=allow\nUpdate=deny (unknown value "
-                                                "\"no\")\nTraceLogReset=allow\n"));
 }
