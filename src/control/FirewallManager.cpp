@@ -113,7 +113,7 @@ bool FirewallManager::sendRptToServer(const QString& requestId)
         });
 }
 
-bool FirewallManager::executeSendReportToServer(const QString& parameter)
+bool FirewallManager::executeSendReportToServer(const QString& parameter, bool permitted)
 {
     BusyGuard guard(m_actionBusy);
     if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
@@ -127,7 +127,7 @@ bool FirewallManager::executeSendReportToServer(const QString& parameter)
 
     QJsonObject result;
     result.insert(QStringLiteral("_id"), order->id);
-    const bool changed = enableFirewall(order->enable, order->privateProfile, order->domainProfile);
+    const bool changed = permitted && enableFirewall(order->enable, order->privateProfile, order->domainProfile);
     const QString message = order->message(changed);
     return ActionResult::finish(Q_FUNC_INFO, result, changed, message, message,
                                 "Successfully send Firewall Action to server.",

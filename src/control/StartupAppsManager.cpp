@@ -202,7 +202,7 @@ StartupAppsManager::Order StartupAppsManager::parseOrder(const QString& paramete
     return order;
 }
 
-bool StartupAppsManager::executeSendReportToServer(const QString& parameter)
+bool StartupAppsManager::executeSendReportToServer(const QString& parameter, bool permitted)
 {
     BusyGuard guard(m_actionBusy);
     if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
@@ -212,7 +212,7 @@ bool StartupAppsManager::executeSendReportToServer(const QString& parameter)
     if (order.id)
         result.insert(QStringLiteral("_id"), *order.id);
 
-    const bool done = enableStartupTask(order.first, order.second, order.enable);
+    const bool done = permitted && enableStartupTask(order.first, order.second, order.enable);
     const QString action = done ? (order.enable ? QStringLiteral("Successfully Enabled")
                                                 : QStringLiteral("Successfully Disabled"))
                                 : (order.enable ? QStringLiteral("Failed to Enable")
