@@ -1,0 +1,203 @@
+#include "push/TlsChannel.h"
+
+#include "push/StoppableWait.h"
+
+#include <QFile>
+#include <QHostAddress>
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <chrono>
+#include <fcntl.h>
+#include <poll.h>
+
+namespace
+{
+QString openSslError()
+{
+    const unsigned long code = ERR_get_error();
+    ERR_clear_error();
+    if (code == 0)
+        return QStringLiteral("no detail");
+    char text[256] = {};
+    ERR_error_string_n(code, text, sizeof text);
+    return QString::fromLatin1(text);
+}
+
+int remainingMs(std::chrono::steady_clock::time_point deadline)
+{
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// Waits for what OpenSSL asked for; false on time-out or stop, with the reason.
+bool waitForSsl(int sslError, int fd, StoppableWait& wait, std::chrono::steady_clock::time_point deadline,
+                QString* reason)
+{
+    const short events = sslError == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN;
+    switch (wait.waitFor(fd, events, remainingMs(deadline))) {
+    case StoppableWait::Ready:
+        return true;
+    case StoppableWait::Timeout:
+        *reason = QStringLiteral("timed out");
+        return false;
+    case StoppableWait::Stopped:
+        *reason = QStringLiteral("stopped");
+        return false;
+    case StoppableWait::Failed:
+        break;
+    }
+    *reason = QStringLiteral("poll failed");
+    return false;
+}
+} // namespace
+
+TlsChannel::~TlsChannel()
+{
+    if (m_ssl) {
+        // Best effort close_notify; the socket is non-blocking, so this never waits.
+        SSL_shutdown(m_ssl);
+        SSL_free(m_ssl);
+    }
+    if (m_ctx)
+        SSL_CTX_free(m_ctx);
+}
+
+bool TlsChannel::fail(const QString& reason)
+{
+    m_error = reason;
+    ERR_clear_error();
+    return false;
+}
+
+bool TlsChannel::setUpContext(const TlsSettings& settings)
+{
+    m_ctx = SSL_CTX_new(TLS_client_method());
+    if (!m_ctx)
+        return fail(QStringLiteral("cannot create a TLS context: ") + openSslError());
+    SSL_CTX_set_min_proto_version(m_ctx, TLS1_2_VERSION);
+    SSL_CTX_set_verify(m_ctx, SSL_VERIFY_PEER, nullptr);
+    if (settings.caFile.isEmpty()) {
+        if (SSL_CTX_set_default_verify_paths(m_ctx) != 1)
+            return fail(QStringLiteral("cannot load the system trust store: ") + openSslError());
+    } else if (SSL_CTX_load_verify_locations(m_ctx, QFile::encodeName(settings.caFile).constData(), nullptr) != 1) {
+        return fail(QStringLiteral("cannot load CA file %1: %2").arg(settings.caFile, openSslError()));
+    }
+    return true;
+}
+
+bool TlsChannel::connect(int fd, const TlsSettings& settings, const QString& host, StoppableWait& wait,
+                         int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    QString badPin;
+    const auto pins = TlsSettings::parsePins(settings.pinnedKeys, &badPin);
+    if (!pins)
+        return fail(QStringLiteral("EDRPINNEDKEY entry \"%1\" is not sha256//<base64>").arg(badPin));
+    if (!setUpContext(settings))
+        return false;
+
+    m_ssl = SSL_new(m_ctx);
+    if (!m_ssl || SSL_set_fd(m_ssl, fd) != 1)
+        return fail(QStringLiteral("cannot set up TLS: ") + openSslError());
+    const QByteArray name = host.toUtf8();
+    // SSL_set1_host takes an address literal as an address to match.
+    if (SSL_set1_host(m_ssl, name.constData()) != 1)
+        return fail(QStringLiteral("cannot set the expected server name %1").arg(host));
+    if (QHostAddress(host).isNull())
+        SSL_set_tlsext_host_name(m_ssl, name.constData());
+    SSL_set_mode(m_ssl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
+
+    for (;;) {
+        const int rc = SSL_connect(m_ssl);
+        if (rc == 1)
+            break;
+        const int err = SSL_get_error(m_ssl, rc);
+        if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE) {
+            QString reason;
+            if (!waitForSsl(err, fd, wait, deadline, &reason))
+                return fail(QStringLiteral("handshake ") + reason);
+            continue;
+        }
+        const long verify = SSL_get_verify_result(m_ssl);
+        if (verify != X509_V_OK)
+            return fail(QStringLiteral("certificate refused: ") +
+                        QString::fromLatin1(X509_verify_cert_error_string(verify)));
+        if (err == SSL_ERROR_SYSCALL && ERR_peek_error() == 0)
+            return fail(QStringLiteral("connection closed during the handshake"));
+        return fail(QStringLiteral("handshake failed: ") + openSslError());
+    }
+    if (!pins->isEmpty() && !pinMatches(*pins))
+        return fail(QStringLiteral("the server's public key does not match EDRPINNEDKEY"));
+    return true;
+}
+
+bool TlsChannel::pinMatches(const QList<QByteArray>& pins)
+{
+    X509* cert = SSL_get1_peer_certificate(m_ssl);
+    if (!cert)
+        return false;
+    unsigned char* der = nullptr;
+    const int length = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(cert), &der);
+    X509_free(cert);
+    if (length <= 0)
+        return false;
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int digestLength = 0;
+    const bool hashed = EVP_Digest(der, static_cast<size_t>(length), digest, &digestLength, EVP_sha256(), nullptr) == 1;
+    OPENSSL_free(der);
+    if (!hashed)
+        return false;
+    const QByteArray actual(reinterpret_cast<const char*>(digest), static_cast<int>(digestLength));
+    return pins.contains(actual);
+}
+
+ssize_t TlsChannel::send(const char* data, size_t size, StoppableWait& wait, int timeoutMs)
+{
+    if (!m_ssl)
+        return -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    size_t written = 0;
+    while (written < size) {
+        size_t n = 0;
+        const int rc = SSL_write_ex(m_ssl, data + written, size - written, &n);
+        if (rc == 1) {
+            written += n;
+            continue;
+        }
+        const int err = SSL_get_error(m_ssl, rc);
+        QString reason;
+        if ((err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) ||
+            !waitForSsl(err, SSL_get_fd(m_ssl), wait, deadline, &reason)) {
+            ERR_clear_error();
+            return -1;
+        }
+    }
+    return static_cast<ssize_t>(written);
+}
+
+ssize_t TlsChannel::receive(char* buffer, size_t size)
+{
+    if (!m_ssl)
+        return -1;
+    size_t n = 0;
+    const int rc = SSL_read_ex(m_ssl, buffer, size, &n);
+    if (rc == 1)
+        return static_cast<ssize_t>(n);
+    const int err = SSL_get_error(m_ssl, rc);
+    ERR_clear_error();
+    if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE)
+        return kAgain;
+    return err == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+}
+
+bool TlsChannel::hasBuffered() const
+{
+    return m_ssl && SSL_pending(m_ssl) > 0;
+}
