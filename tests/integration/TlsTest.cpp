@@ -115,6 +115,8 @@ TEST(Tls, UntrustedServersGetNothing)
          "unable to get local issuer certificate"},
         {"wrong host name", certs->otherNameCert, certs->caFile, {}, "no alternative certificate subject name",
          "IP address mismatch"},
+        {"expired certificate", certs->expiredCert, certs->caFile, {}, "certificate has expired",
+         "certificate has expired"},
         {"wrong pin", certs->serverCert, certs->caFile, certs->otherPin, "does not match pinned public key",
          "does not match EDRPINNEDKEY"},
         {"plain server", {}, certs->caFile, {}, "wrong version number", "handshake timed out"},

@@ -22,6 +22,9 @@ printf 'subjectAltName=IP:127.0.0.1\n' > san-ip
 printf 'subjectAltName=DNS:elsewhere.invalid\n' > san-other
 openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 36500 -extfile san-ip -out server.pem 2>/dev/null
 openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 3 -days 36500 -extfile san-other -out other-name.pem 2>/dev/null
+mkdir db; touch db/index.txt; echo 04 > db/serial
+printf '[ca]\ndefault_ca=d\n[d]\ndatabase=db/index.txt\nnew_certs_dir=db\nserial=db/serial\ndefault_md=sha256\npolicy=p\n[p]\ncommonName=supplied\n' > ca.cnf
+openssl ca -batch -notext -config ca.cnf -cert ca.pem -keyfile ca.key -in server.csr -extfile san-ip -startdate 20000101000000Z -enddate 20010101000000Z -out expired.pem 2>/dev/null
 pin server.key server.pin; pin ca.key other.pin
 )sh";
 
@@ -47,6 +50,7 @@ std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
     c->otherCaFile = d.filePath(QStringLiteral("other-ca.pem"));
     c->serverCert = d.filePath(QStringLiteral("server.pem"));
     c->otherNameCert = d.filePath(QStringLiteral("other-name.pem"));
+    c->expiredCert = d.filePath(QStringLiteral("expired.pem"));
     c->serverKey = d.filePath(QStringLiteral("server.key"));
     c->serverPin = readAll(d.filePath(QStringLiteral("server.pin")));
     c->otherPin = readAll(d.filePath(QStringLiteral("other.pin")));

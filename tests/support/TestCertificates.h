@@ -1,8 +1,8 @@
 #pragma once
 
 // Throwaway PKI for TLS tests, made once per test run with the openssl tool:
-// a CA, a server certificate for 127.0.0.1, one for another name (same key),
-// an unrelated CA, and the pins of the server's and the CA's keys.
+// a CA, server certificates for 127.0.0.1 (current and expired) and for
+// another name, all on one key, an unrelated CA, and two pins.
 
 #include <QByteArray>
 #include <QString>
@@ -15,6 +15,7 @@ struct TestCertificates {
     QString otherCaFile;   // a CA that signed nothing here
     QString serverCert;    // SAN IP:127.0.0.1
     QString otherNameCert; // SAN DNS:elsewhere.invalid
+    QString expiredCert;   // SAN IP:127.0.0.1, valid in the year 2000 only
     QString serverKey;
     QByteArray serverPin; // sha256//<base64> of the server's key
     QByteArray otherPin;  // the same form, of another key
