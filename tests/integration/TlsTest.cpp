@@ -165,3 +165,32 @@ TEST(Tls, UntrustedServersGetNothing)
             EXPECT_FALSE(m.toObject().value(QStringLiteral("text")).toString().contains(QStringLiteral("tok-secret")));
     }
 }
+
+// A server that accepts and never answers the handshake holds the push thread
+// no longer than the handshake limit, and a stop ends the wait at once.
+TEST(Tls, StalledHandshakeIsBoundedAndStoppable)
+{
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    ScratchPrefix prefix;
+    int port = 0;
+    LoopbackSocket server(LoopbackSocket::listenOn(&port));
+    prefix.pointAtServer(LoopbackSocket::freePort(), port, 0, tlsKeys(certs->caFile, {}));
+    for (const bool stop : {false, true}) {
+        SCOPED_TRACE(stop ? "stopped" : "timed out");
+        TimeScale scale(stop ? 1.0 : 0.05);
+        ServerSocketThread thread;
+        thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
+        thread.setServerSocketPort(port);
+        thread.start();
+        LoopbackSocket peer(LoopbackSocket::acceptOne(server.fd, 10000));
+        ASSERT_GE(peer.fd, 0);
+        if (stop) {
+            ASSERT_FALSE(thread.wait(200)); // still in the handshake
+            thread.requestStop();
+        }
+        EXPECT_TRUE(thread.wait(5000));
+        EXPECT_TRUE(prefix.traceLog().contains(stop ? "refused: handshake stopped" : "refused: handshake timed out"))
+            << prefix.traceLog().constData();
+    }
+}
