@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 class StoppableWait;
+struct OpenSslLibrary;
 typedef struct ssl_st SSL;
 typedef struct ssl_ctx_st SSL_CTX;
 
@@ -42,6 +43,7 @@ private:
     bool setUpContext(const TlsSettings& settings);
     bool pinMatches(const QList<QByteArray>& pins);
 
+    const OpenSslLibrary* m_api = nullptr;
     SSL_CTX* m_ctx = nullptr;
     SSL* m_ssl = nullptr;
     QString m_error;
