@@ -16,8 +16,8 @@ QString ApiManager::getAPI(const API_NAME& name)
     const QString port = QString::number(server->getServerPort());
     const QString ip = server->getServerIP();
     const QString scheme = server->getTlsEnabled() ? QStringLiteral("https://") : QStringLiteral("http://");
-    QString url = scheme + ip + QLatin1Char(':') + port + QStringLiteral("/api/") + version +
-                  QLatin1Char('/');
+    QString url =
+        scheme + ip + QLatin1Char(':') + port + QStringLiteral("/api/") + version + QLatin1Char('/');
     const int index = static_cast<int>(name);
     if (index >= 0 && index < static_cast<int>(sizeof routes / sizeof routes[0]))
         url += QLatin1String(routes[index]);

@@ -40,12 +40,14 @@ int abortOnStop(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
 // With TLS on, https only (redirects included), peer and host verified, the
 // pin checked by libcurl. A pin that does not parse refuses the request: it
 // must never go out unpinned.
-bool applyTls(const CurlLibrary& api, CURL* curl, const TlsSettings& tls, const QString& url, QByteArray& pinText)
+bool applyTls(const CurlLibrary& api, CURL* curl, const TlsSettings& tls, const QString& url,
+              QByteArray& pinText)
 {
     QString bad;
     const auto pins = TlsSettings::parsePins(tls.pinnedKeys, &bad);
     if (!pins) {
-        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Refused to send to %s: EDRPINNEDKEY entry \"%s\" is not sha256//<base64>",
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL,
+                       "Refused to send to %s: EDRPINNEDKEY entry \"%s\" is not sha256//<base64>",
                        qUtf8Printable(url), qUtf8Printable(bad));
         return false;
     }
@@ -251,7 +253,8 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
         // With TLS the reason (verification, expiry, pin, plain peer) is named.
         if (tls.enabled)
             EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to send data to server - %s Response Code: %d TLS: %s",
-                           qUtf8Printable(url), static_cast<int>(rc), curlError[0] ? curlError : "transfer failed");
+                           qUtf8Printable(url), static_cast<int>(rc),
+                           curlError[0] ? curlError : "transfer failed");
         else
             EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to send data to server - %s Response Code: %d",
                            qUtf8Printable(url), static_cast<int>(rc));

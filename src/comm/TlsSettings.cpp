@@ -33,8 +33,8 @@ std::optional<QList<QByteArray>> TlsSettings::parsePins(const QString& text, QSt
         bool ok = entry.startsWith(QLatin1String(kPinPrefix));
         QByteArray digest;
         if (ok) {
-            const auto decoded = QByteArray::fromBase64Encoding(entry.mid(int(sizeof kPinPrefix) - 1).toLatin1(),
-                                                                QByteArray::AbortOnBase64DecodingErrors);
+            const auto decoded = QByteArray::fromBase64Encoding(
+                entry.mid(int(sizeof kPinPrefix) - 1).toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
             ok = decoded.decodingStatus == QByteArray::Base64DecodingStatus::Ok &&
                  decoded.decoded.size() == kSha256Size;
             digest = decoded.decoded;

@@ -87,8 +87,8 @@ bool ServerSocketThread::startTls(int fd)
     auto channel = std::make_unique<TlsChannel>();
     if (!channel->connect(fd, settings, m_serverIp, m_wait, Common::scaledMs(kTlsHandshakeTimeoutMs))) {
         const QByteArray ip = m_serverIp.toUtf8();
-        EDR_LOG->Error(Q_FUNC_INFO, EPROTO, "TLS connection to %s:%d refused: %s", ip.constData(), m_serverPort,
-                       qUtf8Printable(channel->error()));
+        EDR_LOG->Error(Q_FUNC_INFO, EPROTO, "TLS connection to %s:%d refused: %s", ip.constData(),
+                       m_serverPort, qUtf8Printable(channel->error()));
         return false;
     }
     m_tls = std::move(channel);

@@ -27,7 +27,8 @@ QString openSslError(const OpenSslLibrary* api)
 int remainingMs(std::chrono::steady_clock::time_point deadline)
 {
     const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
+            .count();
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
@@ -58,10 +59,13 @@ TlsChannel::~TlsChannel()
     if (!m_api)
         return;
     if (m_ssl) {
-        // Best effort close_notify; the socket is non-blocking, so this never waits.
-        m_api->SSL_shutdown(m_ssl);
+        // Best effort close_notify, only on a healthy connection (OpenSSL forbids
+        // it after a fatal error); the socket is non-blocking, so it never waits.
+        if (m_healthy)
+            m_api->SSL_shutdown(m_ssl);
         m_api->SSL_free(m_ssl);
     }
+    m_api->ERR_clear_error();
     if (m_ctx)
         m_api->SSL_CTX_free(m_ctx);
 }
@@ -84,7 +88,8 @@ bool TlsChannel::setUpContext(const TlsSettings& settings)
     if (settings.caFile.isEmpty()) {
         if (m_api->SSL_CTX_set_default_verify_paths(m_ctx) != 1)
             return fail(QStringLiteral("cannot load the system trust store: ") + openSslError(m_api));
-    } else if (m_api->SSL_CTX_load_verify_locations(m_ctx, QFile::encodeName(settings.caFile).constData(), nullptr) != 1) {
+    } else if (m_api->SSL_CTX_load_verify_locations(m_ctx, QFile::encodeName(settings.caFile).constData(),
+                                                    nullptr) != 1) {
         return fail(QStringLiteral("cannot load CA file %1: %2").arg(settings.caFile, openSslError(m_api)));
     }
     return true;
@@ -113,8 +118,9 @@ bool TlsChannel::connect(int fd, const TlsSettings& settings, const QString& hos
         return fail(QStringLiteral("cannot set the expected server name %1").arg(host));
     if (QHostAddress(host).isNull())
         m_api->SSL_ctrl(m_ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
-                      const_cast<char*>(name.constData()));
-    m_api->SSL_ctrl(m_ssl, SSL_CTRL_MODE, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER, nullptr);
+                        const_cast<char*>(name.constData()));
+    m_api->SSL_ctrl(m_ssl, SSL_CTRL_MODE, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER,
+                    nullptr);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
 
     for (;;) {
@@ -138,6 +144,7 @@ bool TlsChannel::connect(int fd, const TlsSettings& settings, const QString& hos
     }
     if (!pins->isEmpty() && !pinMatches(*pins))
         return fail(QStringLiteral("the server's public key does not match EDRPINNEDKEY"));
+    m_healthy = true;
     return true;
 }
 
@@ -153,7 +160,8 @@ bool TlsChannel::pinMatches(const QList<QByteArray>& pins)
         return false;
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int digestLength = 0;
-    const bool hashed = m_api->EVP_Digest(der, static_cast<size_t>(length), digest, &digestLength, m_api->EVP_sha256(), nullptr) == 1;
+    const bool hashed = m_api->EVP_Digest(der, static_cast<size_t>(length), digest, &digestLength,
+                                          m_api->EVP_sha256(), nullptr) == 1;
     m_api->CRYPTO_free(der, __FILE__, __LINE__);
     if (!hashed)
         return false;
@@ -176,8 +184,10 @@ ssize_t TlsChannel::send(const char* data, size_t size, StoppableWait& wait, int
         }
         const int err = m_api->SSL_get_error(m_ssl, rc);
         QString reason;
-        if ((err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) ||
-            !waitForSsl(err, m_api->SSL_get_fd(m_ssl), wait, deadline, &reason)) {
+        const bool retry = err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE;
+        if (!retry || !waitForSsl(err, m_api->SSL_get_fd(m_ssl), wait, deadline, &reason)) {
+            // A write cut short leaves the record stream broken either way.
+            m_healthy = false;
             m_api->ERR_clear_error();
             return -1;
         }
@@ -197,7 +207,10 @@ ssize_t TlsChannel::receive(char* buffer, size_t size)
     m_api->ERR_clear_error();
     if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE)
         return kAgain;
-    return err == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+    if (err == SSL_ERROR_ZERO_RETURN)
+        return 0;
+    m_healthy = false;
+    return -1;
 }
 
 bool TlsChannel::hasBuffered() const

@@ -27,7 +27,8 @@ public:
     TlsChannel& operator=(const TlsChannel&) = delete;
 
     // Handshake and checks, bounded by timeoutMs. false with the reason in error().
-    bool connect(int fd, const TlsSettings& settings, const QString& host, StoppableWait& wait, int timeoutMs);
+    bool connect(int fd, const TlsSettings& settings, const QString& host, StoppableWait& wait,
+                 int timeoutMs);
 
     // All of data or -1.
     ssize_t send(const char* data, size_t size, StoppableWait& wait, int timeoutMs);
@@ -46,5 +47,6 @@ private:
     const OpenSslLibrary* m_api = nullptr;
     SSL_CTX* m_ctx = nullptr;
     SSL* m_ssl = nullptr;
+    bool m_healthy = false; // handshake done, no fatal error since
     QString m_error;
 };

@@ -18,7 +18,7 @@ TEST(TlsSettings, PinsParseOnlyInTheirOneForm)
         {pa, true, {a}},
         {QStringLiteral(" ") + pa + QStringLiteral(" ; ") + pb + QStringLiteral(";"), true, {a, b}},
         {pa + QStringLiteral(";md5//AAAA"), false, {}},
-        {QStringLiteral("SHA256//") + pa.mid(8), false, {}},             // prefix is case-sensitive
+        {QStringLiteral("SHA256//") + pa.mid(8), false, {}}, // prefix is case-sensitive
         {QStringLiteral("sha256//") + QString::fromLatin1(QByteArray(31, 'a').toBase64()), false, {}},
         {QStringLiteral("sha256//not*base64*at*all*xxxxxxxxxxxxxxxxxxxxxxxx="), false, {}},
         {QStringLiteral("/etc/ssl/server.pub"), false, {}}, // a key file is not taken

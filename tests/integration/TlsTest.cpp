@@ -23,7 +23,8 @@
 
 using namespace edrtest;
 
-namespace {
+namespace
+{
 QByteArray tlsKeys(const QString& caFile, const QByteArray& pin)
 {
     QByteArray keys = "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(caFile) + "\n";
@@ -85,8 +86,9 @@ TEST(Tls, ReportsAndPushGoOverTlsWithNothingInClear)
 
     const QByteArray wire = http.recorded() + socket.recorded();
     EXPECT_GT(wire.size(), 2000);
-    for (const QByteArray& clear : {token.toUtf8(), QByteArray("AgentVersion"), QByteArray("Connect#$#"),
-                                    QByteArray("RPT#$#"), QByteArray("keep-alive"), QByteArray("machineInfo/")})
+    for (const QByteArray& clear :
+         {token.toUtf8(), QByteArray("AgentVersion"), QByteArray("Connect#$#"), QByteArray("RPT#$#"),
+          QByteArray("keep-alive"), QByteArray("machineInfo/")})
         EXPECT_FALSE(wire.contains(clear)) << clear.constData();
 }
 
@@ -111,18 +113,39 @@ TEST(Tls, UntrustedServersGetNothing)
         const char* pushReason;
     };
     const Case cases[] = {
-        {"wrong CA", certs->serverCert, certs->otherCaFile, {}, "unable to get local issuer certificate",
+        {"wrong CA",
+         certs->serverCert,
+         certs->otherCaFile,
+         {},
+         "unable to get local issuer certificate",
          "unable to get local issuer certificate"},
-        {"wrong host name", certs->otherNameCert, certs->caFile, {}, "no alternative certificate subject name",
+        {"wrong host name",
+         certs->otherNameCert,
+         certs->caFile,
+         {},
+         "no alternative certificate subject name",
          "IP address mismatch"},
-        {"expired certificate", certs->expiredCert, certs->caFile, {}, "certificate has expired",
+        {"expired certificate",
+         certs->expiredCert,
+         certs->caFile,
+         {},
+         "certificate has expired",
          "certificate has expired"},
         {"wrong pin", certs->serverCert, certs->caFile, certs->otherPin, "does not match pinned public key",
          "does not match EDRPINNEDKEY"},
         {"plain server", {}, certs->caFile, {}, "wrong version number", "handshake timed out"},
-        {"garbage CA file", certs->serverCert, garbageCa, {}, "error setting certificate", "cannot load CA file"},
-        {"missing CA file", certs->serverCert, certs->dir + QStringLiteral("/none.pem"), {},
-         "error setting certificate", "cannot load CA file"},
+        {"garbage CA file",
+         certs->serverCert,
+         garbageCa,
+         {},
+         "error setting certificate",
+         "cannot load CA file"},
+        {"missing CA file",
+         certs->serverCert,
+         certs->dir + QStringLiteral("/none.pem"),
+         {},
+         "error setting certificate",
+         "cannot load CA file"},
         {"pin in the wrong form", certs->serverCert, certs->caFile, "md5//AAAA", "is not sha256//<base64>",
          "is not sha256//<base64>"},
     };
@@ -162,7 +185,8 @@ TEST(Tls, UntrustedServersGetNothing)
         EXPECT_TRUE(console.requests().isEmpty());
         const QJsonArray messages = console.socketMessages();
         for (const QJsonValue& m : messages)
-            EXPECT_FALSE(m.toObject().value(QStringLiteral("text")).toString().contains(QStringLiteral("tok-secret")));
+            EXPECT_FALSE(
+                m.toObject().value(QStringLiteral("text")).toString().contains(QStringLiteral("tok-secret")));
     }
 }
 
@@ -190,7 +214,8 @@ TEST(Tls, StalledHandshakeIsBoundedAndStoppable)
             thread.requestStop();
         }
         EXPECT_TRUE(thread.wait(5000));
-        EXPECT_TRUE(prefix.traceLog().contains(stop ? "refused: handshake stopped" : "refused: handshake timed out"))
+        EXPECT_TRUE(
+            prefix.traceLog().contains(stop ? "refused: handshake stopped" : "refused: handshake timed out"))
             << prefix.traceLog().constData();
     }
 }

@@ -33,7 +33,8 @@ void AgentProcess::writeFile(const QString& path, const QByteArray& content)
     f.write(content);
 }
 
-void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort, const QByteArray& extraServerKeys)
+void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort,
+                                  const QByteArray& extraServerKeys)
 {
     writeFile(settingsDir() + QStringLiteral("/serverip.ini"),
               "[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +

@@ -102,7 +102,8 @@ QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pat
     SSL* ssl = ctx ? SSL_new(ctx) : nullptr;
     const timeval timeout{5, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 && (!m_tls || (ssl && SSL_set_fd(ssl, fd) == 1 && SSL_connect(ssl) == 1))) {
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+        (!m_tls || (ssl && SSL_set_fd(ssl, fd) == 1 && SSL_connect(ssl) == 1))) {
         const QByteArray request = method + ' ' + pathAndQuery + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" +
                                    "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
         if (ssl)
@@ -114,7 +115,8 @@ QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pat
             pollfd p{fd, POLLIN, 0};
             if (!(ssl && SSL_pending(ssl) > 0) && ::poll(&p, 1, 5000) <= 0)
                 break;
-            const int n = ssl ? SSL_read(ssl, buf, sizeof buf) : static_cast<int>(::recv(fd, buf, sizeof buf, 0));
+            const int n =
+                ssl ? SSL_read(ssl, buf, sizeof buf) : static_cast<int>(::recv(fd, buf, sizeof buf, 0));
             if (n <= 0)
                 break;
             reply.append(buf, n);

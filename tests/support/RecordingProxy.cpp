@@ -6,7 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace edrtest {
+namespace edrtest
+{
 
 RecordingProxy::RecordingProxy(int targetPort) : m_target(targetPort)
 {

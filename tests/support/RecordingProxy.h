@@ -10,9 +10,11 @@
 #include <mutex>
 #include <thread>
 
-namespace edrtest {
+namespace edrtest
+{
 
-class RecordingProxy {
+class RecordingProxy
+{
 public:
     explicit RecordingProxy(int targetPort);
     ~RecordingProxy();

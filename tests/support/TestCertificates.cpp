@@ -8,9 +8,11 @@
 #include <cstdio>
 #include <memory>
 
-namespace edrtest {
+namespace edrtest
+{
 
-namespace {
+namespace
+{
 const char kScript[] = R"sh(set -e
 key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:prime256v1 -out "$1" 2>/dev/null; }
 pin() { printf 'sha256//%s' "$(openssl pkey -in "$1" -pubout -outform DER | openssl dgst -sha256 -binary | base64 -w0)" > "$2"; }
@@ -39,7 +41,8 @@ std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
     QProcess shell;
     shell.setWorkingDirectory(dir.path());
     shell.start(QStringLiteral("/bin/bash"), {QStringLiteral("-c"), QString::fromLatin1(kScript)});
-    if (!shell.waitForFinished(60000) || shell.exitStatus() != QProcess::NormalExit || shell.exitCode() != 0) {
+    if (!shell.waitForFinished(60000) || shell.exitStatus() != QProcess::NormalExit ||
+        shell.exitCode() != 0) {
         std::fprintf(stderr, "test certificates: %s\n", shell.readAllStandardError().constData());
         return nullptr;
     }

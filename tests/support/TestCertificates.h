@@ -7,7 +7,8 @@
 #include <QByteArray>
 #include <QString>
 
-namespace edrtest {
+namespace edrtest
+{
 
 struct TestCertificates {
     QString dir;
