@@ -81,6 +81,9 @@ TEST(Tls, ReportsAndPushGoOverTlsWithNothingInClear)
     ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 20000))
         << agent.log().constData();
+    // A connection the server ends is noticed and made again, over TLS.
+    console.admin("POST", "/admin/close-connections");
+    EXPECT_TRUE(agent.waitForLog("Connected to server socket.", 30000, 2)) << agent.log().constData();
     agent.signal(SIGTERM);
     ASSERT_TRUE(agent.waitForExit(10000));
 
