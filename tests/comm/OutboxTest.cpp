@@ -155,12 +155,20 @@ TEST_F(OutboxTest, NoAnswerIsKeptAndAFreshSnapshotMakesThePendingOneStale)
     ASSERT_EQ(outbox->entries().size(), 1);
     EXPECT_TRUE(prefix.traceLog().contains("no answer from server"));
     prefix.pointAtServer(server.port());
+    // A server that accepts and never answers is given up by the stall limit.
+    Common::setTimeScaleForTesting(0.01);
+    server.setReply({200, "", "text/plain", true});
+    post(SERVICES, QStringLiteral("stalled"));
+    Common::setTimeScaleForTesting(1.0);
+    ASSERT_EQ(outbox->entries().size(), 1);
+    EXPECT_EQ(prefix.traceLog().count("no answer from server"), 2);
+    server.setReply({200, "OK", "text/plain"});
     post(SERVICES, QStringLiteral("fresh"));
     EXPECT_TRUE(outbox->isEmpty());
     for (int i = 0; i < 3; ++i)
         QCoreApplication::processEvents();
-    ASSERT_EQ(server.requests().size(), 1); // the stale one never goes out
-    EXPECT_EQ(server.requests().first().body, body(QStringLiteral("fresh")));
+    ASSERT_EQ(server.requests().size(), 2); // the stale one never goes out
+    EXPECT_EQ(server.requests().last().body, body(QStringLiteral("fresh")));
 }
 
 TEST_F(OutboxTest, BoundsDropOldestSnapshotThenOldestResult)
