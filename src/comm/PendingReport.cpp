@@ -5,9 +5,11 @@
 namespace {
 constexpr char kMagic[] = "EDR-PENDING/1";
 
-bool parseNumber(const QByteArray& text, qint64* out)
+// Plain decimal digits; canonical also refuses leading zeros, so a header
+// has exactly one spelling.
+bool parseNumber(const QByteArray& text, qint64* out, bool canonical = true)
 {
-    if (text.isEmpty() || text.size() > 18)
+    if (text.isEmpty() || text.size() > 18 || (canonical && text.size() > 1 && text.at(0) == '0'))
         return false;
     for (char c : text)
         if (c < '0' || c > '9')
@@ -70,7 +72,7 @@ std::optional<PendingReport::Header> PendingReport::parseHeader(const QByteArray
         return std::nullopt;
     Header h;
     qint64 task = 0;
-    if (!parseNumber(tokens.at(0), &task) || task > 24)
+    if (!parseNumber(tokens.at(0), &task, false) || task > 24)
         return std::nullopt;
     h.task = static_cast<int>(task);
     static const char* const keys[] = {"kind=", "route=", "mode=", "created=", "length="};
