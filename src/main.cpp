@@ -1,6 +1,8 @@
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/DataDirModes.h"
 #include "core/EdrAgentConfig.h"
+#include "push/OrderPolicy.h"
 #include "service/OutboxCommand.h"
 #include "service/ReportCommand.h"
 #include "service/ServiceHost.h"
@@ -8,10 +10,12 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +32,22 @@ void applyLogLevel(const QString& fromCommandLine)
                            qUtf8Printable(configured));
     }
     EDR_LOG->setLevel(level);
+}
+
+// Prints the order policy in force; an agent.conf we cannot read would
+// otherwise look like "allow everything".
+int printPolicy()
+{
+    const EdrAgentConfig config;
+    const QByteArray path = QFile::encodeName(config.path());
+    struct stat st {};
+    const bool missing = ::stat(path.constData(), &st) != 0 && errno == ENOENT;
+    if (!missing && ::access(path.constData(), R_OK) != 0) {
+        std::fprintf(stderr, "edr-agent: cannot read %s: %s\n", path.constData(), std::strerror(errno));
+        return 1;
+    }
+    std::fputs(qUtf8Printable(OrderPolicy(config).describe()), stdout);
+    return 0;
 }
 } // namespace
 
@@ -54,8 +74,8 @@ int main(int argc, char** argv)
     parser.addOption(levelOption);
     parser.addOption(flushOption);
     parser.addPositionalArgument(QStringLiteral("command"),
-                                 QStringLiteral("Optional: report NAME, or outbox [--flush]"),
-                                 QStringLiteral("[report NAME | outbox]"));
+                                 QStringLiteral("Optional: report NAME, policy, or outbox [--flush]"),
+                                 QStringLiteral("[report NAME | policy | outbox]"));
     parser.process(app);
 
     Common::setPrefix(parser.value(prefixOption));
@@ -75,9 +95,11 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "edr-agent: --flush goes with the outbox command\n");
         return 2;
     }
+    if (positional == QStringList{QStringLiteral("policy")})
+        return printPolicy();
     if (!positional.isEmpty()) {
         if (positional.first() != QLatin1String("report") || positional.size() != 2) {
-            std::fprintf(stderr, "edr-agent: usage: edr-agent [options] report NAME (%s) | outbox [--flush]\n",
+            std::fprintf(stderr, "edr-agent: usage: edr-agent [options] report NAME (%s) | policy | outbox [--flush]\n",
                          qUtf8Printable(ReportCommand::names().join(QStringLiteral(", "))));
             return 2;
         }
@@ -98,6 +120,8 @@ int main(int argc, char** argv)
     QDir().mkpath(Common::getEdrDirPath());
     QDir().mkpath(Common::getReportsPath());
     applyLogLevel(level);
+    // Files an older version left readable are closed up before anything runs.
+    DataDirModes::tighten(Common::getEdrDirPath());
     if (EdrAgentConfig().isMalformed())
         EDR_LOG->Error("int main(int, char**)", EINVAL, "agent.conf could not be parsed; defaults are in use");
 
