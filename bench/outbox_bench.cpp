@@ -10,7 +10,8 @@
 
 #include <benchmark/benchmark.h>
 
-namespace {
+namespace
+{
 struct Scratch {
     QTemporaryDir dir{QDir::currentPath() + QStringLiteral("/outbox-bench-XXXXXX")};
     Scratch()

@@ -9,7 +9,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const QByteArray bytes = QByteArray::fromRawData(reinterpret_cast<const char*>(data), static_cast<int>(size));
+    const QByteArray bytes =
+        QByteArray::fromRawData(reinterpret_cast<const char*>(data), static_cast<int>(size));
     int used = 0;
     const std::optional<PendingReport::Header> header = PendingReport::parseHeader(bytes, &used);
     if (header && PendingReport::encodeHeader(*header) != bytes.left(used))

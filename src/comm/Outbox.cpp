@@ -15,16 +15,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <limits>
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 Outbox* Outbox::s_instance = nullptr;
 
-namespace {
+namespace
+{
 const char kLockName[] = ".lock";
 const char kBadDir[] = "bad";
 
@@ -75,8 +76,9 @@ bool parseName(const QString& name, quint64* seq, int* task)
 
 QByteArray describe(const Outbox::Entry& e)
 {
-    return QByteArray(PendingReport::kindName(e.header.kind)) + " of task " + QByteArray::number(e.header.task) +
-           " (" + local(e.file) + ", " + QByteArray::number(e.size) + " bytes)";
+    return QByteArray(PendingReport::kindName(e.header.kind)) + " of task " +
+           QByteArray::number(e.header.task) + " (" + local(e.file) + ", " + QByteArray::number(e.size) +
+           " bytes)";
 }
 
 qint64 limitFrom(const EdrAgentConfig& config, const char* key, qint64 fallback, qint64 ceiling)
@@ -89,8 +91,8 @@ qint64 limitFrom(const EdrAgentConfig& config, const char* key, qint64 fallback,
     if (ok && value > 0 && value <= ceiling)
         return value;
     EDR_LOG->Error("static Outbox::Limits Outbox::configuredLimits()", EINVAL,
-                   "%s '%s' in agent.conf is not a number from 1 to %lld; using %lld", key, qUtf8Printable(text),
-                   static_cast<long long>(ceiling), static_cast<long long>(fallback));
+                   "%s '%s' in agent.conf is not a number from 1 to %lld; using %lld", key,
+                   qUtf8Printable(text), static_cast<long long>(ceiling), static_cast<long long>(fallback));
     return fallback;
 }
 } // namespace
@@ -158,10 +160,13 @@ bool Outbox::open()
     if (isOpen())
         return true;
     const QByteArray dir = local(m_dir);
-    struct stat st {};
+    struct stat st {
+    };
     if (::lstat(dir.constData(), &st) == 0 && !S_ISDIR(st.st_mode)) {
-        EDR_LOG->Error(Q_FUNC_INFO, ENOTDIR, "Pending directory %s is not a directory; failed posts cannot be kept",
-                       dir.constData());
+        EDR_LOG->Error(
+            Q_FUNC_INFO, ENOTDIR,
+            "Pending directory %s is not a directory (or is a symbolic link); failed posts cannot be kept",
+            dir.constData());
         return false;
     }
     if (!QDir().mkpath(m_dir)) {
@@ -172,7 +177,8 @@ bool Outbox::open()
     const QByteArray lockPath = dir + '/' + kLockName;
     const int fd = ::open(lockPath.constData(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot open %s; failed posts cannot be kept", lockPath.constData());
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot open %s; failed posts cannot be kept",
+                       lockPath.constData());
         return false;
     }
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
@@ -181,14 +187,16 @@ bool Outbox::open()
         const ssize_t n = ::pread(fd, buf, sizeof buf - 1, 0);
         m_lockHolder = n > 0 ? QByteArray(buf, static_cast<int>(n)).trimmed().toLongLong() : 0;
         ::close(fd);
-        EDR_LOG->Error(Q_FUNC_INFO, err,
-                       "Pending directory %s is in use by another agent (pid %lld); this one keeps and replays "
-                       "nothing",
-                       dir.constData(), static_cast<long long>(m_lockHolder));
+        EDR_LOG->Error(
+            Q_FUNC_INFO, err,
+            "Pending directory %s is in use by another agent (pid %lld); this one keeps and replays "
+            "nothing",
+            dir.constData(), static_cast<long long>(m_lockHolder));
         return false;
     }
     const QByteArray pid = QByteArray::number(static_cast<qint64>(::getpid())) + '\n';
-    if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, pid.constData(), static_cast<size_t>(pid.size()), 0) != pid.size())
+    if (::ftruncate(fd, 0) != 0 ||
+        ::pwrite(fd, pid.constData(), static_cast<size_t>(pid.size()), 0) != pid.size())
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot record this agent's pid in %s", lockPath.constData());
     m_lockFd = fd;
     m_lockHolder = 0;
@@ -196,7 +204,8 @@ bool Outbox::open()
     return true;
 }
 
-Outbox::Check Outbox::checkFile(const QString& directory, const QString& name, qint64 maxBytes, QByteArray* body)
+Outbox::Check Outbox::checkFile(const QString& directory, const QString& name, qint64 maxBytes,
+                                QByteArray* body)
 {
     Check check;
     Entry entry;
@@ -211,17 +220,21 @@ Outbox::Check Outbox::checkFile(const QString& directory, const QString& name, q
     // directory and a FIFO never blocks.
     const int fd = ::open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
-        check.problem = errno == ELOOP ? QStringLiteral("a symbolic link")
-                                       : QStringLiteral("cannot be opened: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
+        check.problem =
+            errno == ELOOP
+                ? QStringLiteral("a symbolic link")
+                : QStringLiteral("cannot be opened: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
         return check;
     }
-    struct stat st {};
+    struct stat st {
+    };
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         ::close(fd);
         check.problem = QStringLiteral("not a regular file");
         return check;
     }
-    QByteArray head(static_cast<int>(qMin<qint64>(st.st_size, PendingReport::kMaxHeaderBytes)), Qt::Uninitialized);
+    QByteArray head(static_cast<int>(qMin<qint64>(st.st_size, PendingReport::kMaxHeaderBytes)),
+                    Qt::Uninitialized);
     int headerBytes = 0;
     std::optional<PendingReport::Header> header;
     if (readFully(fd, head.data(), head.size()))
@@ -233,13 +246,15 @@ Outbox::Check Outbox::checkFile(const QString& directory, const QString& name, q
     }
     if (header->length > maxBytes || headerBytes + header->length != st.st_size) {
         ::close(fd);
-        check.problem = QStringLiteral("claims %1 body bytes but holds %2").arg(header->length).arg(st.st_size - headerBytes);
+        check.problem = QStringLiteral("claims %1 body bytes but holds %2")
+                            .arg(header->length)
+                            .arg(st.st_size - headerBytes);
         return check;
     }
     if (body) {
         body->resize(static_cast<int>(header->length));
-        const bool ok = ::lseek(fd, headerBytes, SEEK_SET) == headerBytes &&
-                        readFully(fd, body->data(), header->length);
+        const bool ok =
+            ::lseek(fd, headerBytes, SEEK_SET) == headerBytes && readFully(fd, body->data(), header->length);
         if (!ok) {
             ::close(fd);
             check.problem = QStringLiteral("short read");
@@ -287,7 +302,8 @@ void Outbox::scan()
         m_entries.append(*check.entry);
         m_lastSeq = qMax(m_lastSeq, check.entry->seq);
     }
-    std::sort(m_entries.begin(), m_entries.end(), [](const Entry& a, const Entry& b) { return a.seq < b.seq; });
+    std::sort(m_entries.begin(), m_entries.end(),
+              [](const Entry& a, const Entry& b) { return a.seq < b.seq; });
     // A crash between writing a snapshot and removing the one it replaced
     // leaves two; the newer wins.
     QMap<int, int> newestSnapshot;
@@ -303,8 +319,9 @@ void Outbox::scan()
     }
     enforceLimits(Q_FUNC_INFO, QString());
     if (!m_entries.isEmpty())
-        EDR_LOG->Info(Q_FUNC_INFO, "%d pending reports (%lld bytes) wait in %s", static_cast<int>(m_entries.size()),
-                      static_cast<long long>(totalBytes()), dir.constData());
+        EDR_LOG->Info(Q_FUNC_INFO, "%d pending reports (%lld bytes) wait in %s",
+                      static_cast<int>(m_entries.size()), static_cast<long long>(totalBytes()),
+                      dir.constData());
 }
 
 void Outbox::moveAside(const QString& name, const QString& why)
@@ -317,10 +334,11 @@ void Outbox::moveAside(const QString& name, const QString& why)
     const QByteArray from = local(m_dir + QLatin1Char('/') + name);
     // rename() moves a link itself, never what it points to.
     if (::rename(from.constData(), local(target).constData()) == 0) {
-        EDR_LOG->Error(Q_FUNC_INFO, EBADMSG, "Pending file %s is unusable (%s); moved to %s", qUtf8Printable(name),
-                       qUtf8Printable(why), qUtf8Printable(target));
+        EDR_LOG->Error(Q_FUNC_INFO, EBADMSG, "Pending file %s is unusable (%s); moved to %s",
+                       qUtf8Printable(name), qUtf8Printable(why), qUtf8Printable(target));
     } else {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Pending file %s is unusable (%s) and could not be moved to %s; skipped",
+        EDR_LOG->Error(Q_FUNC_INFO, errno,
+                       "Pending file %s is unusable (%s) and could not be moved to %s; skipped",
                        qUtf8Printable(name), qUtf8Printable(why), qUtf8Printable(badDir));
     }
 }
@@ -346,10 +364,11 @@ void Outbox::enforceLimits(const char* origin, const QString& spare)
         if (victim < 0)
             return;
         const Entry dropped = m_entries.at(victim);
-        EDR_LOG->Error(origin, ENOSPC,
-                       "Outbox over its bounds (%d files, %lld bytes; limits %d files, %lld bytes): dropped pending %s",
-                       static_cast<int>(m_entries.size()), static_cast<long long>(total), m_limits.maxFiles,
-                       static_cast<long long>(m_limits.maxBytes), describe(dropped).constData());
+        EDR_LOG->Error(
+            origin, ENOSPC,
+            "Outbox over its bounds (%d files, %lld bytes; limits %d files, %lld bytes): dropped pending %s",
+            static_cast<int>(m_entries.size()), static_cast<long long>(total), m_limits.maxFiles,
+            static_cast<long long>(m_limits.maxBytes), describe(dropped).constData());
         total -= dropped.size;
         remove(victim);
     }
@@ -362,8 +381,8 @@ bool Outbox::keep(const char* origin, API_NAME route, const QByteArray& body, co
         return false;
     const char* kind = PendingReport::kindName(header->kind);
     if (!isOpen()) {
-        EDR_LOG->Error(origin, EAGAIN, "Not kept for later: %s of task %d (pending directory %s unusable)", kind,
-                       header->task, qUtf8Printable(m_dir));
+        EDR_LOG->Error(origin, EAGAIN, "Not kept for later: %s of task %d (pending directory %s unusable)",
+                       kind, header->task, qUtf8Printable(m_dir));
         return false;
     }
     header->createdMs = QDateTime::currentMSecsSinceEpoch();
@@ -371,8 +390,9 @@ bool Outbox::keep(const char* origin, API_NAME route, const QByteArray& body, co
     const QByteArray head = PendingReport::encodeHeader(*header);
     const qint64 size = head.size() + body.size();
     if (size > m_limits.maxBytes) {
-        EDR_LOG->Error(origin, EFBIG, "Not kept for later: %s of task %d is %lld bytes, beyond OutboxMaxBytes %lld",
-                       kind, header->task, static_cast<long long>(size), static_cast<long long>(m_limits.maxBytes));
+        EDR_LOG->Error(origin, EFBIG,
+                       "Not kept for later: %s of task %d is %lld bytes, beyond OutboxMaxBytes %lld", kind,
+                       header->task, static_cast<long long>(size), static_cast<long long>(m_limits.maxBytes));
         return false;
     }
 
@@ -380,7 +400,9 @@ bool Outbox::keep(const char* origin, API_NAME route, const QByteArray& body, co
     entry.seq = m_lastSeq + 1;
     entry.header = *header;
     entry.size = size;
-    entry.file = QStringLiteral("%1-%2.rpt").arg(entry.seq, 10, 10, QLatin1Char('0')).arg(header->task, 2, 10, QLatin1Char('0'));
+    entry.file = QStringLiteral("%1-%2.rpt")
+                     .arg(entry.seq, 10, 10, QLatin1Char('0'))
+                     .arg(header->task, 2, 10, QLatin1Char('0'));
     const QByteArray dir = local(m_dir);
     const QByteArray finalPath = dir + '/' + local(entry.file);
     const QByteArray tempPath = dir + "/." + local(entry.file) + ".tmp";
@@ -412,11 +434,13 @@ bool Outbox::keep(const char* origin, API_NAME route, const QByteArray& body, co
 
     if (header->kind == PendingReport::Kind::Snapshot) {
         for (int i = m_entries.size() - 1; i >= 0; --i)
-            if (m_entries.at(i).header.kind == PendingReport::Kind::Snapshot && m_entries.at(i).header.task == header->task)
+            if (m_entries.at(i).header.kind == PendingReport::Kind::Snapshot &&
+                m_entries.at(i).header.task == header->task)
                 remove(i);
     }
     m_entries.append(entry);
-    EDR_LOG->Info(origin, "Kept %s for later delivery: %s", describe(entry).constData(), qUtf8Printable(reason));
+    EDR_LOG->Info(origin, "Kept %s for later delivery: %s", describe(entry).constData(),
+                  qUtf8Printable(reason));
     enforceLimits(origin, entry.file);
     return true;
 }
@@ -436,7 +460,8 @@ void Outbox::onPosted(const char* origin, API_NAME route)
         for (int i = m_entries.size() - 1; i >= 0; --i) {
             const Entry& e = m_entries.at(i);
             if (e.header.kind == PendingReport::Kind::Snapshot && e.header.task == header->task) {
-                EDR_LOG->Info(origin, "Removed pending %s: a newer one reached the server", describe(e).constData());
+                EDR_LOG->Info(origin, "Removed pending %s: a newer one reached the server",
+                              describe(e).constData());
                 remove(i);
             }
         }
@@ -478,7 +503,8 @@ HttpManager::Outcome Outbox::post(API_NAME route, const QByteArray& body) const
     fields.insert(QStringLiteral("data"), QString::fromUtf8(body));
     QString response;
     HttpManager::Outcome outcome;
-    HttpManager::getInstance()->sendDataToServer(true, ApiManager::getAPI(route), 3, fields, response, outcome);
+    HttpManager::getInstance()->sendDataToServer(true, ApiManager::getAPI(route), 3, fields, response,
+                                                 outcome);
     return outcome;
 }
 
@@ -496,10 +522,11 @@ Outbox::Step Outbox::replayOne()
         const Entry& entry = *check.entry;
         const HttpManager::Outcome outcome = post(static_cast<API_NAME>(entry.header.route), body);
         if (outcome.serverFailed()) {
-            const QByteArray why = outcome.answered ? "HTTP " + QByteArray::number(static_cast<qint64>(outcome.status))
-                                                    : QByteArray("no answer");
-            EDR_LOG->Info(Q_FUNC_INFO, "Replay of pending %s stopped (%s); %d files wait", describe(entry).constData(),
-                          why.constData(), static_cast<int>(m_entries.size()));
+            const QByteArray why = outcome.answered
+                                       ? "HTTP " + QByteArray::number(static_cast<qint64>(outcome.status))
+                                       : QByteArray("no answer");
+            EDR_LOG->Info(Q_FUNC_INFO, "Replay of pending %s stopped (%s); %d files wait",
+                          describe(entry).constData(), why.constData(), static_cast<int>(m_entries.size()));
             return Step::Stopped;
         }
         m_entries.removeFirst();
@@ -520,7 +547,8 @@ QList<Outbox::Entry> Outbox::inspect(const QString& directory, QStringList* prob
 {
     QList<Entry> entries;
     const QDir dir(directory);
-    const QStringList names = dir.entryList({QStringLiteral("*.rpt")}, QDir::Files | QDir::System, QDir::Name);
+    const QStringList names =
+        dir.entryList({QStringLiteral("*.rpt")}, QDir::Files | QDir::System, QDir::Name);
     for (const QString& name : names) {
         const Check check = checkFile(directory, name, std::numeric_limits<qint64>::max() / 2, nullptr);
         if (check.entry)

@@ -18,7 +18,8 @@
 // file per pass of the event loop. The daemon holds an exclusive lock on the
 // directory for its lifetime, so a second agent on the same prefix keeps
 // nothing and touches nothing. Main thread only.
-class Outbox : public QObject {
+class Outbox : public QObject
+{
     Q_OBJECT
 
 public:

@@ -2,7 +2,8 @@
 
 #include <QList>
 
-namespace {
+namespace
+{
 constexpr char kMagic[] = "EDR-PENDING/1";
 
 // Plain decimal digits; canonical also refuses leading zeros, so a header
@@ -26,18 +27,44 @@ std::optional<PendingReport::Header> PendingReport::forRoute(API_NAME route)
     h.route = static_cast<int>(route);
     // Task numbers follow the dispatcher; order results share "ActionResponse".
     switch (route) {
-    case AGENT_INFO: h.task = 0; break;
-    case STARTUP_APPS: h.task = 1; break;
-    case SERVICES: h.task = 2; break;
-    case PROCESSES: h.task = 3; break;
-    case INSTALLED_SOFTWARE: h.task = 4; break;
-    case HARDWARE_INFO: h.task = 7; break;
-    case NETWORK_MONITORING: h.task = 11; break;
-    case FIREWALL_STATUS: h.task = 22; break;
-    case COMMAND_OUTPUT: h.task = 18; h.kind = Kind::Result; break;
-    case ACTION_RESULT: h.task = 21; h.kind = Kind::Result; break;
-    case OSQUERY_OUTPUT: h.task = 24; h.kind = Kind::Result; break;
-    default: return std::nullopt;
+    case AGENT_INFO:
+        h.task = 0;
+        break;
+    case STARTUP_APPS:
+        h.task = 1;
+        break;
+    case SERVICES:
+        h.task = 2;
+        break;
+    case PROCESSES:
+        h.task = 3;
+        break;
+    case INSTALLED_SOFTWARE:
+        h.task = 4;
+        break;
+    case HARDWARE_INFO:
+        h.task = 7;
+        break;
+    case NETWORK_MONITORING:
+        h.task = 11;
+        break;
+    case FIREWALL_STATUS:
+        h.task = 22;
+        break;
+    case COMMAND_OUTPUT:
+        h.task = 18;
+        h.kind = Kind::Result;
+        break;
+    case ACTION_RESULT:
+        h.task = 21;
+        h.kind = Kind::Result;
+        break;
+    case OSQUERY_OUTPUT:
+        h.task = 24;
+        h.kind = Kind::Result;
+        break;
+    default:
+        return std::nullopt;
     }
     return h;
 }

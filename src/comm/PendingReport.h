@@ -18,7 +18,8 @@
 // kind is snapshot (one per task, newest wins) or result (carries a request
 // id, kept until delivered); route is the API route number; mode the body
 // mode; created milliseconds since the epoch; length the body's byte count.
-class PendingReport {
+class PendingReport
+{
 public:
     enum class Kind { Snapshot, Result };
 

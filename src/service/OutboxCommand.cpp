@@ -21,8 +21,12 @@ QString OutboxCommand::formatAge(qint64 seconds)
     if (seconds < 3600)
         return QStringLiteral("%1m %2s").arg(seconds / 60).arg(seconds % 60, 2, 10, QLatin1Char('0'));
     if (seconds < 86400)
-        return QStringLiteral("%1h %2m").arg(seconds / 3600).arg(seconds % 3600 / 60, 2, 10, QLatin1Char('0'));
-    return QStringLiteral("%1d %2h").arg(seconds / 86400).arg(seconds % 86400 / 3600, 2, 10, QLatin1Char('0'));
+        return QStringLiteral("%1h %2m")
+            .arg(seconds / 3600)
+            .arg(seconds % 3600 / 60, 2, 10, QLatin1Char('0'));
+    return QStringLiteral("%1d %2h")
+        .arg(seconds / 86400)
+        .arg(seconds % 86400 / 3600, 2, 10, QLatin1Char('0'));
 }
 
 QString OutboxCommand::listing(const QList<Outbox::Entry>& entries, const QStringList& problems, qint64 nowMs)
@@ -77,9 +81,10 @@ int OutboxCommand::run(bool flush)
     if (!outbox.open()) {
         const qint64 holder = outbox.lockHolder();
         if (holder > 0 && ::kill(static_cast<pid_t>(holder), SIGUSR1) == 0) {
-            std::printf("Asked the running agent (pid %lld) to deliver its pending reports now; its trace log "
-                        "tells how it went.\n",
-                        static_cast<long long>(holder));
+            std::printf(
+                "Asked the running agent (pid %lld) to deliver its pending reports now; its trace log "
+                "tells how it went.\n",
+                static_cast<long long>(holder));
             return 0;
         }
         std::fprintf(stderr, "edr-agent: cannot use %s (see the trace log)\n", qUtf8Printable(dir));

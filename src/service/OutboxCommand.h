@@ -9,7 +9,8 @@
 // `edr-agent outbox [--flush]`: lists the pending reports (task, kind, age,
 // size) or has them delivered now, by this process when no agent runs on the
 // prefix, else by asking the running agent (SIGUSR1).
-class OutboxCommand {
+class OutboxCommand
+{
 public:
     static int run(bool flush);
 

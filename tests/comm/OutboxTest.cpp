@@ -10,8 +10,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QTemporaryDir>
 #include <QJsonObject>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -19,7 +19,8 @@
 
 using namespace edrtest;
 
-namespace {
+namespace
+{
 QByteArray header(int task, const char* kind, int route, qint64 length)
 {
     PendingReport::Header h;
@@ -31,7 +32,8 @@ QByteArray header(int task, const char* kind, int route, qint64 length)
     return PendingReport::encodeHeader(h);
 }
 
-class OutboxTest : public ::testing::Test {
+class OutboxTest : public ::testing::Test
+{
 protected:
     void SetUp() override { prefix.pointAtServer(server.port()); }
     void TearDown() override { Outbox::releaseInstance(); }
@@ -45,11 +47,15 @@ protected:
         return outbox;
     }
     QString dir() const { return Outbox::defaultDirectory(); }
-    QStringList pendingFiles() const { return QDir(dir()).entryList({QStringLiteral("*.rpt")}, QDir::Files, QDir::Name); }
+    QStringList pendingFiles() const
+    {
+        return QDir(dir()).entryList({QStringLiteral("*.rpt")}, QDir::Files, QDir::Name);
+    }
     // Posts the way every manager does; the value tags the body.
     static void post(API_NAME route, const QString& value)
     {
-        ReportSubmitter::postObject("test", route, QJsonObject{{QStringLiteral("v"), value}}, "sent", "failed");
+        ReportSubmitter::postObject("test", route, QJsonObject{{QStringLiteral("v"), value}}, "sent",
+                                    "failed");
     }
     static QByteArray body(const QString& value)
     {
@@ -87,8 +93,8 @@ TEST(PendingReport, HeaderRoundTripsAndRejectsAnythingElse)
     for (int n = 0; n < used; ++n)
         EXPECT_FALSE(PendingReport::parseHeader(good.left(n))) << n;
     const QByteArray bad[] = {
-        header(3, "result", PROCESSES, 1),     // a snapshot route kept as a result
-        header(18, "result", PROCESSES, 1),    // task and route disagree
+        header(3, "result", PROCESSES, 1),        // a snapshot route kept as a result
+        header(18, "result", PROCESSES, 1),       // task and route disagree
         header(0, "snapshot", REGISTER_AGENT, 1), // a route that is never kept
         "0003 EDR-PENDING/2 kind=snapshot route=5 mode=3 created=1 length=1\n",
         "0003 EDR-PENDING/1 kind=snapshot route=5 mode=1 created=1 length=1\n",
@@ -107,10 +113,10 @@ TEST_F(OutboxTest, FailedPostsAreKeptCoalescedAndReplayedByteForByte)
     server.setReply({500, "boom", "text/html"});
     post(PROCESSES, QStringLiteral("old"));
     post(ACTION_RESULT, QStringLiteral("r1"));
-    post(PROCESSES, QStringLiteral("new"));      // replaces "old"
-    post(ACTION_RESULT, QStringLiteral("r2"));   // queued behind r1 without a post
+    post(PROCESSES, QStringLiteral("new"));    // replaces "old"
+    post(ACTION_RESULT, QStringLiteral("r2")); // queued behind r1 without a post
     post(SERVICES, QStringLiteral("s"));
-    server.setReply({404, "no", "text/plain"});  // answered: not kept
+    server.setReply({404, "no", "text/plain"}); // answered: not kept
     post(HARDWARE_INFO, QStringLiteral("h"));
     ASSERT_EQ(server.requests().size(), 5);
     ASSERT_EQ(outbox->entries().size(), 4);
@@ -135,10 +141,15 @@ TEST_F(OutboxTest, FailedPostsAreKeptCoalescedAndReplayedByteForByte)
     QCoreApplication::processEvents();
     EXPECT_EQ(server.requests().size(), 7);
     EXPECT_EQ(outbox->entries().size(), 3);
+    // Work that arrives meanwhile (a pushed order) waits for one file at most.
+    int sentBeforeOrder = -1;
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(), [&] { sentBeforeOrder = server.requests().size(); }, Qt::QueuedConnection);
     for (int i = 0; i < 5 && !outbox->isEmpty(); ++i)
         QCoreApplication::processEvents();
     EXPECT_TRUE(outbox->isEmpty());
     EXPECT_TRUE(pendingFiles().isEmpty());
+    EXPECT_EQ(sentBeforeOrder, 8);
     QList<QByteArray> replayed;
     for (const RecordedRequest& r : server.requests().mid(6))
         replayed << r.body;
@@ -275,7 +286,8 @@ TEST(OutboxCommandTest, ListingShowsTaskKindAgeAndSize)
     e.header.task = 3;
     e.header.createdMs = 1000;
     e.size = 2048;
-    const QString text = OutboxCommand::listing({e}, {QStringLiteral("x.rpt: a symbolic link")}, 1000 + 3723000);
+    const QString text =
+        OutboxCommand::listing({e}, {QStringLiteral("x.rpt: a symbolic link")}, 1000 + 3723000);
     EXPECT_TRUE(text.contains(QStringLiteral("   3  Processes              snapshot  1h 02m")));
     EXPECT_TRUE(text.contains(QStringLiteral("unusable: x.rpt: a symbolic link")));
     EXPECT_EQ(OutboxCommand::listing({}, {}, 0), QStringLiteral("No pending reports.\n"));

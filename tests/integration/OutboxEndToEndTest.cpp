@@ -17,7 +17,8 @@
 
 using namespace edrtest;
 
-namespace {
+namespace
+{
 const QString kResultRoute = QStringLiteral("settings/InvSettingsOutput");
 
 // Report routes are shared (agent info and hardware both use addMachineInfo);
@@ -30,7 +31,8 @@ QString reportKey(const QJsonObject& request)
 
 QStringList pendingFiles(const AgentProcess& agent)
 {
-    return QDir(agent.dataDir() + QStringLiteral("/reports/edr/pending")).entryList({QStringLiteral("*.rpt")});
+    return QDir(agent.dataDir() + QStringLiteral("/reports/edr/pending"))
+        .entryList({QStringLiteral("*.rpt")});
 }
 } // namespace
 
@@ -91,12 +93,13 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
     QStringList results;
     for (int i = outageEnd; i < all.size(); ++i) {
         if (all[i].value(QStringLiteral("route")).toString() == kResultRoute)
-            results << all[i].value(QStringLiteral("body")).toObject().value(QStringLiteral("_id")).toString();
+            results
+                << all[i].value(QStringLiteral("body")).toObject().value(QStringLiteral("_id")).toString();
         else if (all[i].value(QStringLiteral("method")).toString() == QLatin1String("POST"))
             delivered[reportKey(all[i])] << all[i].value(QStringLiteral("raw_body")).toString();
     }
-    EXPECT_EQ(results, (QStringList{QStringLiteral("order-A"), QStringLiteral("order-B"), QStringLiteral("order-C"),
-                                    QStringLiteral("order-D")}));
+    EXPECT_EQ(results, (QStringList{QStringLiteral("order-A"), QStringLiteral("order-B"),
+                                    QStringLiteral("order-C"), QStringLiteral("order-D")}));
     EXPECT_EQ(delivered.keys(), lastFailed.keys());
     for (auto it = lastFailed.cbegin(); it != lastFailed.cend(); ++it)
         EXPECT_EQ(delivered.value(it.key()), QStringList{it.value()}) << qPrintable(it.key());
