@@ -1,15 +1,19 @@
 #include "service/OutboxCommand.h"
 
 #include "comm/HttpManager.h"
+#include "core/Common.h"
 #include "core/EdrAgentConfig.h"
 #include "identity/SizeOperation.h"
 #include "schedule/TasksManager.h"
 
 #include <QDateTime>
+#include <QFile>
 #include <QFileInfo>
 
 #include <csignal>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,6 +66,15 @@ int OutboxCommand::run(bool flush)
 {
     const QString dir = Outbox::defaultDirectory();
     if (!flush) {
+        // The data directory is root's alone; an unreadable one must not
+        // look like an empty outbox.
+        for (const QString& path : {Common::getEdrDirPath(), dir}) {
+            const QByteArray local = QFile::encodeName(path);
+            if (::access(local.constData(), F_OK) == 0 && ::access(local.constData(), R_OK | X_OK) != 0) {
+                std::fprintf(stderr, "edr-agent: cannot read %s: %s\n", local.constData(), std::strerror(errno));
+                return 1;
+            }
+        }
         QStringList problems;
         const QList<Outbox::Entry> entries = Outbox::inspect(dir, &problems);
         std::fputs(qUtf8Printable(listing(entries, problems, QDateTime::currentMSecsSinceEpoch())), stdout);
