@@ -332,8 +332,14 @@ void Outbox::moveAside(const QString& name, const QString& why)
     for (int i = 1; QFileInfo::exists(target) || QFileInfo(target).isSymLink(); ++i)
         target = badDir + QLatin1Char('/') + name + QLatin1Char('.') + QString::number(i);
     const QByteArray from = local(m_dir + QLatin1Char('/') + name);
-    // rename() moves a link itself, never what it points to.
-    if (::rename(from.constData(), local(target).constData()) == 0) {
+    // rename() moves a link itself, never what it points to; bad/ itself
+    // must be a real directory, not a link out of the outbox.
+    struct stat st {
+    };
+    const bool realDir = ::lstat(local(badDir).constData(), &st) == 0 && S_ISDIR(st.st_mode);
+    if (!realDir)
+        errno = ENOTDIR;
+    if (realDir && ::rename(from.constData(), local(target).constData()) == 0) {
         EDR_LOG->Error(Q_FUNC_INFO, EBADMSG, "Pending file %s is unusable (%s); moved to %s",
                        qUtf8Printable(name), qUtf8Printable(why), qUtf8Printable(target));
     } else {
