@@ -147,9 +147,32 @@ QString HttpManager::requestCopyPath(const QString& url)
     return Common::getReportsPath() + QStringLiteral("/web") + segment + QStringLiteral(".json");
 }
 
+QByteArray HttpManager::jsonBody(const QMap<QString, QString>& fields)
+{
+    QByteArray text;
+    if (!fields.isEmpty() && fields.firstKey() == QLatin1String("data")) {
+        text = fields.first().toUtf8();
+    } else {
+        QJsonObject object;
+        for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
+            object.insert(it.key(), it.value());
+        text = QJsonDocument(object).toJson();
+    }
+    text.replace('\n', QByteArray());
+    return text;
+}
+
 bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
                                    QString& response, qint64 maxReplyBytes)
 {
+    Outcome outcome;
+    return sendDataToServer(post, url, mode, fields, response, outcome, maxReplyBytes);
+}
+
+bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
+                                   QString& response, Outcome& outcome, qint64 maxReplyBytes)
+{
+    outcome = Outcome();
     // Loaded and set up at the first request: commands that never talk to
     // the server (report NAME) do not pay for it.
     const CurlLibrary* api = CurlLibrary::get();
@@ -178,15 +201,7 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
         copy.write(url.toUtf8());
         copy.write("\n");
         if (jsonBody) {
-            if (!fields.isEmpty() && fields.firstKey() == QLatin1String("data")) {
-                jsonText = fields.first().toUtf8();
-            } else {
-                QJsonObject object;
-                for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
-                    object.insert(it.key(), it.value());
-                jsonText = QJsonDocument(object).toJson();
-            }
-            jsonText.replace('\n', QByteArray());
+            jsonText = HttpManager::jsonBody(fields);
         } else {
             QString text;
             for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
@@ -259,6 +274,7 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
         }
     }
     api->easy_setopt(curl, CURLOPT_HTTPHEADER, handles.headers);
+    outcome.body = jsonText;
 
     const TlsSettings tls = TlsSettings::current();
     QByteArray pinText;
@@ -271,10 +287,16 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
 
     const CURLcode rc = api->easy_perform(curl);
     if (reply.overflowed) {
+        // The server did answer: what was sent arrived, only the reply is refused.
+        outcome.answered = true;
+        api->easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &outcome.status);
         EDR_LOG->Error(Q_FUNC_INFO, EFBIG, "Refused the reply from %s: longer than %lld bytes", qUtf8Printable(url),
                        static_cast<long long>(reply.cap));
         return false;
     }
+    outcome.answered = rc == CURLE_OK;
+    if (outcome.answered)
+        api->easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &outcome.status);
     if (rc != CURLE_OK) {
         // With TLS the reason (verification, expiry, pin, plain peer) is named.
         if (tls.enabled)
