@@ -7,7 +7,8 @@
 
 // The end every order shares: status and message into the result, one Info
 // line, the post to the action-result route, Debug OUT.
-class ActionResult {
+class ActionResult
+{
 public:
     // infoLine is the trace text, which differs from the wire message for some
     // orders. Returns whether the post went through.

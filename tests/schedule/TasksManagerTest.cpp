@@ -5,7 +5,8 @@
 
 using namespace edrtest;
 
-namespace {
+namespace
+{
 
 // "Class::method" of every manager entry point that logged its Debug IN in text.
 QStringList entered(const QByteArray& text)
@@ -38,8 +39,10 @@ TEST(TasksManager, TaskNumbersReachTheirManagers)
         {TasksManager::AgentInfo, "AgentManager::sendRptToServer", nullptr},
         {TasksManager::StartUp, "StartupAppsManager::sendRptToServer",
          "StartupAppsManager::executeSendReportToServer"},
-        {TasksManager::Services, "ServiceManager::sendRptToServer", "ServiceManager::executeSendReportToServer"},
-        {TasksManager::Processes, "ProcessManager::sendRptToServer", "ProcessManager::executeSendReportToServer"},
+        {TasksManager::Services, "ServiceManager::sendRptToServer",
+         "ServiceManager::executeSendReportToServer"},
+        {TasksManager::Processes, "ProcessManager::sendRptToServer",
+         "ProcessManager::executeSendReportToServer"},
         {TasksManager::InstalledSoft, "InstallSoftManager::sendRptToServer", nullptr},
         {TasksManager::HardwareInfo, "HardwareInfoManager::sendRptToServer", nullptr},
         {TasksManager::Network_Mon, "NetworkMonManager::sendRptToServer", nullptr},
