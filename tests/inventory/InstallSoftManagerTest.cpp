@@ -101,11 +101,8 @@ TEST(InstallSoftManager, ReportDatesPackagesByTheirFileList)
         dates << v["InstallDate"].toString();
     EXPECT_EQ(dates, (QStringList{"20230304", "", "20211231", "20230304"}));
     EXPECT_TRUE(prefix.traceLog().contains("Successfully send Installed software to server."));
-}
 
-TEST(InstallSoftManager, NoDatabaseMeansNoReport)
-{
-    edrtest::ScratchPrefix prefix;
+    // No database: no report, and a line saying so.
     QJsonObject body;
     EXPECT_FALSE(InstallSoftManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root")).getInstalledSoftwares(body));
     EXPECT_TRUE(body.isEmpty());

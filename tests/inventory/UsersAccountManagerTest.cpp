@@ -71,18 +71,14 @@ TEST(UsersAccountManager, PasswordAgeCountsUtcDays)
     EXPECT_EQ(users[0].toJson().value("PasswordChangeable"), "false"); // minimum age of one day not yet over
 }
 
-TEST(UsersAccountManager, WhoOutput)
-{
-    EXPECT_EQ(UsersAccountManager::parseWhoOutput("\n   \n  root\tpts/0  2024-05-20 10:00\n"), "|root");
-    EXPECT_EQ(UsersAccountManager::parseWhoOutput(""), "");
-}
-
 TEST(UsersAccountManager, RunsWhoAndLastOnceWithinTheirLimit)
 {
     edrtest::FakeToolDir tools;
     invtest::addScenarioTools(tools, "laptop");
     UsersAccountManager users(invtest::rootOf("laptop"), tools.runner());
     EXPECT_EQ(users.getCurrentLoginUsers(), "alice|alice|bob");
+    EXPECT_EQ(UsersAccountManager::parseWhoOutput("\n   \n  root\tpts/0  2024-05-20 10:00\n"), "|root");
+    EXPECT_EQ(UsersAccountManager::parseWhoOutput(""), "");
     QJsonObject report;
     EXPECT_TRUE(users.getUsersAccountInfo(report));
     EXPECT_EQ(tools.invocations("who"), QList<QStringList>{QStringList()});
