@@ -73,10 +73,12 @@ std::optional<QByteArray> SnapFlatpakCollector::listOutput(const QString& tool, 
         EDR_LOG->Debug(Q_FUNC_INFO, "%s not found: no %ss reported", qUtf8Printable(tool), qUtf8Printable(tool));
         return std::nullopt;
     }
-    // Run in C.UTF-8: flatpak prints through GLib, which turns every non-ASCII
-    // character of a name into '?' in the plain C locale.
+    // flatpak prints through GLib, which turns every non-ASCII character of a
+    // name into '?' in the plain C locale. snap ignores the locale, and a
+    // UTF-8 one costs every process that loads it.
     ToolRunner runner = m_runner;
-    runner.setLocale(QStringLiteral("C.UTF-8"));
+    if (tool == QLatin1String("flatpak"))
+        runner.setLocale(QStringLiteral("C.UTF-8"));
     const ToolResult r = runner.run(tool, arguments, Common::scaledMs(kToolTimeoutMs), kMaxOutputBytes);
     if (!r.ok() || r.outputTruncated) {
         const QString why = r.timedOut      ? QStringLiteral("overran its time limit")
