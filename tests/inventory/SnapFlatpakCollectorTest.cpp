@@ -1,6 +1,5 @@
 #include "inventory/InstallSoftManager.h"
-#include "inventory/InventoryFixtures.h"
-#include "inventory/SnapFlatpakCollector.h"
+#include "support/TestSupport.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -88,12 +87,6 @@ QJsonArray expectedDesktop()
     return QJsonDocument::fromJson(edrtest::readFixture("expected/software/apps-desktop.json")).array();
 }
 
-void addDesktopTools(edrtest::FakeToolDir& tools, const QString& scenario = QStringLiteral("desktop"))
-{
-    tools.addToolFromFixture("snap", "commands/snap/" + scenario + ".stdout");
-    tools.addToolFromFixture("flatpak", "commands/flatpak/" + scenario + ".stdout");
-}
-
 QJsonArray softwareOf(const HostPaths& host, const ToolRunner& runner)
 {
     QJsonObject body;
@@ -105,55 +98,17 @@ TEST(SnapFlatpakCollector, ActiveSnapsThenFlatpaksWithTheirFileFacts)
 {
     DesktopRoot root;
     edrtest::FakeToolDir tools;
-    addDesktopTools(tools);
-    QJsonArray records;
-    SnapFlatpakCollector(root.host(), tools.runner()).appendTo(records);
-    EXPECT_EQ(textOf(records), textOf(expectedDesktop()));
-    EXPECT_EQ(tools.invocations("snap"), (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
-    EXPECT_EQ(tools.invocations("flatpak"),
-              (QList<QStringList>{{"list", "--app", "--columns=application,version,size,name,description"}}));
-
-    // In the report they follow the dpkg records, which stay as they were.
+    tools.addToolFromFixture("snap", "commands/snap/desktop.stdout");
+    tools.addToolFromFixture("flatpak", "commands/flatpak/desktop.stdout");
+    // After the dpkg records, which stay as they were.
     const QJsonArray dpkgOnly = softwareOf(root.host(), ToolRunner(QStringList()));
     ASSERT_EQ(dpkgOnly.size(), 2);
     EXPECT_EQ(textOf(softwareOf(root.host(), tools.runner())), textOf(joined(dpkgOnly, expectedDesktop())));
+    EXPECT_EQ(tools.invocations("snap"), (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
+    EXPECT_EQ(tools.invocations("flatpak"),
+              (QList<QStringList>{{"list", "--app", "--columns=application,version,size,name,description"}}));
     // Same keys as a dpkg record that has a version, size and description.
     EXPECT_EQ(dpkgOnly.at(0).toObject().keys(), expectedDesktop().at(0).toObject().keys());
-}
-
-// Nothing of these snaps or flatpaks on disk: sizes and dates stay empty.
-TEST(SnapFlatpakCollector, LongNamesWithoutFilesOnDisk)
-{
-    QTemporaryDir empty;
-    edrtest::FakeToolDir tools;
-    addDesktopTools(tools, "long-names");
-    QStringList rows;
-    QJsonArray records;
-    SnapFlatpakCollector(HostPaths::fromFixtureRoot(empty.path()), tools.runner()).appendTo(records);
-    for (const QJsonValue& v : records) {
-        EXPECT_TRUE(v["InstallDate"].toString().isEmpty());
-        rows << QStringList{v["Name"].toString(), v["PackageName"].toString(), v["Version"].toString(),
-                            v["Size"].toString()}
-                    .join('|');
-    }
-    EXPECT_EQ(rows, (QStringList{
-                        "bare|bare|1.0|",
-                        "core22|core22|20240408|",
-                        "intellij-idea-community|intellij-idea-community|2024.1.1|",
-                        "my-private-tool-with-a-very-long-snap-name|my-private-tool-with-a-very-long-snap-name||",
-                        "lxd|lxd|5.21.1-2d13beb|",
-                        "hello-world_work|hello-world_work|6.4|",
-                        "signal-desktop|signal-desktop|7.8.0|",
-                        "microk8s|microk8s|v1.29.4|",
-                        "chromium|chromium|124.0.6367.201|",
-                        "An Even Longer Application Name For Testing Column "
-                        "Widths|io.github.an_unusually_long_organisation_name.AnEvenLongerApplicationNameForTesting|"
-                        "0.9.1-beta+build.2024.05.18|8 KB",
-                        "Tiny|org.example.Tiny|1|512 Bytes",
-                        "Comma|org.example.Comma|2.0|3 MB",
-                        "Example SDK Extension|org.freedesktop.Platform.Sdk.Extension.Example||953 MB",
-                        "Boxes|org.gnome.Boxes|46.1|10 MB",
-                    }));
 }
 
 // A source that cannot be read leaves the report to the others, with one
