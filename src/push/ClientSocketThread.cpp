@@ -3,6 +3,7 @@
 #include "core/AuditLog.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "identity/ServerDetails.h"
 
 #include <QHostAddress>
 #include <QMutexLocker>
@@ -66,6 +67,10 @@ void ClientSocketThread::setAllowList(const ListenerAllowList& list)
 
 bool ClientSocketThread::peerAllowed(const QString& peer)
 {
+    // With TLS on the server reaches the agent through the push connection;
+    // the listener is for this machine only, whatever the allow-list says.
+    if (ServerDetails::getInstance()->getTlsEnabled() && !QHostAddress(peer).isLoopback())
+        return false;
     QMutexLocker lock(&m_allowMutex);
     return m_allow.allows(QHostAddress(peer));
 }
