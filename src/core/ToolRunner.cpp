@@ -56,7 +56,7 @@ ToolResult ToolRunner::run(const QString& program, const QStringList& arguments,
     process.setStandardErrorFile(QProcess::nullDevice());
     if (!keepLocale) {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
+        env.insert(QStringLiteral("LC_ALL"), m_locale);
         process.setProcessEnvironment(env);
     }
 

@@ -30,6 +30,9 @@ public:
     explicit ToolRunner(const QStringList& searchPath);
 
     QStringList searchPath() const { return m_searchPath; }
+    // The locale tools run in (default C). A tool that prints names in the
+    // locale's character set needs C.UTF-8 to keep them intact.
+    void setLocale(const QString& locale) { m_locale = locale; }
     QString findProgram(const QString& program) const;
 
     // Tools are run in the C locale so their output parses the same everywhere;
@@ -39,4 +42,5 @@ public:
 
 private:
     QStringList m_searchPath;
+    QString m_locale = QStringLiteral("C");
 };
