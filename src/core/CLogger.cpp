@@ -200,8 +200,10 @@ void CLogger::write(Level level, const char* origin, const int* err, const char*
             writeAll(STDERR_FILENO, warn.constData(), static_cast<size_t>(warn.size()));
         }
         writeAll(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
+        m_lastOnStderr = true;
         return;
     }
+    m_lastOnStderr = false;
     if (m_maxBytes > 0 && m_size > 0 && m_size + line.size() > m_maxBytes) {
         rotate();
         if (!ensureOpen()) {

@@ -32,6 +32,8 @@ public:
     void setFilePath(const QString& path);
     QString filePath() const;
     void setRotation(qint64 maxBytes, int keptFiles);
+    // Whether the latest line went to standard error (the file was not writable).
+    bool lastLineOnStderr() const { return m_lastOnStderr.load(); }
 
 private:
     CLogger();
@@ -53,6 +55,7 @@ private:
     int m_keptFiles = 3;
     std::atomic<Level> m_level{LEVEL_INFO};
     bool m_warnedStderr = false;
+    std::atomic<bool> m_lastOnStderr{false};
 };
 
 } // namespace LOGGER

@@ -10,9 +10,48 @@
 #include <QStandardPaths>
 
 #include <cerrno>
+#include <csignal>
+#include <unistd.h>
 
 namespace {
 constexpr int kSliceMs = 250;
+constexpr int kTermGraceMs = 2000;
+
+// Each child leads a process group of its own, so whatever it starts can be
+// ended with it.
+class GroupedProcess : public QProcess
+{
+protected:
+    void setupChildProcess() override { ::setpgid(0, 0); }
+};
+
+bool groupGone(pid_t group)
+{
+    return ::kill(-group, 0) != 0 && errno == ESRCH;
+}
+
+// SIGTERM to the whole group, SIGKILL to what is left after a short grace.
+void endGroup(QProcess& process)
+{
+    const pid_t group = static_cast<pid_t>(process.processId());
+    if (group <= 0) {
+        process.kill();
+        process.waitForFinished(5000);
+        return;
+    }
+    ::kill(-group, SIGTERM);
+    QElapsedTimer grace;
+    grace.start();
+    while (grace.elapsed() < kTermGraceMs) {
+        if (process.state() == QProcess::NotRunning || process.waitForFinished(50)) {
+            if (groupGone(group))
+                return;
+            ::usleep(20000);
+        }
+    }
+    ::kill(-group, SIGKILL);
+    process.waitForFinished(5000);
+}
 
 QStringList pathFromEnvironment()
 {
@@ -49,7 +88,7 @@ ToolResult ToolRunner::run(const QString& program, const QStringList& arguments,
     if (timeoutMs <= 0)
         timeoutMs = kDefaultTimeoutMs;
 
-    QProcess process;
+    GroupedProcess process;
     process.setProgram(path);
     process.setArguments(arguments);
     process.setStandardInputFile(QProcess::nullDevice());
@@ -98,8 +137,7 @@ ToolResult ToolRunner::run(const QString& program, const QStringList& arguments,
     }
 
     if (result.timedOut || stopped) {
-        process.kill();
-        process.waitForFinished(5000);
+        endGroup(process);
         drain();
         if (result.timedOut)
             EDR_LOG->Error(Q_FUNC_INFO, ETIMEDOUT, "%s overran its time limit of %d ms and was killed",

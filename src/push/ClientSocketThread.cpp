@@ -2,6 +2,8 @@
 
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/EdrAgentConfig.h"
+#include "identity/ServerDetails.h"
 
 #include <QHostAddress>
 #include <QMutexLocker>
@@ -49,7 +51,9 @@ bool isTransientAcceptError(int err)
 }
 } // namespace
 
-ClientSocketThread::ClientSocketThread(QObject* parent) : QThread(parent) {}
+ClientSocketThread::ClientSocketThread(QObject* parent) : QThread(parent), m_serverDetails(ServerDetails::getInstance())
+{
+}
 
 ClientSocketThread::~ClientSocketThread()
 {
@@ -57,21 +61,32 @@ ClientSocketThread::~ClientSocketThread()
     wait();
 }
 
-void ClientSocketThread::setAllowList(const ListenerAllowList& list)
+// Runs on this thread: a server given by name is looked up here, never on
+// the main thread. The settings are read again for every client, and the list
+// is rebuilt only when they changed.
+void ClientSocketThread::refreshAllowList()
 {
-    QMutexLocker lock(&m_allowMutex);
-    m_allow = list;
+    const QStringList servers = m_serverDetails ? m_serverDetails->getConfiguredServerAddresses() : QStringList();
+    const QString listenerAllow = EdrAgentConfig().getSetting(QStringLiteral("ListenerAllow"));
+    if (m_allowBuilt && servers == m_allowServers && listenerAllow == m_allowSetting)
+        return;
+    QStringList rejected;
+    m_allow = ListenerAllowList::fromSettings(servers, listenerAllow, &rejected);
+    m_allowServers = servers;
+    m_allowSetting = listenerAllow;
+    m_allowBuilt = true;
+    for (const QString& entry : qAsConst(rejected))
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "ListenerAllow entry ignored: %s", qUtf8Printable(entry));
 }
 
 bool ClientSocketThread::peerAllowed(const QString& peer)
 {
-    QMutexLocker lock(&m_allowMutex);
+    refreshAllowList();
     return m_allow.allows(QHostAddress(peer));
 }
 
 void ClientSocketThread::run()
 {
-    m_wait.reset();
     startSocket();
 }
 
@@ -80,11 +95,16 @@ void ClientSocketThread::startSocket()
     runSocketListner();
 }
 
-// A bound socket, retried every minute while the port is taken; -1 when
-// stopped or when no socket can be made at all.
+// A bound (for TCP also listening) socket, retried every minute while the
+// port is taken; -1 when stopped, when the port is unusable or when no socket
+// can be made at all.
 int ClientSocketThread::bindSocket()
 {
     const bool tcp = m_protocol == TCP;
+    if (m_clientPort < 1 || m_clientPort > 65535) {
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Listen port %u is not a usable port!", m_clientPort.load());
+        return -1;
+    }
     for (;;) {
         const int fd = tcp ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP)
                            : ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
@@ -99,9 +119,13 @@ int ClientSocketThread::bindSocket()
         addr.sin_family = AF_INET;
         addr.sin_port = htons(static_cast<uint16_t>(m_clientPort & 0xffff));
         addr.sin_addr.s_addr = inet_addr("0.0.0.0");
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "bind Failed!");
+        } else if (tcp && ::listen(fd, 1) != 0) {
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "listen Failed!");
+        } else {
             return fd;
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "bind Failed!");
+        }
         ::close(fd);
         if (!m_wait.sleepFor(Common::scaledMs(kBindRetryMs)))
             return -1;
@@ -117,10 +141,16 @@ bool ClientSocketThread::runSocketListner()
         return false;
     }
     if (m_protocol == TCP) {
-        ::listen(fd, 1);
+        refreshAllowList();
         while (!m_wait.stopRequested()) {
-            if (m_wait.waitFor(fd, POLLIN, -1) != StoppableWait::Ready)
-                continue; // stopped (the loop ends) or interrupted
+            const StoppableWait::Result ready = m_wait.waitFor(fd, POLLIN, -1);
+            if (ready == StoppableWait::Failed) {
+                EDR_LOG->Error(Q_FUNC_INFO, errno, "poll Failed! Retrying");
+                m_wait.sleepFor(Common::scaledMs(kAcceptBackoffMs));
+                continue;
+            }
+            if (ready != StoppableWait::Ready)
+                continue; // stopped: the loop ends
             sockaddr_in peer{};
             socklen_t len = sizeof peer;
             const int client = ::accept4(fd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);

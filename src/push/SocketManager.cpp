@@ -66,12 +66,9 @@ void SocketManager::startSocketListner()
 {
     m_clientThread.setProtocol(ClientSocketThread::TCP);
     m_clientThread.setClientPort(static_cast<unsigned int>(m_agentDetails->getAgentListenPort()));
-    QStringList rejected;
-    m_clientThread.setAllowList(
-        ListenerAllowList::fromSettings(m_serverDetails->getConfiguredServerAddresses(),
-                                        m_config.getSetting(QStringLiteral("ListenerAllow")), &rejected));
-    for (const QString& entry : qAsConst(rejected))
-        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "ListenerAllow entry ignored: %s", qUtf8Printable(entry));
+    if (m_clientThread.isRunning())
+        return;
+    m_clientThread.clearStop();
     m_clientThread.start(QThread::InheritPriority);
 }
 
@@ -92,6 +89,7 @@ void SocketManager::connectToSocketServer()
     m_serverThread.setCorpKey(m_agentDetails->getCorpKey());
     m_serverThread.setServerIpAddress(m_serverDetails->getServerIP());
     m_serverThread.setServerSocketPort(m_serverDetails->getServerSocketPort());
+    m_serverThread.clearStop();
     m_serverThread.start(QThread::InheritPriority);
 }
 
@@ -132,6 +130,12 @@ void SocketManager::processCommand(const QString& ip, const QString& message)
 {
     Q_UNUSED(ip);
     const PushCommand command = PushCommand::parse(message);
+    if ((command.kind == PushCommand::Report || command.kind == PushCommand::Action) &&
+        (command.task < 0 || command.task >= TasksManager::kTaskCount)) {
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Refused %s command for unknown task %d", qUtf8Printable(command.word),
+                       command.task);
+        return;
+    }
     switch (command.kind) {
     case PushCommand::Ignored:
         break;

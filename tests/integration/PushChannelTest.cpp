@@ -119,3 +119,13 @@ TEST_F(PushChannel, RestartedAgentBindsItsPortAtOnce)
     EXPECT_TRUE(agent.waitForLog("Agent Config!", 20000));
     EXPECT_FALSE(agent.log().contains("bind Failed!"));
 }
+
+TEST_F(PushChannel, TerminalOrderAtItsLimitLeavesNoGrandchild)
+{
+    EXPECT_EQ(sendToListener(listenPort, "RPT#$#18#$#31|bash -c \"sleep 999.3125; true\""), QByteArray("OK"));
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("cmdAndPS/cmdOutput"), 1, 20000)) << agent.log().constData();
+    const QJsonObject body =
+        console.requests(QStringLiteral("cmdAndPS/cmdOutput")).at(0).value(QStringLiteral("body")).toObject();
+    EXPECT_EQ(body.value(QStringLiteral("status")).toInt(), 1); // killed at the limit
+    EXPECT_EQ(livingProcesses("sleep 999.3125"), 0);
+}
