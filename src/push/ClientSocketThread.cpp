@@ -11,6 +11,7 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -71,12 +72,59 @@ void ClientSocketThread::refreshAllowList()
     if (m_allowBuilt && servers == m_allowServers && listenerAllow == m_allowSetting)
         return;
     QStringList rejected;
-    m_allow = ListenerAllowList::fromSettings(servers, listenerAllow, &rejected);
+    m_allow = ListenerAllowList::fromSettings(servers, listenerAllow, &rejected,
+                                              [this](const QString& name) { return resolve(name); });
     m_allowServers = servers;
     m_allowSetting = listenerAllow;
     m_allowBuilt = true;
     for (const QString& entry : qAsConst(rejected))
         EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "ListenerAllow entry ignored: %s", qUtf8Printable(entry));
+}
+
+// An asynchronous lookup, waited for in slices so that a stop never waits
+// for a slow resolver: a lookup still running then is left to finish on its
+// own, and its request block is deliberately never freed.
+QList<QHostAddress> ClientSocketThread::resolve(const QString& name)
+{
+    struct Lookup {
+        QByteArray host;
+        addrinfo hints{};
+        gaicb request{};
+    };
+    QList<QHostAddress> out;
+    auto* lookup = new Lookup;
+    lookup->host = name.toUtf8();
+    lookup->hints.ai_family = AF_INET;
+    lookup->hints.ai_socktype = SOCK_STREAM;
+    lookup->request.ar_name = lookup->host.constData();
+    lookup->request.ar_request = &lookup->hints;
+    gaicb* list[1] = {&lookup->request};
+    if (::getaddrinfo_a(GAI_NOWAIT, list, 1, nullptr) != 0) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot look up %s", lookup->host.constData());
+        delete lookup;
+        return out;
+    }
+    const timespec slice{0, 100 * 1000 * 1000};
+    while (::gai_error(&lookup->request) == EAI_INPROGRESS) {
+        if (m_wait.stopRequested()) {
+            if (::gai_cancel(&lookup->request) == EAI_CANCELED)
+                delete lookup;
+            return out;
+        }
+        ::gai_suspend(list, 1, &slice);
+    }
+    const int rc = ::gai_error(&lookup->request);
+    if (rc != 0) {
+        EDR_LOG->Error(Q_FUNC_INFO, EHOSTUNREACH, "Cannot look up %s: %s", lookup->host.constData(),
+                       ::gai_strerror(rc));
+    } else {
+        for (const addrinfo* a = lookup->request.ar_result; a; a = a->ai_next)
+            if (a->ai_family == AF_INET)
+                out << QHostAddress(a->ai_addr);
+        ::freeaddrinfo(lookup->request.ar_result);
+    }
+    delete lookup;
+    return out;
 }
 
 bool ClientSocketThread::peerAllowed(const QString& peer)

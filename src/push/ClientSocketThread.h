@@ -46,6 +46,7 @@ private:
     int bindSocket();
     bool peerAllowed(const QString& peer);
     void refreshAllowList();
+    QList<QHostAddress> resolve(const QString& name);
 
     QString m_clientAddress;
     std::atomic<unsigned int> m_clientPort{0};
