@@ -4,6 +4,7 @@
 #include "core/StopRequest.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
@@ -11,6 +12,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <dirent.h>
 #include <unistd.h>
 
 namespace {
@@ -25,9 +27,31 @@ protected:
     void setupChildProcess() override { ::setpgid(0, 0); }
 };
 
+// Members that already exited but wait for a reaper (zombies) count as gone.
 bool groupGone(pid_t group)
 {
-    return ::kill(-group, 0) != 0 && errno == ESRCH;
+    if (::kill(-group, 0) != 0 && errno == ESRCH)
+        return true;
+    DIR* proc = ::opendir("/proc");
+    if (!proc)
+        return false;
+    bool gone = true;
+    while (dirent* entry = ::readdir(proc)) {
+        if (entry->d_name[0] < '1' || entry->d_name[0] > '9')
+            continue;
+        QFile stat(QStringLiteral("/proc/") + QLatin1String(entry->d_name) + QStringLiteral("/stat"));
+        if (!stat.open(QIODevice::ReadOnly))
+            continue;
+        const QByteArray line = stat.read(1024);
+        // "pid (comm) state ppid pgrp ...": comm may hold anything but ')'.
+        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 1).simplified().split(' ');
+        if (fields.size() > 2 && fields.at(2).toLongLong() == group && fields.at(0) != "Z" && fields.at(0) != "X") {
+            gone = false;
+            break;
+        }
+    }
+    ::closedir(proc);
+    return gone;
 }
 
 // SIGTERM to the whole group, SIGKILL to what is left after a short grace.
@@ -51,6 +75,10 @@ void endGroup(QProcess& process)
     }
     ::kill(-group, SIGKILL);
     process.waitForFinished(5000);
+    // Give the killed members their moment to exit, so none is seen alive
+    // after the run has returned.
+    for (int i = 0; i < 50 && !groupGone(group); ++i)
+        ::usleep(20000);
 }
 
 QStringList pathFromEnvironment()
