@@ -6,7 +6,6 @@
 #include "identity/ServerDetails.h"
 
 #include <QHostAddress>
-#include <QMutexLocker>
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -99,8 +98,9 @@ QList<QHostAddress> ClientSocketThread::resolve(const QString& name)
     lookup->request.ar_name = lookup->host.constData();
     lookup->request.ar_request = &lookup->hints;
     gaicb* list[1] = {&lookup->request};
-    if (::getaddrinfo_a(GAI_NOWAIT, list, 1, nullptr) != 0) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot look up %s", lookup->host.constData());
+    if (const int started = ::getaddrinfo_a(GAI_NOWAIT, list, 1, nullptr)) {
+        EDR_LOG->Error(Q_FUNC_INFO, EAGAIN, "Cannot look up %s: %s", lookup->host.constData(),
+                       ::gai_strerror(started));
         delete lookup;
         return out;
     }
