@@ -14,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -107,20 +106,11 @@ TEST(ServerSocketThread, UnreachableServerOrNoAddressEndsTheRun)
 TEST(ServerSocketThread, ConnectToASynDroppingServerIsBounded)
 {
     ScratchPrefix prefix;
-    LoopbackSocket server(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    ASSERT_EQ(::bind(server.fd, reinterpret_cast<sockaddr*>(&addr), len), 0);
-    ASSERT_EQ(::listen(server.fd, 0), 0);
-    ::getsockname(server.fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    const int port = ntohs(addr.sin_port);
-    LoopbackSocket fillers[3];
-    for (LoopbackSocket& f : fillers) {
-        f.fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        ::connect(f.fd, reinterpret_cast<sockaddr*>(&addr), len);
-    }
+    int port = 0;
+    LoopbackSocket server(LoopbackSocket::listenOn(&port));
+    ::listen(server.fd, 0); // a queue of one, filled at once
+    LoopbackSocket filler(LoopbackSocket::connectTo(port));
+    ASSERT_GE(filler.fd, 0);
 
     ServerSocketThread thread;
     thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
