@@ -83,6 +83,23 @@ int ServerDetails::getAgentListenPort() const
     return readPort("EDRSLPORT", "3097");
 }
 
+bool ServerDetails::getTlsEnabled() const
+{
+    const QString v = readText("Server", "EDRTLS", "0").trimmed();
+    return !v.isEmpty() && v != QLatin1String("0");
+}
+
+QString ServerDetails::getTlsCaFile() const
+{
+    return readText("Server", "EDRCAFILE", "").trimmed();
+}
+
+QString ServerDetails::getTlsPinnedKeys() const
+{
+    // QSettings splits an unquoted value at commas; ';' is the separator here.
+    return readText("Server", "EDRPINNEDKEY", "").trimmed();
+}
+
 QStringList ServerDetails::getConfiguredServerAddresses() const
 {
     QStringList out;

@@ -130,6 +130,10 @@ QList<QHostAddress> ClientSocketThread::resolve(const QString& name)
 
 bool ClientSocketThread::peerAllowed(const QString& peer)
 {
+    // With TLS on the server reaches the agent through the push connection;
+    // the listener is for this machine only, whatever the allow-list says.
+    if (m_serverDetails && m_serverDetails->getTlsEnabled() && !QHostAddress(peer).isLoopback())
+        return false;
     refreshAllowList();
     return m_allow.allows(QHostAddress(peer));
 }

@@ -22,6 +22,10 @@ constexpr qint64 kReceiveTimeoutMs = 45000;
 constexpr qint64 kSendTimeoutMs = 5000;
 constexpr qint64 kConnectTimeoutMs = 5000;
 constexpr qint64 kPauseAfterMessageMs = 1000;
+constexpr qint64 kTlsHandshakeTimeoutMs = 10000;
+// Scaled down for tests, but never below what a loaded machine needs for the
+// handshake's public-key work.
+constexpr int kTlsHandshakeFloorMs = 1000;
 const char kKeepAlive[] = "keep-alive";
 
 timeval toTimeval(int ms)
@@ -58,7 +62,41 @@ void ServerSocketThread::startSocket()
 
 bool ServerSocketThread::sendKeepAlive(int fd)
 {
-    return ::send(fd, kKeepAlive, sizeof kKeepAlive - 1, MSG_NOSIGNAL) > 0;
+    return sendText(fd, kKeepAlive, sizeof kKeepAlive - 1) > 0;
+}
+
+ssize_t ServerSocketThread::sendText(int fd, const char* data, size_t size)
+{
+    if (m_tls)
+        return m_tls->send(data, size, m_wait, Common::scaledMs(kSendTimeoutMs));
+    return ::send(fd, data, size, MSG_NOSIGNAL);
+}
+
+ssize_t ServerSocketThread::receiveText(int fd, char* buffer, size_t size)
+{
+    if (m_tls)
+        return m_tls->receive(buffer, size);
+    return ::recv(fd, buffer, size, 0);
+}
+
+// With TLS on nothing is written before the server is verified, and a failure
+// never falls back to plain.
+bool ServerSocketThread::startTls(int fd)
+{
+    m_tls.reset();
+    const TlsSettings settings = TlsSettings::current();
+    if (!settings.enabled)
+        return true;
+    auto channel = std::make_unique<TlsChannel>();
+    const int limitMs = qMax(kTlsHandshakeFloorMs, Common::scaledMs(kTlsHandshakeTimeoutMs));
+    if (!channel->connect(fd, settings, m_serverIp, m_wait, limitMs)) {
+        const QByteArray ip = m_serverIp.toUtf8();
+        EDR_LOG->Error(Q_FUNC_INFO, EPROTO, "TLS connection to %s:%d refused: %s", ip.constData(),
+                       m_serverPort, qUtf8Printable(channel->error()));
+        return false;
+    }
+    m_tls = std::move(channel);
+    return true;
 }
 
 bool ServerSocketThread::connectToServerSocket()
@@ -136,14 +174,19 @@ bool ServerSocketThread::connectToServerSocket()
         ::close(fd);
         return false;
     }
+    if (!startTls(fd)) {
+        ::close(fd);
+        return false;
+    }
 
     m_lastConnectionStatus = true;
     EDR_LOG->Trace(Q_FUNC_INFO, "Connected to server socket. Server: %s - %d", ipBuffer, m_serverPort);
-    ::send(fd, handshake, std::strlen(handshake), MSG_NOSIGNAL);
+    sendText(fd, handshake, std::strlen(handshake));
     EDR_LOG->Trace(Q_FUNC_INFO, "Send to %s: %s", ipBuffer, handshake);
 
     connectToSocket(fd);
 
+    m_tls.reset();
     ::close(fd);
     EDR_LOG->Trace(Q_FUNC_INFO, "Server Socket Closed. %s", ipBuffer);
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
@@ -158,7 +201,9 @@ void ServerSocketThread::connectToSocket(int fd)
     char buffer[kRecvBufferSize + 1];
     for (;;) {
         std::memset(buffer, 0, sizeof buffer);
-        const StoppableWait::Result ready = m_wait.waitFor(fd, POLLIN, receiveTimeout);
+        const bool buffered = m_tls && m_tls->hasBuffered();
+        const StoppableWait::Result ready =
+            buffered ? StoppableWait::Ready : m_wait.waitFor(fd, POLLIN, receiveTimeout);
         if (ready == StoppableWait::Stopped)
             break;
         if (ready == StoppableWait::Failed) {
@@ -167,7 +212,9 @@ void ServerSocketThread::connectToSocket(int fd)
         }
         ssize_t n = -1;
         if (ready == StoppableWait::Ready)
-            n = ::recv(fd, buffer, kRecvBufferSize, 0);
+            n = receiveText(fd, buffer, kRecvBufferSize);
+        if (n == TlsChannel::kAgain)
+            continue; // a TLS record without data (a session ticket, say)
         // The server closed its side: a keep-alive could still be sent to a
         // half-closed connection, but nothing would ever arrive on it again.
         if (n == 0)

@@ -2,11 +2,13 @@
 
 #include "core/EdrAgentConfig.h"
 #include "push/StoppableWait.h"
+#include "push/TlsChannel.h"
 
 #include <QString>
 #include <QThread>
 
 #include <atomic>
+#include <memory>
 
 class AgentDetails;
 class ServerDetails;
@@ -47,6 +49,10 @@ protected:
 
 private:
     bool sendKeepAlive(int fd);
+    // Over TLS when the connection has it, else in clear.
+    ssize_t sendText(int fd, const char* data, size_t size);
+    ssize_t receiveText(int fd, char* buffer, size_t size);
+    bool startTls(int fd);
 
     QString m_corpKey;
     QString m_serverIp;
@@ -56,4 +62,5 @@ private:
     ServerDetails* m_serverDetails;
     EdrAgentConfig m_config;
     StoppableWait m_wait;
+    std::unique_ptr<TlsChannel> m_tls; // this run's TLS stream, null in clear
 };

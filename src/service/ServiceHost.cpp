@@ -1,6 +1,7 @@
 #include "service/ServiceHost.h"
 
 #include "comm/AgentManager.h"
+#include "comm/Outbox.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
 #include "core/StopRequest.h"
@@ -85,6 +86,7 @@ void stopService()
 
 void releaseInstances()
 {
+    Outbox::releaseInstance();
     ScheduleManager::releaseInstance();
     ServerDetails::releaseInstance();
     AgentDetails::releaseInstance();
@@ -118,6 +120,12 @@ void ServiceHost::handleSignal(int sig)
     case SIGSTOP:
         text = "Agent Service : stop signal catched";
         break;
+    case SIGUSR1:
+        // `edr-agent outbox --flush` asks the running agent to deliver now.
+        EDR_LOG->Info(origin, "Delivery of pending reports requested");
+        if (Outbox* outbox = Outbox::active())
+            outbox->scheduleReplay();
+        return;
     default:
         return;
     }
@@ -141,6 +149,10 @@ void ServiceHost::start()
         m_notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, this);
         connect(m_notifier, &QSocketNotifier::activated, this, &ServiceHost::onSignalPipe);
     }
+    // Taken before anything is posted, and held for the process's life.
+    Outbox* outbox = Outbox::getInstance();
+    outbox->setLimits(Outbox::configuredLimits());
+    outbox->open();
     // The start sequence runs inside the event loop so a termination signal
     // is honoured at any moment of it, registration retries included.
     QTimer::singleShot(0, this, &ServiceHost::attemptRegistration);
@@ -174,6 +186,9 @@ void ServiceHost::attemptRegistration()
 
 void ServiceHost::continueStartup()
 {
+    // Registered: what waits from earlier runs may go out now.
+    if (Outbox* outbox = Outbox::active())
+        outbox->enableReplay();
     if (TasksManager* tasks = TasksManager::getInstance())
         tasks->sendReportToServer(TasksManager::AgentInfo, QString());
     if (SocketManager* sockets = SocketManager::getInstance()) {

@@ -124,11 +124,12 @@ void ScratchPrefix::writeServerIni(const QByteArray& content)
     f.write(content);
 }
 
-void ScratchPrefix::pointAtServer(int httpPort, int socketPort, int listenPort)
+void ScratchPrefix::pointAtServer(int httpPort, int socketPort, int listenPort,
+                                  const QByteArray& extraServerKeys)
 {
     writeServerIni("[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +
                    "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) +
-                   "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n");
+                   "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n" + extraServerKeys);
 }
 
 LoopbackSocket::~LoopbackSocket()

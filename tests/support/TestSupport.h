@@ -65,7 +65,9 @@ public:
     ~ScratchPrefix();
     QString path() const { return m_dir.path(); }
     void writeServerIni(const QByteArray& content);
-    void pointAtServer(int httpPort, int socketPort = 3098, int listenPort = 3097);
+    // extraServerKeys: more "KEY=value\n" lines for group [Server].
+    void pointAtServer(int httpPort, int socketPort = 3098, int listenPort = 3097,
+                       const QByteArray& extraServerKeys = QByteArray());
     QByteArray traceLog() const; // the trace log written under this prefix
 
 private:
