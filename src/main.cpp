@@ -111,7 +111,9 @@ int main(int argc, char** argv)
     if (::getuid() != 0) {
         const int err = errno;
         EDR_LOG->Error("int main(int, char**)", err, "Not sufficient permission! Please run as admin or root or sudo.");
-        std::fprintf(stderr, "edr-agent: Not sufficient permission! Please run as admin or root or sudo.\n");
+        // Without a writable log the line above went to stderr already.
+        if (!EDR_LOG->lastLineOnStderr())
+            std::fprintf(stderr, "edr-agent: Not sufficient permission! Please run as admin or root or sudo.\n");
         return 13;
     }
 
@@ -126,7 +128,8 @@ int main(int argc, char** argv)
         EDR_LOG->Error("int main(int, char**)", EINVAL, "agent.conf could not be parsed; defaults are in use");
 
     ignoreUnixSignals({SIGPIPE});
-    catchUnixSignals({SIGTERM, SIGHUP, SIGUSR1});
+    if (!catchUnixSignals({SIGTERM, SIGHUP, SIGUSR1}))
+        return 1; // a daemon that cannot be stopped cleanly must not run
 
     int rc;
     {

@@ -20,7 +20,7 @@
 #include <climits>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -330,15 +330,14 @@ bool HttpManager::checkPort(const char* ip, int port)
         ::close(fd);
         return false;
     }
-    fd_set writable, failed;
-    FD_ZERO(&writable);
-    FD_ZERO(&failed);
-    FD_SET(fd, &writable);
-    FD_SET(fd, &failed);
-    timeval timeout{1, 0};
-    const int n = ::select(fd + 1, nullptr, &writable, &failed, &timeout);
-    bool reachable = n > 0 && FD_ISSET(fd, &writable) && !FD_ISSET(fd, &failed);
-    // A refused connection also selects writable; only a clean connect counts.
+    // poll, not select: a descriptor number past FD_SETSIZE is fine here.
+    pollfd p{fd, POLLOUT, 0};
+    int n;
+    do {
+        n = ::poll(&p, 1, 1000);
+    } while (n < 0 && errno == EINTR);
+    bool reachable = n > 0 && (p.revents & POLLOUT) && !(p.revents & (POLLERR | POLLHUP));
+    // A refused connection also polls writable; only a clean connect counts.
     int soError = 0;
     socklen_t len = sizeof soError;
     if (reachable && (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0 || soError != 0))

@@ -31,6 +31,6 @@ public:
 private:
     ServerDetails() = default;
     static QString readText(const char* group, const char* key, const char* defaultValue);
-    static int readInt(const char* key, const char* defaultValue);
+    static int readPort(const char* key, const char* defaultValue);
     static ServerDetails* s_instance;
 };

@@ -20,6 +20,7 @@ namespace
 constexpr int kRecvBufferSize = 4096;
 constexpr qint64 kReceiveTimeoutMs = 45000;
 constexpr qint64 kSendTimeoutMs = 5000;
+constexpr qint64 kConnectTimeoutMs = 5000;
 constexpr qint64 kPauseAfterMessageMs = 1000;
 constexpr qint64 kTlsHandshakeTimeoutMs = 10000;
 // Scaled down for tests, but never below what a loaded machine needs for the
@@ -50,7 +51,6 @@ ServerSocketThread::~ServerSocketThread()
 
 void ServerSocketThread::run()
 {
-    m_wait.reset();
     startSocket();
 }
 
@@ -107,6 +107,10 @@ bool ServerSocketThread::connectToServerSocket()
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Server Ip Address Not Found!");
         return false;
     }
+    if (m_serverPort < 1 || m_serverPort > 65535) {
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Server socket port %d is not a usable port!", m_serverPort);
+        return false;
+    }
     char ipBuffer[40] = {};
     const QByteArray ip = m_serverIp.toUtf8();
     std::strncpy(ipBuffer, ip.constData(), sizeof ipBuffer - 1);
@@ -135,19 +139,32 @@ bool ServerSocketThread::connectToServerSocket()
     if (::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout) != 0)
         EDR_LOG->Error(Q_FUNC_INFO, errno, "setsockopt Failed! - SO_SNDTIMEO");
 
-    // Connect without blocking so a stop request can interrupt a slow attempt.
+    // Connect without blocking so a stop request can interrupt a slow attempt,
+    // and give it the same 5 s as a send: a server that drops SYNs would
+    // otherwise hold the attempt for the kernel's two minutes.
     const int flags = ::fcntl(fd, F_GETFL, 0);
     ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
     int rc = ::connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof server);
     if (rc != 0 && errno == EINPROGRESS) {
-        if (m_wait.waitFor(fd, POLLOUT, -1) == StoppableWait::Ready) {
+        switch (m_wait.waitFor(fd, POLLOUT, Common::scaledMs(kConnectTimeoutMs))) {
+        case StoppableWait::Ready: {
             int soError = 0;
             socklen_t len = sizeof soError;
             ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len);
             errno = soError;
             rc = soError == 0 ? 0 : -1;
-        } else {
-            errno = EINTR;
+            break;
+        }
+        case StoppableWait::Timeout:
+            errno = ETIMEDOUT;
+            break;
+        case StoppableWait::Stopped:
+            // Shutting down: not a fault of the server.
+            ::close(fd);
+            EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+            return false;
+        case StoppableWait::Failed:
+            break; // errno from poll
         }
     }
     ::fcntl(fd, F_SETFL, flags);
@@ -189,16 +206,22 @@ void ServerSocketThread::connectToSocket(int fd)
             buffered ? StoppableWait::Ready : m_wait.waitFor(fd, POLLIN, receiveTimeout);
         if (ready == StoppableWait::Stopped)
             break;
+        if (ready == StoppableWait::Failed) {
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "poll Failed! - %s", serverIp.constData());
+            break;
+        }
         ssize_t n = -1;
         if (ready == StoppableWait::Ready)
             n = receiveText(fd, buffer, kRecvBufferSize);
         if (n == TlsChannel::kAgain)
             continue; // a TLS record without data (a session ticket, say)
-        if (n <= 0) {
-            // Peer closed, error or a silent period: a keep-alive tells which.
+        // The server closed its side: a keep-alive could still be sent to a
+        // half-closed connection, but nothing would ever arrive on it again.
+        if (n == 0)
+            break;
+        if (n < 0) {
+            // An error or a silent period: a keep-alive tells which.
             if (m_wait.stopRequested() || !sendKeepAlive(fd))
-                break;
-            if (n == 0 && !m_wait.sleepFor(Common::scaledMs(kPauseAfterMessageMs)))
                 break;
             continue;
         }

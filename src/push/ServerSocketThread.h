@@ -32,6 +32,9 @@ public:
 
     // Cooperative stop: wakes any blocking wait; the run then ends by itself.
     void requestStop() { m_wait.requestStop(); }
+    // Called by the starter right before start(): a stop that follows the
+    // start at once is then never lost.
+    void clearStop() { m_wait.reset(); }
 
     void startSocket();
     bool connectToServerSocket();

@@ -28,18 +28,21 @@ bool ensureSignalPipe()
 {
     if (g_signalPipe[0] >= 0)
         return true;
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, g_signalPipe) != 0)
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, g_signalPipe) != 0) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot create the signal pipe; stopping");
         return false;
+    }
     StopRequest::setSignalFd(g_signalPipe[0]);
     return true;
 }
 } // namespace
 
-void catchUnixSignals(std::initializer_list<int> signalList)
+bool catchUnixSignals(std::initializer_list<int> signalList)
 {
     if (signalList.size() == 0)
-        return;
-    ensureSignalPipe();
+        return true;
+    if (!ensureSignalPipe())
+        return false;
     sigset_t blocking;
     sigemptyset(&blocking);
     for (int sig : signalList)
@@ -50,8 +53,12 @@ void catchUnixSignals(std::initializer_list<int> signalList)
         sa.sa_handler = signal_handler;
         sa.sa_mask = blocking;
         sa.sa_flags = 0;
-        ::sigaction(sig, &sa, nullptr);
+        if (::sigaction(sig, &sa, nullptr) != 0) {
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot catch signal %d; stopping", sig);
+            return false;
+        }
     }
+    return true;
 }
 
 void ignoreUnixSignals(std::initializer_list<int> signalList)

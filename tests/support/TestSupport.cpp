@@ -366,4 +366,20 @@ void FakeHttpServer::handle(int fd)
     ::close(fd);
 }
 
+int livingProcesses(const QByteArray& marker)
+{
+    int count = 0;
+    const QStringList pids = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& pid : pids) {
+        QFile cmdline(QStringLiteral("/proc/") + pid + QStringLiteral("/cmdline"));
+        if (!cmdline.open(QIODevice::ReadOnly))
+            continue;
+        QByteArray text = cmdline.readAll();
+        text.replace('\0', ' ');
+        if (text.contains(marker))
+            ++count;
+    }
+    return count;
+}
+
 } // namespace edrtest
