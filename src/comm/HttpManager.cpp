@@ -17,6 +17,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -31,6 +32,24 @@ namespace {
 constexpr long kLowSpeedBytesPerSecond = 1;
 constexpr qint64 kLowSpeedWindowMs = 60000;
 constexpr long kConnectTimeoutSeconds = 10;
+
+// The reply as it arrives, up to a cap; past the cap the transfer fails.
+struct CappedReply {
+    std::string text;
+    size_t cap = 0;
+    bool overflowed = false;
+};
+
+size_t appendCapped(void* data, size_t size, size_t nmemb, CappedReply* reply)
+{
+    const size_t total = size * nmemb;
+    if (total > reply->cap - reply->text.size()) {
+        reply->overflowed = true;
+        return 0; // anything short of total makes libcurl stop
+    }
+    reply->text.append(static_cast<const char*>(data), total);
+    return total;
+}
 
 int abortOnStop(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
 {
@@ -144,14 +163,14 @@ QByteArray HttpManager::jsonBody(const QMap<QString, QString>& fields)
 }
 
 bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
-                                   QString& response)
+                                   QString& response, qint64 maxReplyBytes)
 {
     Outcome outcome;
-    return sendDataToServer(post, url, mode, fields, response, outcome);
+    return sendDataToServer(post, url, mode, fields, response, outcome, maxReplyBytes);
 }
 
 bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
-                                   QString& response, Outcome& outcome)
+                                   QString& response, Outcome& outcome, qint64 maxReplyBytes)
 {
     outcome = Outcome();
     // Loaded and set up at the first request: commands that never talk to
@@ -195,8 +214,10 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
         copy.close();
     }
 
-    std::string reply;
-    api->easy_setopt(curl, CURLOPT_WRITEFUNCTION, &HttpManager::write_CallbackFunc_StdString);
+    CappedReply reply;
+    // QString takes an int length.
+    reply.cap = static_cast<size_t>(qBound<qint64>(0, maxReplyBytes, INT_MAX));
+    api->easy_setopt(curl, CURLOPT_WRITEFUNCTION, &appendCapped);
     api->easy_setopt(curl, CURLOPT_WRITEDATA, &reply);
     api->easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     api->easy_setopt(curl, CURLOPT_MAXREDIRS, 15L);
@@ -265,6 +286,14 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
     }
 
     const CURLcode rc = api->easy_perform(curl);
+    if (reply.overflowed) {
+        // The server did answer: what was sent arrived, only the reply is refused.
+        outcome.answered = true;
+        api->easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &outcome.status);
+        EDR_LOG->Error(Q_FUNC_INFO, EFBIG, "Refused the reply from %s: longer than %lld bytes", qUtf8Printable(url),
+                       static_cast<long long>(reply.cap));
+        return false;
+    }
     outcome.answered = rc == CURLE_OK;
     if (outcome.answered)
         api->easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &outcome.status);
@@ -280,7 +309,7 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
         return false;
     }
 
-    response = QString::fromUtf8(reply.data(), static_cast<int>(reply.size()));
+    response = QString::fromUtf8(reply.text.data(), static_cast<int>(reply.text.size()));
     if (response.startsWith(QLatin1Char('"')))
         response = response.mid(1, response.size() - 2);
     return true;

@@ -26,10 +26,12 @@ public:
         bool serverFailed() const { return !answered || status >= 500; }
     };
 
+    // A reply longer than maxReplyBytes is refused (logged, false): no
+    // answer the agent expects comes near it.
     bool sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
-                          QString& response);
+                          QString& response, qint64 maxReplyBytes = kMaxReplyBytes);
     bool sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
-                          QString& response, Outcome& outcome);
+                          QString& response, Outcome& outcome, qint64 maxReplyBytes = kMaxReplyBytes);
 
     // The mode-3 body: the "data" field as it stands when it comes first,
     // else an object of every field; newlines removed.
@@ -39,6 +41,8 @@ public:
     bool isServerReachable(const QString& ip, int port);
 
     static size_t write_CallbackFunc_StdString(void* data, size_t size, size_t nmemb, std::string* out);
+
+    static constexpr qint64 kMaxReplyBytes = 4 * 1024 * 1024;
 
     // The request copy for a URL: reports/web/<last segment>.json.
     static QString requestCopyPath(const QString& url);

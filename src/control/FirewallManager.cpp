@@ -1,6 +1,7 @@
 #include "control/FirewallManager.h"
 
 #include "comm/ReportSubmitter.h"
+#include "control/ActionResult.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
 
@@ -93,7 +94,9 @@ bool FirewallManager::getFirewallStatus(QJsonObject& status)
 
 bool FirewallManager::collectReport(QJsonObject& body)
 {
-    return getFirewallStatus(body);
+    // A hung or missing ufw still makes a report, just without the profiles.
+    getFirewallStatus(body);
+    return true;
 }
 
 bool FirewallManager::sendRptToServer(const QString& requestId)
@@ -103,8 +106,7 @@ bool FirewallManager::sendRptToServer(const QString& requestId)
         {"Failed to Firewall Status.", "Successfully send Firewall Status to server.",
          "Failed to send Firewall Status to server."},
         [this, &requestId](QJsonObject& body) {
-            // A hung or missing ufw still sends the report, just without the profiles.
-            getFirewallStatus(body);
+            collectReport(body);
             if (!requestId.isEmpty())
                 body.insert(QStringLiteral("socId"), requestId);
             return true;
@@ -127,13 +129,7 @@ bool FirewallManager::executeSendReportToServer(const QString& parameter, bool p
     result.insert(QStringLiteral("_id"), order->id);
     const bool changed = permitted && enableFirewall(order->enable, order->privateProfile, order->domainProfile);
     const QString message = order->message(changed);
-    result.insert(QStringLiteral("status"), changed ? 0 : 1);
-    EDR_LOG->Info(Q_FUNC_INFO, "%s", qUtf8Printable(message));
-    result.insert(QStringLiteral("message"), message);
-
-    const bool sent = ReportSubmitter::postObject(Q_FUNC_INFO, ACTION_RESULT, result,
-                                                  "Successfully send Firewall Action to server.",
-                                                  "Failed to send Firewall Action to server.");
-    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
-    return sent;
+    return ActionResult::finish(Q_FUNC_INFO, result, changed, message, message,
+                                "Successfully send Firewall Action to server.",
+                                "Failed to send Firewall Action to server.");
 }

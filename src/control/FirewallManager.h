@@ -20,6 +20,7 @@ public:
     bool enableFirewall(bool enable, bool privateProfile, bool domainProfile);
     bool getFirewallStatus(QJsonObject& status);
 
+    // The body of the periodic report, without a request id; always made.
     bool collectReport(QJsonObject& body);
     bool sendRptToServer(const QString& requestId);
     // Not permitted: nothing runs and the failure result is posted.

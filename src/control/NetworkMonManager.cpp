@@ -212,17 +212,18 @@ void NetworkMonManager::parseConnectionTable(const QByteArray& table, int pid, c
     if (!lines.isEmpty())
         lines.removeFirst(); // header
     for (const QString& line : qAsConst(lines)) {
-        // " sl: local rem st ..." with the runs of white space made single.
-        const QStringList fields = splitWhitespace(line, true);
-        if (fields.size() < 5)
+        // "sl: local rem st ...": the slot number is right-aligned and loses
+        // its leading blanks once it has 4 (TCP) or 5 (UDP) digits.
+        const QStringList fields = splitWhitespace(line, false);
+        if (fields.size() < 4)
             continue;
-        const QString& local = fields.at(2);
-        const QString& remote = fields.at(3);
+        const QString& local = fields.at(1);
+        const QString& remote = fields.at(2);
         const int localColon = local.lastIndexOf(QLatin1Char(':'));
         const int remoteColon = remote.lastIndexOf(QLatin1Char(':'));
         if (localColon < 0 || remoteColon < 0)
             continue;
-        const int kernelState = fields.at(4).toInt(nullptr, 16);
+        const int kernelState = fields.at(3).toInt(nullptr, 16);
         QJsonObject record;
         record.insert(kPid, pid);
         record.insert(kProcessName, processName);

@@ -48,7 +48,8 @@ std::optional<OSQueryManager::Request> OSQueryManager::parseArgument(const QStri
     const QString inner = arg.size() >= 2 ? arg.mid(1, arg.size() - 2) : QString();
     // A query holding '|' is cut there: the server never sends one.
     const QStringList parts = inner.split(QLatin1Char('|'), Qt::KeepEmptyParts);
-    if (parts.size() < 2)
+    // osquery would read a query starting with '-' as one of its options.
+    if (parts.size() < 2 || parts.at(1).startsWith(QLatin1Char('-')))
         return std::nullopt;
     return Request{parts.at(0), parts.at(1)};
 }

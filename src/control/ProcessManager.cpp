@@ -2,6 +2,7 @@
 
 #include "comm/ApiManager.h"
 #include "comm/ReportSubmitter.h"
+#include "control/ActionResult.h"
 #include "core/CLogger.h"
 
 #include <QFile>
@@ -158,6 +159,12 @@ bool ProcessManager::killProcess(unsigned int pid)
 {
     if (pid == 0 || pid > static_cast<unsigned int>(INT_MAX))
         return false;
+    // init ignores SIGKILL, so the kill would be reported done without
+    // happening; killing ourselves would leave the order unanswered.
+    if (pid == 1 || static_cast<pid_t>(pid) == ::getpid()) {
+        EDR_LOG->Error(Q_FUNC_INFO, EPERM, "Refusing to kill process %u", pid);
+        return false;
+    }
     return ::kill(static_cast<pid_t>(pid), SIGKILL) == 0;
 }
 
@@ -217,16 +224,9 @@ bool ProcessManager::executeSendReportToServer(const QString& parameter, bool pe
     }
 
     // The wire text keeps its "%s": the server expects it literally.
-    result.insert(QStringLiteral("status"), killed ? 0 : 1);
-    if (killed)
-        EDR_LOG->Info(Q_FUNC_INFO, "Successfully Killed %s!", qUtf8Printable(target));
-    else
-        EDR_LOG->Info(Q_FUNC_INFO, "Failed to Kill %s!", qUtf8Printable(target));
-    result.insert(QStringLiteral("message"), QString::fromLatin1(killed ? kKillSucceeded : kKillFailed));
-
-    const bool sent = ReportSubmitter::postObject(Q_FUNC_INFO, ACTION_RESULT, result,
-                                                  "Successfully Send Process Action to server.",
-                                                  "Failed to Send Process Action to server.");
-    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
-    return sent;
+    const QString message = QString::fromLatin1(killed ? kKillSucceeded : kKillFailed);
+    return ActionResult::finish(Q_FUNC_INFO, result, killed, message,
+                                QString(message).replace(QLatin1String("%s"), target),
+                                "Successfully Send Process Action to server.",
+                                "Failed to Send Process Action to server.");
 }

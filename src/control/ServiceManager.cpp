@@ -2,6 +2,7 @@
 
 #include "comm/ApiManager.h"
 #include "comm/ReportSubmitter.h"
+#include "control/ActionResult.h"
 #include "core/CLogger.h"
 
 #include <QJsonArray>
@@ -16,11 +17,12 @@ const char* const kShowProperties[] = {"Description", "ExecStart",    "Type",   
                                        "MainPID",     "ExecStop",     "WantedBy",     "DesktopEntry",
                                        "SuccessExitStatus", "UnitFileState"};
 
-bool isUnitNameChar(QChar c)
+// Bytes systemctl keeps as they are in every unit name; '@' and '\\' are
+// left out, which only makes the length bound below stricter.
+bool isPlainUnitByte(char c)
 {
-    const ushort u = c.unicode();
-    return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == ':' || u == '_' ||
-           u == '.' || u == '-' || u == '@' || u == '\\';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == ':' || c == '_' ||
+           c == '.' || c == '-';
 }
 } // namespace
 
@@ -123,6 +125,14 @@ bool ServiceManager::isSafeServiceName(const QString& name)
     return !name.isEmpty() && !name.startsWith(QLatin1Char('-'));
 }
 
+bool ServiceManager::hasGlob(const QString& name)
+{
+    for (const QChar c : name)
+        if (c == QLatin1Char('*') || c == QLatin1Char('?') || c == QLatin1Char('['))
+            return true;
+    return false;
+}
+
 bool ServiceManager::isTemplateUnit(const QString& name)
 {
     const int at = name.indexOf(QLatin1Char('@'));
@@ -151,18 +161,18 @@ bool ServiceManager::canShareShowRun(const QString& name)
     trimmed.toULongLong(&number, 0);
     if (number)
         return false;
-    for (const QChar c : name) {
-        if (c == QLatin1Char('*') || c == QLatin1Char('?') || c == QLatin1Char('[') || c == QLatin1Char('/'))
-            return false;
-    }
-    // An escaped name longer than a unit name may be fails the whole run.
-    const int bytes = name.toUtf8().size();
-    if (bytes <= 60)
-        return true;
-    for (const QChar c : name)
-        if (!isUnitNameChar(c))
-            return false;
-    return bytes <= 240;
+    if (hasGlob(name) || name.contains(QLatin1Char('/')))
+        return false;
+    // systemctl escapes every other byte as \xNN and may append ".service";
+    // a result longer than a unit name may be (255 bytes) fails the whole run.
+    // ("name  state" lines with one blank give such names, and each one run
+    // alone costs a process.)
+    const QByteArray bytes = name.toUtf8();
+    int escaped = bytes.size() + 8;
+    for (const char c : bytes)
+        if (!isPlainUnitByte(c))
+            escaped += 3;
+    return escaped <= 255;
 }
 
 void ServiceManager::getServiceInfo(const QString& name, ServiceInfo& info)
@@ -190,8 +200,9 @@ void ServiceManager::fillServiceInfos(QList<ServiceInfo>& services)
             getServiceInfo(name, services[i]);
     }
 
+    // A run that stops part-way is rerun from the unit after the one it could
+    // not show; that unit alone is left without properties.
     int from = 0;
-    int reruns = 0;
     while (from < shared.size()) {
         QStringList names;
         for (int k = from; k < shared.size(); ++k)
@@ -215,22 +226,11 @@ void ServiceManager::fillServiceInfos(QList<ServiceInfo>& services)
         }
         for (int k = 0; k < blocks.size(); ++k)
             applyProperties(blocks.at(k), services[shared.at(from + k)]);
-        if (blocks.size() == remaining)
-            return;
-        if (blocks.isEmpty()) {
-            // A plain unit name that cannot be shown means the manager cannot
-            // be asked at all; every single run would fail the same way.
-            EDR_LOG->Error(Q_FUNC_INFO, EIO, "systemctl show failed (exit %d); services have no properties",
-                           result.exitCode);
-            return;
-        }
-        const int failed = shared.at(from + blocks.size());
-        EDR_LOG->Debug(Q_FUNC_INFO, "systemctl show stopped at %s", qUtf8Printable(services.at(failed).getName()));
-        from += blocks.size() + 1;
-        if (++reruns > kMaxShowReruns) {
-            EDR_LOG->Error(Q_FUNC_INFO, EIO, "systemctl show keeps stopping; %d services left without properties",
-                           shared.size() - from);
-            return;
+        from += blocks.size();
+        if (from < shared.size()) {
+            EDR_LOG->Debug(Q_FUNC_INFO, "systemctl show stopped at %s (exit %d)",
+                           qUtf8Printable(services.at(shared.at(from)).getName()), result.exitCode);
+            ++from;
         }
     }
 }
@@ -294,7 +294,9 @@ unsigned int ServiceManager::getServiceState(const QString& name)
 
 bool ServiceManager::runOrder(const QString& verb, const QString& name)
 {
-    if (!isSafeServiceName(name)) {
+    // systemctl expands a pattern over every loaded unit: "stop *" would stop
+    // them all, this agent included.
+    if (!isSafeServiceName(name) || hasGlob(name)) {
         EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Refusing to %s service '%s'", qUtf8Printable(verb),
                        qUtf8Printable(name));
         return false;
@@ -377,18 +379,10 @@ bool ServiceManager::executeSendReportToServer(const QString& parameter, bool pe
     }
 
     // The wire text keeps its "%s": the server expects it literally.
-    result.insert(QStringLiteral("status"), done ? 0 : 1);
-    if (done) {
-        EDR_LOG->Info(Q_FUNC_INFO, "Successfully Service %s Action Performed!", qUtf8Printable(name));
-        result.insert(QStringLiteral("message"), QStringLiteral("Successfully Service %s Action Performed!"));
-    } else {
-        EDR_LOG->Info(Q_FUNC_INFO, "Failed to Perform Service %s Action!", qUtf8Printable(name));
-        result.insert(QStringLiteral("message"), QStringLiteral("Failed to Perform Service %s Action!"));
-    }
-
-    const bool sent = ReportSubmitter::postObject(Q_FUNC_INFO, ACTION_RESULT, result,
-                                                  "Successfully Send Service Action to server.",
-                                                  "Failed to Send Service Action to server.");
-    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
-    return sent;
+    const QString message = done ? QStringLiteral("Successfully Service %s Action Performed!")
+                                 : QStringLiteral("Failed to Perform Service %s Action!");
+    return ActionResult::finish(Q_FUNC_INFO, result, done, message,
+                                QString(message).replace(QLatin1String("%s"), name),
+                                "Successfully Send Service Action to server.",
+                                "Failed to Send Service Action to server.");
 }

@@ -46,6 +46,8 @@ public:
     static QStringList showArguments(const QStringList& names);
     // A name systemctl could take for an option is never passed to it.
     static bool isSafeServiceName(const QString& name);
+    // '*', '?' or '[': systemctl would match the name against every loaded unit.
+    static bool hasGlob(const QString& name);
     // "name@.service": systemd will not load a template, so show prints nothing.
     static bool isTemplateUnit(const QString& name);
     // Whether a name can share a "show" run without changing what it prints
@@ -54,8 +56,6 @@ public:
 
     // Every tool run is bounded; tests shorten the limit.
     void setToolTimeoutMs(int ms) { m_toolTimeoutMs = ms; }
-    // Reruns after units that stop a shared run part-way.
-    static constexpr int kMaxShowReruns = 8;
 
 private:
     void fillServiceInfos(QList<ServiceInfo>& services);

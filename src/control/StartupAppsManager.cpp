@@ -1,6 +1,7 @@
 #include "control/StartupAppsManager.h"
 
 #include "comm/ReportSubmitter.h"
+#include "control/ActionResult.h"
 #include "core/CLogger.h"
 
 #include <QDir>
@@ -211,25 +212,14 @@ bool StartupAppsManager::executeSendReportToServer(const QString& parameter, boo
     if (order.id)
         result.insert(QStringLiteral("_id"), *order.id);
 
-    QString message;
-    if (permitted && enableStartupTask(order.first, order.second, order.enable)) {
-        const QString action = order.enable ? QStringLiteral("Enabled") : QStringLiteral("Disabled");
-        result.insert(QStringLiteral("status"), 0);
-        EDR_LOG->Info(Q_FUNC_INFO, "Successfully %s Startup App! - %s %s", qUtf8Printable(action),
-                      qUtf8Printable(order.first), qUtf8Printable(order.second));
-        message = QStringLiteral("Successfully %1 Startup App - %2 %3").arg(action, order.first, order.second);
-    } else {
-        const QString action = order.enable ? QStringLiteral("Enable") : QStringLiteral("Disable");
-        result.insert(QStringLiteral("status"), 1);
-        EDR_LOG->Info(Q_FUNC_INFO, "Failed to %s Startup App! - %s %s", qUtf8Printable(action),
-                      qUtf8Printable(order.first), qUtf8Printable(order.second));
-        message = QStringLiteral("Failed to %1 Startup App - %2 %3").arg(action, order.first, order.second);
-    }
-    result.insert(QStringLiteral("message"), message);
-
-    const bool sent = ReportSubmitter::postObject(Q_FUNC_INFO, ACTION_RESULT, result,
-                                                  "Successfully send Startup Apps Action to server.",
-                                                  "Failed to send Startup Apps Action to server.");
-    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
-    return sent;
+    const bool done = permitted && enableStartupTask(order.first, order.second, order.enable);
+    const QString action = done ? (order.enable ? QStringLiteral("Successfully Enabled")
+                                                : QStringLiteral("Successfully Disabled"))
+                                : (order.enable ? QStringLiteral("Failed to Enable")
+                                                : QStringLiteral("Failed to Disable"));
+    return ActionResult::finish(Q_FUNC_INFO, result, done,
+                                QStringLiteral("%1 Startup App - %2 %3").arg(action, order.first, order.second),
+                                QStringLiteral("%1 Startup App! - %2 %3").arg(action, order.first, order.second),
+                                "Successfully send Startup Apps Action to server.",
+                                "Failed to send Startup Apps Action to server.");
 }

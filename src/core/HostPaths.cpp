@@ -3,7 +3,9 @@
 #include <QFile>
 
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 HostPaths::HostPaths() : m_proc(QStringLiteral("/proc")), m_sys(QStringLiteral("/sys")), m_root(QStringLiteral("/")) {}
@@ -62,6 +64,12 @@ QByteArray HostPaths::readFile(const QString& path, bool* ok, qint64 maxBytes)
     if (fd < 0)
         return QByteArray();
     QByteArray data;
+    // A large file (the dpkg status database) is given its room at once
+    // rather than regrown chunk by chunk; /proc and /sys report sizes that
+    // mean nothing, but their files are small.
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 65536)
+        data.reserve(static_cast<int>(qMin<qint64>(qMin<qint64>(st.st_size + 1, maxBytes), INT_MAX)));
     char buf[65536];
     bool failed = false;
     while (data.size() < maxBytes) {

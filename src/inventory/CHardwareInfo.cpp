@@ -60,13 +60,16 @@ QString CHardwareInfo::leadingNumber(const QString& speed)
 
 namespace {
 
-// Adds target from source when the source is present as a string.
+// Sets to[toKey] from from[fromKey], converted, when that value is a string;
+// from and to may be the same object. Returns whether it did.
 template <typename Convert>
-void addFrom(QJsonObject& record, const char* source, const char* target, Convert convert)
+bool copyString(const QJsonObject& from, const char* fromKey, QJsonObject& to, const char* toKey, Convert convert)
 {
-    const QJsonValue v = record.value(QLatin1String(source));
-    if (v.isString())
-        record.insert(QLatin1String(target), convert(v.toString()));
+    const QJsonValue v = from.value(QLatin1String(fromKey));
+    if (!v.isString())
+        return false;
+    to.insert(QLatin1String(toKey), convert(v.toString()));
+    return true;
 }
 
 QString same(const QString& s)
@@ -79,14 +82,14 @@ QString same(const QString& s)
 QJsonObject CHardwareInfo::enrichProcessor(const QJsonObject& source)
 {
     QJsonObject r = source;
-    addFrom(r, "ID", "ProcessorId", same);
-    addFrom(r, "Type", "ProcessorType", processorTypeCode);
-    addFrom(r, "Part Number", "PartNumber", same);
-    addFrom(r, "Version", "Name", same);
-    addFrom(r, "Max Speed", "MaxClockSpeed", leadingNumber);
-    addFrom(r, "Current Speed", "CurrentClockSpeed", leadingNumber);
-    addFrom(r, "Core Count", "NumberOfCores", same);
-    addFrom(r, "Thread Count", "ThreadCount", same);
+    copyString(r, "ID", r, "ProcessorId", same);
+    copyString(r, "Type", r, "ProcessorType", processorTypeCode);
+    copyString(r, "Part Number", r, "PartNumber", same);
+    copyString(r, "Version", r, "Name", same);
+    copyString(r, "Max Speed", r, "MaxClockSpeed", leadingNumber);
+    copyString(r, "Current Speed", r, "CurrentClockSpeed", leadingNumber);
+    copyString(r, "Core Count", r, "NumberOfCores", same);
+    copyString(r, "Thread Count", r, "ThreadCount", same);
     return r;
 }
 
@@ -94,10 +97,10 @@ QJsonObject CHardwareInfo::enrichMemory(const QJsonObject& source)
 {
     QJsonObject r = source;
     r.insert(QStringLiteral("Name"), QStringLiteral("Physical Memory"));
-    addFrom(r, "Size", "Capacity",
-            [](const QString& s) { return QString::number(SizeOperation::getStringSizeInBytes(s)); });
-    addFrom(r, "Serial Number", "SerialNumber", same);
-    addFrom(r, "Part Number", "PartNumber", same);
+    copyString(r, "Size", r, "Capacity",
+               [](const QString& s) { return QString::number(SizeOperation::getStringSizeInBytes(s)); });
+    copyString(r, "Serial Number", r, "SerialNumber", same);
+    copyString(r, "Part Number", r, "PartNumber", same);
     return r;
 }
 
@@ -166,17 +169,6 @@ QString bytesText(const QString& size)
     return QString::number(SizeOperation::getStringSizeInBytes(size));
 }
 
-// Moves a string value from one key to another, converting it on the way.
-template <typename Convert>
-void rename(QJsonObject& o, const char* from, const char* to, Convert convert)
-{
-    const QJsonValue v = o.value(QLatin1String(from));
-    if (!v.isString())
-        return;
-    o.remove(QLatin1String(from));
-    o.insert(QLatin1String(to), convert(v.toString()));
-}
-
 QJsonArray blockDevices(const QByteArray& json)
 {
     const QJsonDocument doc = QJsonDocument::fromJson(json);
@@ -197,10 +189,15 @@ void CHardwareInfo::parseDisks(const QByteArray& json, QJsonArray& out)
         // lsblk writes null for a disk without a model (virtual disks, zram).
         if (!disk.value(QStringLiteral("model")).isString())
             continue;
-        rename(disk, "model", "Model", same);
-        rename(disk, "size", "Size", bytesText);
-        rename(disk, "serial", "SerialNumber", same);
-        rename(disk, "path", "Name", same);
+        // lsblk's keys give way to the report's.
+        if (copyString(disk, "model", disk, "Model", same))
+            disk.remove(QStringLiteral("model"));
+        if (copyString(disk, "size", disk, "Size", bytesText))
+            disk.remove(QStringLiteral("size"));
+        if (copyString(disk, "serial", disk, "SerialNumber", same))
+            disk.remove(QStringLiteral("serial"));
+        if (copyString(disk, "path", disk, "Name", same))
+            disk.remove(QStringLiteral("path"));
         out.append(disk);
     }
 }
@@ -230,16 +227,11 @@ void CHardwareInfo::parsePartitions(const QByteArray& json, QJsonArray& out)
             volume.insert(QStringLiteral("DiskName"), diskName);
             volume.insert(QStringLiteral("Name"), mount.toString());
             volume.insert(QStringLiteral("DriveLetter"), mount.toString());
-            const auto copy = [&](const char* from, const char* to, bool size) {
-                const QJsonValue v = part.value(QLatin1String(from));
-                if (v.isString())
-                    volume.insert(QLatin1String(to), size ? bytesText(v.toString()) : v.toString());
-            };
-            copy("fssize", "Capacity", true);
-            copy("fsavail", "FreeSpace", true);
-            copy("uuid", "SerialNumber", false);
-            copy("fstype", "FileSystem", false);
-            copy("label", "Label", false);
+            copyString(part, "fssize", volume, "Capacity", bytesText);
+            copyString(part, "fsavail", volume, "FreeSpace", bytesText);
+            copyString(part, "uuid", volume, "SerialNumber", same);
+            copyString(part, "fstype", volume, "FileSystem", same);
+            copyString(part, "label", volume, "Label", same);
             // Keyed on the label, not the hot-plug column: lsblk never writes a
             // boolean label, so the key stays out: what the server is used to.
             const QJsonValue label = part.value(QStringLiteral("label"));

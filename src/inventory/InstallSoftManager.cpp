@@ -12,7 +12,6 @@
 #include <climits>
 #include <cstring>
 #include <cstdio>
-#include <dirent.h>
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -56,7 +55,7 @@ QString sizeText(const char* text, int length)
 
 // The fields a package object is made of; the rest of a stanza is skipped
 // without being copied (a status database runs to megabytes).
-enum Field { OTHER, PACKAGE, VERSION, DESCRIPTION, INSTALLED_SIZE, VENDOR, STATUS, ARCHITECTURE };
+enum Field { OTHER, PACKAGE, VERSION, DESCRIPTION, INSTALLED_SIZE, VENDOR, STATUS, ARCHITECTURE, MULTI_ARCH };
 
 Field fieldOf(const char* name, int length)
 {
@@ -67,7 +66,7 @@ Field fieldOf(const char* name, int length)
     } known[] = {{"Package", 7, PACKAGE},          {"Version", 7, VERSION},
                  {"Description", 11, DESCRIPTION}, {"Installed-Size", 14, INSTALLED_SIZE},
                  {"Original-Maintainer", 19, VENDOR}, {"Status", 6, STATUS},
-                 {"Architecture", 12, ARCHITECTURE}};
+                 {"Architecture", 12, ARCHITECTURE}, {"Multi-Arch", 10, MULTI_ARCH}};
     for (const auto& k : known)
         if (k.length == length && std::memcmp(k.text, name, size_t(length)) == 0)
             return k.field;
@@ -87,24 +86,42 @@ const char* find(const char* from, const char* end, const char* needle, size_t n
     return nullptr;
 }
 
+// "want flag status": the third word alone says whether the package is on
+// the system; a held ("hold ok installed") or to-be-removed one still is.
+bool statusIsInstalled(const char* p, const char* end)
+{
+    int word = 0;
+    while (p < end) {
+        while (p < end && *p == ' ')
+            ++p;
+        const char* start = p;
+        while (p < end && *p != ' ')
+            ++p;
+        if (p > start && ++word == 3)
+            return p - start == 9 && std::memcmp(start, "installed", 9) == 0;
+    }
+    return false;
+}
+
 } // namespace
 
 QJsonObject InstallSoftManager::Package::toJson(const QString& installDate) const
 {
+    // In key order: each insert then lands at the end of the object.
     QJsonObject o;
-    if (hasPackageLine) {
-        o.insert(QLatin1String("Name"), name);
-        o.insert(QLatin1String("PackageName"), name);
-        o.insert(QLatin1String("InstallDate"), installDate);
-    }
-    if (hasVersion)
-        o.insert(QLatin1String("Version"), version);
     if (hasDescription)
         o.insert(QLatin1String("Description"), description);
+    if (hasPackageLine) {
+        o.insert(QLatin1String("InstallDate"), installDate);
+        o.insert(QLatin1String("Name"), name);
+        o.insert(QLatin1String("PackageName"), name);
+    }
     if (hasSize)
         o.insert(QLatin1String("Size"), size);
     if (hasVendor)
         o.insert(QLatin1String("Vendor"), vendor);
+    if (hasVersion)
+        o.insert(QLatin1String("Version"), version);
     return o;
 }
 
@@ -165,10 +182,13 @@ QVector<InstallSoftManager::Package> InstallSoftManager::parseDpkgStatus(const Q
                 v.hasVendor = true;
                 break;
             case STATUS:
-                installed = length == 20 && std::memcmp(value, "install ok installed", 20) == 0;
+                installed = statusIsInstalled(value, value + length);
                 break;
             case ARCHITECTURE:
                 v.architecture = QString::fromUtf8(value, length);
+                break;
+            case MULTI_ARCH:
+                v.multiArchSame = length == 4 && std::memcmp(value, "same", 4) == 0;
                 break;
             case OTHER:
                 break;
@@ -186,54 +206,35 @@ int InstallSoftManager::openInfoDir() const
                   O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-QSet<QByteArray> InstallSoftManager::listFiles(int infoDir)
-{
-    QSet<QByteArray> names;
-    const int fd = infoDir >= 0 ? ::dup(infoDir) : -1;
-    DIR* dir = fd >= 0 ? ::fdopendir(fd) : nullptr;
-    if (!dir) {
-        if (fd >= 0)
-            ::close(fd);
-        return names;
-    }
-    names.reserve(4096);
-    while (const struct dirent* entry = ::readdir(dir)) {
-        const size_t length = std::strlen(entry->d_name);
-        if (length > 5 && std::memcmp(entry->d_name + length - 5, ".list", 5) == 0)
-            names.insert(QByteArray(entry->d_name, int(length)));
-    }
-    ::closedir(dir);
-    return names;
-}
-
 QString InstallSoftManager::installDate(const Package& package) const
 {
     const int dir = openInfoDir();
-    const QString date = installDate(package, dir, nullptr);
+    const QString date = installDate(package, dir);
     if (dir >= 0)
         ::close(dir);
     return date;
 }
 
 // Looked up relative to the open info directory: one path walk for the
-// directory instead of one per package. lists, when given, names the *.list
-// files there, so a name that is not there costs no system call.
-QString InstallSoftManager::installDate(const Package& package, int infoDir, const QSet<QByteArray>* lists) const
+// directory instead of one per package. A missing name costs one failed
+// lookup, far less than listing the directory's thousands of files first.
+QString InstallSoftManager::installDate(const Package& package, int infoDir) const
 {
     // A name that could leave the info directory is not looked up.
     if (infoDir < 0 || package.name.isEmpty() || package.name.contains(QLatin1Char('/')))
         return QString();
-    QByteArray file = QFile::encodeName(package.name);
-    const int nameLength = file.size();
-    file += ".list";
+    // Multi-arch "same" packages keep their lists as name:arch.list, the
+    // rest as name.list; the likelier one is tried first.
+    const QByteArray plain = QFile::encodeName(package.name) + ".list";
+    QByteArray qualified;
+    if (!package.architecture.isEmpty() && !package.architecture.contains(QLatin1Char('/')))
+        qualified = QFile::encodeName(package.name) + ':' + QFile::encodeName(package.architecture) + ".list";
+    const QByteArray& first = package.multiArchSame && !qualified.isEmpty() ? qualified : plain;
+    const QByteArray& second = &first == &plain ? qualified : plain;
     struct stat st;
-    bool found = (!lists || lists->contains(file)) && ::fstatat(infoDir, file.constData(), &st, 0) == 0;
-    // Multi-arch "same" packages keep their lists as name:arch.list.
-    if (!found && !package.architecture.isEmpty() && !package.architecture.contains(QLatin1Char('/'))) {
-        file.truncate(nameLength);
-        file += ':' + QFile::encodeName(package.architecture) + ".list";
-        found = (!lists || lists->contains(file)) && ::fstatat(infoDir, file.constData(), &st, 0) == 0;
-    }
+    bool found = ::fstatat(infoDir, first.constData(), &st, 0) == 0;
+    if (!found && !second.isEmpty())
+        found = ::fstatat(infoDir, second.constData(), &st, 0) == 0;
     if (!found)
         return QString();
     // Local date, as QDateTime would give it, without its per-call time zone work.
@@ -259,9 +260,8 @@ bool InstallSoftManager::getInstalledSoftwares(QJsonObject& report)
     QJsonArray array;
     ::tzset();
     const int infoDir = openInfoDir();
-    const QSet<QByteArray> lists = listFiles(infoDir);
     for (const Package& package : packages)
-        array.append(package.toJson(package.hasPackageLine ? installDate(package, infoDir, &lists) : QString()));
+        array.append(package.toJson(package.hasPackageLine ? installDate(package, infoDir) : QString()));
     if (infoDir >= 0)
         ::close(infoDir);
     SnapFlatpakCollector(m_host, m_runner).appendTo(array);

@@ -5,7 +5,6 @@
 
 #include <QByteArray>
 #include <QJsonObject>
-#include <QSet>
 #include <QString>
 #include <QVector>
 
@@ -23,6 +22,7 @@ public:
         QString size;   // Installed-Size as size text
         QString vendor; // Original-Maintainer
         QString architecture;
+        bool multiArchSame = false; // "Multi-Arch: same": its list is name:arch.list
         bool hasPackageLine = false;
         bool hasVersion = false;
         bool hasDescription = false;
@@ -44,7 +44,7 @@ public:
     bool collectReport(QJsonObject& body);
     bool sendRptToServer(const QString& parameter);
 
-    // Pure: stanzas whose Status is "install ok installed", in file order.
+    // Pure: stanzas whose Status has "installed" as its third word, in file order.
     static QVector<Package> parseDpkgStatus(const QByteArray& status);
     // "yyyyMMdd" of the package's file list, or empty when there is none.
     QString installDate(const Package& package) const;
@@ -53,8 +53,7 @@ public:
 
 private:
     int openInfoDir() const;
-    QString installDate(const Package& package, int infoDir, const QSet<QByteArray>* lists) const;
-    static QSet<QByteArray> listFiles(int infoDir);
+    QString installDate(const Package& package, int infoDir) const;
 
     static InstallSoftManager* s_instance;
     bool m_reportBusy = false;

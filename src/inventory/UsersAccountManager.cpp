@@ -178,8 +178,8 @@ QList<UserInfo> UsersAccountManager::parseAccounts(const AccountFiles& files, co
         for (const GroupEntry& g : groups)
             if (g.members.contains(name) && !groupNames.contains(g.name))
                 groupNames << g.name;
-        const QString groupsText = name + QStringLiteral(" : ") + groupNames.join(QLatin1Char(' '));
-        const bool admin = groupsText.contains(QLatin1String("sudo")) || groupsText.contains(QLatin1String("root"));
+        // Only a group of exactly that name makes an administrator ("grootman" does not).
+        const bool admin = groupNames.contains(QLatin1String("sudo")) || groupNames.contains(QLatin1String("root"));
         u.setPrivileges(admin ? QStringLiteral("2") : QStringLiteral("1"));
 
         const auto sp = shadow.constFind(name);
@@ -251,7 +251,8 @@ QList<UserInfo> UsersAccountManager::getUsersAccounts(bool* ok)
     else
         EDR_LOG->Debug(Q_FUNC_INFO, "last did not complete: %s",
                        last.timedOut ? "timed out" : qUtf8Printable(last.errorText));
-    return parseAccounts(files, m_today.isValid() ? m_today : QDate::currentDate());
+    // Shadow counts days since the epoch in UTC (time / 86400), not local dates.
+    return parseAccounts(files, m_today.isValid() ? m_today : QDateTime::currentDateTimeUtc().date());
 }
 
 bool UsersAccountManager::getUsersAccountInfo(QJsonObject& report)

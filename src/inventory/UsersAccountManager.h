@@ -27,7 +27,7 @@ public:
     bool getUsersAccountInfo(QJsonObject& report);
     QList<UserInfo> getUsersAccounts(bool* ok = nullptr);
 
-    // The password ages are counted up to this day; invalid means today.
+    // The password ages are counted up to this UTC day; invalid means today's.
     void setToday(const QDate& today) { m_today = today; }
     // Limit for each of who and last.
     void setTimeoutMs(int ms) { m_timeoutMs = ms; }

@@ -87,14 +87,6 @@ void ScheduleManager::fillDefaultSchedule(QList<ScheduleInfo>& schedules, const 
     set(TasksManager::InstalledSoft, true, 1440);
     if (schedules.size() > TasksManager::TaskSchedule)
         schedules[TasksManager::TaskSchedule].setEnable(true);
-    // Hardware is first given the daily interval (still disabled), then
-    // enabled at 180 after the network monitor; only the end result counts.
-    if (schedules.size() > TasksManager::HardwareInfo) {
-        ScheduleInfo& hardware = schedules[TasksManager::HardwareInfo];
-        hardware.setRunOnStart(true);
-        hardware.setInterval(1440);
-        hardware.setRetryInterval(15);
-    }
     set(TasksManager::Network_Mon, true, 180);
     set(TasksManager::HardwareInfo, true, 180);
     set(TasksManager::Event_Logs, true, 60);
@@ -226,7 +218,9 @@ bool ScheduleManager::isDueAtStartUp(const ScheduleInfo& entry, const QDateTime&
 {
     if (!entry.getEnable() || !entry.getRunOnStart())
         return false;
-    return !lastRun.isValid() || lastRun.date() < now.date();
+    // The stored time may carry the offset it was written in; the calendar
+    // that counts is this machine's.
+    return !lastRun.isValid() || lastRun.toLocalTime().date() < now.toLocalTime().date();
 }
 
 void ScheduleManager::runStartUpTasks()
@@ -236,34 +230,30 @@ void ScheduleManager::runStartUpTasks()
     const QList<ScheduleInfo> schedules = m_schedules;
     for (int i = 0; i < schedules.size() && i < TasksManager::kTaskCount; ++i) {
         const ScheduleInfo& entry = schedules.at(i);
-        if (!entry.getEnable() || !entry.getRunOnStart())
-            continue;
         const QDateTime lastRun = m_config.getTaskLastRunTime(entry.getScheduleName());
         if (isDueAtStartUp(entry, lastRun, now))
-            dispatch(m_tasksManager, taskAt(i), QString());
+            dispatch(taskAt(i), QString());
     }
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
 }
 
-bool ScheduleManager::dispatch(TasksManager& tasks, TasksManager::TASK_NAMES task, const QString& arg)
+bool ScheduleManager::dispatch(TasksManager::TASK_NAMES task, const QString& arg)
 {
     if (m_testDispatch)
         return m_testDispatch(task, arg);
-    return tasks.sendReportToServer(task, arg);
+    return m_tasks->sendReportToServer(task, arg);
 }
 
 bool ScheduleManager::sendReportToServer(TasksManager::TASK_NAMES task, const QString& arg)
 {
     // Scheduled runs carry no parameter, whatever the caller passed.
     Q_UNUSED(arg);
-    if (!m_tasks && !m_testDispatch)
-        return false;
-    return dispatch(m_tasks ? *m_tasks : m_tasksManager, task, QString());
+    return dispatch(task, QString());
 }
 
 bool ScheduleManager::sendPendingReport(const QString& path)
 {
-    return m_tasks ? m_tasks->sendPendingReport(path) : m_tasksManager.sendPendingReport(path);
+    return m_tasks->sendPendingReport(path);
 }
 
 void ScheduleManager::sendPendingReports()
@@ -286,7 +276,8 @@ bool ScheduleManager::getAgentConfigFromServer()
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     const QString url = ApiManager::getAPI(CONFIG_FILE);
     QString response;
-    if (!m_httpManager || !m_httpManager->sendDataToServer(false, url, 0, QMap<QString, QString>(), response)) {
+    // No larger than the schedule reader would parse.
+    if (!m_httpManager->sendDataToServer(false, url, 0, QMap<QString, QString>(), response, kMaxScheduleFileBytes)) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to get Agent Config file server.");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;
@@ -294,8 +285,11 @@ bool ScheduleManager::getAgentConfigFromServer()
     EDR_LOG->Info(Q_FUNC_INFO, "Successfully get Agent Config file from server.");
     EDR_LOG->Debug(Q_FUNC_INFO, "Response: %s", qUtf8Printable(response));
 
+    // As for reading: only a regular file (or none yet); opening a FIFO for
+    // writing would block until some reader came along.
+    const QFileInfo existing(m_scheduleFile);
     QFile file(m_scheduleFile);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+    if ((existing.exists() && !existing.isFile()) || !file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to open Agent Config file for write.");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;

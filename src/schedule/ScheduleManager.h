@@ -76,13 +76,12 @@ public slots:
     void onScheduleTimer();
 
 private:
-    bool dispatch(TasksManager& tasks, TasksManager::TASK_NAMES task, const QString& arg);
+    bool dispatch(TasksManager::TASK_NAMES task, const QString& arg);
 
     static ScheduleManager* s_instance;
 
     QString m_scheduleFile;
     EdrAgentConfig m_config;
-    TasksManager m_tasksManager;
     AgentDetails* m_agentDetails;
     ServerDetails* m_serverDetails;
     HttpManager* m_httpManager;

@@ -73,11 +73,11 @@ TEST_F(AgentManagerTest, RejectsEveryOtherReplyShape)
     };
     for (const auto& c : cases) {
         server.setReply(c.reply);
+        const int before = prefix.traceLog().size();
         EXPECT_FALSE(agent->registerAgent()) << c.logged;
-        EXPECT_TRUE(prefix.traceLog().contains(c.logged)) << c.logged;
+        EXPECT_TRUE(prefix.traceLog().mid(before).contains(c.logged)) << c.logged; // this attempt's lines only
         EXPECT_EQ(EdrAgentConfig().getAuthCode(), QString());
     }
-    EXPECT_EQ(prefix.traceLog().count("Invalid Response! - "), 4);
 }
 
 TEST_F(AgentManagerTest, TrueStatusWithoutTokenStoresEmptyCode)
@@ -116,10 +116,11 @@ TEST(ReportSubmitter, BusyFlagRefusesAndIsAlwaysCleared)
     EXPECT_TRUE(prefix.traceLog().contains("Failed to Widgets Info."));
     EXPECT_TRUE(server.requests().isEmpty());
 
+    const int before = prefix.traceLog().size();
     EXPECT_TRUE(ReportSubmitter::submitReport("bool W::send()", busy, PROCESSES, messages, collect));
     EXPECT_FALSE(busy);
     ASSERT_EQ(server.requests().size(), 1);
     EXPECT_EQ(server.requests().first().body, "{    \"Widget\": \"w\"}");
-    EXPECT_TRUE(prefix.traceLog().contains("bool W::send() | Successfully send widgets to server."));
-    EXPECT_TRUE(prefix.traceLog().contains("Response: OK"));
+    EXPECT_TRUE(prefix.traceLog().mid(before).contains("bool W::send() | Successfully send widgets to server."));
+    EXPECT_TRUE(prefix.traceLog().mid(before).contains("Response: OK"));
 }

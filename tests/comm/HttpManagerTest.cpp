@@ -142,6 +142,24 @@ TEST_F(HttpTest, FailuresLeaveResponseAlone)
     EXPECT_TRUE(prefix.traceLog().contains("Failed to send data to server - http://127.0.0.1:1/api/v1/x Response Code: 7"));
 }
 
+TEST_F(HttpTest, OversizedRepliesAreRefused)
+{
+    const struct {
+        int size;
+        qint64 cap;
+        bool ok;
+    } cases[] = {{HttpManager::kMaxReplyBytes, HttpManager::kMaxReplyBytes, true},
+                 {HttpManager::kMaxReplyBytes + 1, HttpManager::kMaxReplyBytes, false},
+                 {1000, 999, false}, {999, 999, true}};
+    for (const auto& c : cases) {
+        server.setReply({200, QByteArray(c.size, 'x'), "text/plain"});
+        QString response = QStringLiteral("untouched");
+        EXPECT_EQ(http->sendDataToServer(false, url("r/big"), 0, {}, response, c.cap), c.ok) << c.size;
+        EXPECT_EQ(response.size(), c.ok ? c.size : 9) << c.size;
+    }
+    EXPECT_TRUE(prefix.traceLog().contains("Refused the reply from " + url("r/big").toUtf8() + ": longer than 999 bytes"));
+}
+
 TEST_F(HttpTest, SilentServerIsAbandoned)
 {
     Common::setTimeScaleForTesting(0.01); // the 60 s stall window becomes about a second

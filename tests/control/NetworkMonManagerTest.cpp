@@ -90,9 +90,11 @@ TEST(NetworkMonManagerTest, ProcWayReadsKernelTables)
                  R"(,"RemotePort":45672,"State":3})"})
         EXPECT_TRUE(seen.contains(record)) << qPrintable(record);
     QJsonArray l, c; // truncated and garbled lines are dropped, the rest kept
-    NetworkMonManager::parseConnectionTable("  sl local\n   0: 0100007F:B267 00000000:0000 0A\n   1: zz\n   2:", 1,
-                                            "UPD", QString(), QString(), l, c);
-    EXPECT_EQ(l.size() + c.size(), 1);
+    NetworkMonManager::parseConnectionTable("  sl local\n   0: 0100007F:B267 00000000:0000 0A\n   1: zz\n   2:\n"
+                                            "12565: 0100007F:0035 00000000:0000 07 0\n", // wide slot, no blank
+                                            1, "UPD", QString(), QString(), l, c);
+    EXPECT_EQ(l.size() + c.size(), 2);
+    EXPECT_EQ(l.last()["LocalPort"], 53);
 }
 
 TEST(NetworkMonManagerTest, MissingOrHangingToolsStillPostAReport)

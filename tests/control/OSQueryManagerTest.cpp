@@ -46,6 +46,7 @@ TEST(OSQueryManagerTest, QueriesEndToEnd)
         {"cat \"$D/syntax-error.stderr\"; exit 1", "\"3|selec 1\"", "OSQuery output is not in JSON Format!", 1},
         {"exec sleep 600", "\"4|select 1\"", "Failed to run OSQuery!", 1},
         {"echo []", "\"6\"", "Invalid Parameters!", 0},
+        {"echo []", "\"7|--flagfile=/tmp/x\"", "Invalid Parameters!", 0}, // an option, not a query
     };
     for (const auto& c : cases) {
         edrtest::ServerUnderTest peer;

@@ -105,6 +105,7 @@ TEST(ProcessManagerTest, KillOrdersPostTheirResult)
         "2|bash|abc", "9|" + b + "|r9", "1|" + QString::number(unused) + "|gone",
         "1|abc|r1", "1|0|r2", "1|-1|r3", "1||r4", // never kill(0), our own group, or kill(-1), everyone
         "1|+" + b + "|r5", "1|" + b + "a|r7", "1|" + QString::number(4294967296LL + bystander) + "|r8",
+        "1|1|r10", "1|" + QString::number(::getpid()) + "|r11", // init ignores SIGKILL; killing us loses the answer
         "1|" + b, "1", QString(), // no request id
     };
     int posted = 0;

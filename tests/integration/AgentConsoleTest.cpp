@@ -1,4 +1,5 @@
-// End to end: the built agent against the reference console on loopback.
+// End to end: the built agent against the reference console on loopback, and
+// `edr-agent report NAME` against what the daemon posted.
 
 #include "support/AgentProcess.h"
 #include "support/ConsoleProcess.h"
@@ -58,9 +59,34 @@ TEST_F(AgentConsole, RegistersThenReportsWithItsToken)
     EXPECT_EQ(info.value(QStringLiteral("body")).toObject().keys(),
               (QStringList{QStringLiteral("AgentVersion"), QStringLiteral("IpAddress")}));
 
-    // A restart with the stored token does not register again.
+    // `edr-agent report NAME` prints byte for byte what the daemon posted.
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addInstallSoft"), 1, 60000));
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addStartupApps"), 1, 60000));
     agent.signal(SIGTERM);
     ASSERT_TRUE(agent.waitForExit(10000));
+    const QPair<const char*, const char*> stable[] = {{"software", "machineInfo/addInstallSoft"},
+                                                      {"startup", "machineInfo/addStartupApps"}};
+    for (const auto& report : stable) {
+        AgentProcess command;
+        ASSERT_TRUE(command.start({QStringLiteral("report"), QLatin1String(report.first)}));
+        ASSERT_TRUE(command.waitForExit(60000));
+        EXPECT_EQ(command.exitCode(), 0) << report.first;
+        const QString posted = console.requests(QLatin1String(report.second)).first().value("raw_body").toString();
+        EXPECT_EQ(QString::fromUtf8(command.standardOutput()), posted + QLatin1Char('\n')) << report.first;
+    }
+    // Without ufw the daemon still posts an empty object, so that is the output; an unknown name is refused.
+    AgentProcess firewall, unknown;
+    firewall.setEnv(QStringLiteral("PATH"), QStringLiteral("/nonexistent"));
+    ASSERT_TRUE(firewall.start({QStringLiteral("report"), QStringLiteral("firewall")}));
+    ASSERT_TRUE(unknown.start({QStringLiteral("report"), QStringLiteral("registry")}));
+    ASSERT_TRUE(firewall.waitForExit(10000) && unknown.waitForExit(10000));
+    EXPECT_EQ(firewall.exitCode(), 0);
+    EXPECT_EQ(firewall.standardOutput(), "{}\n");
+    EXPECT_EQ(unknown.exitCode(), 1);
+    EXPECT_TRUE(unknown.standardOutput().isEmpty());
+    EXPECT_TRUE(unknown.standardError().contains("unknown report 'registry'"));
+
+    // A restart with the stored token does not register again.
     ASSERT_TRUE(agent.start());
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 30000));
     EXPECT_EQ(console.requests(QStringLiteral("machineInfo/registerAgent")).size(), 1);

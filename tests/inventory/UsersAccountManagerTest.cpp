@@ -1,6 +1,11 @@
 #include "inventory/InventoryFixtures.h"
 
+#include <QDir>
 #include <QElapsedTimer>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <ctime>
 
 #include <gtest/gtest.h>
 
@@ -26,10 +31,44 @@ TEST(UsersAccountManager, MalformedLinesAreSkipped)
         "LastLogon":""})"));
 }
 
-TEST(UsersAccountManager, WhoOutput)
+TEST(UsersAccountManager, AdministratorsByExactGroupName)
 {
-    EXPECT_EQ(UsersAccountManager::parseWhoOutput("\n   \n  root\tpts/0  2024-05-20 10:00\n"), "|root");
-    EXPECT_EQ(UsersAccountManager::parseWhoOutput(""), "");
+    UsersAccountManager::AccountFiles f;
+    f.passwd = "grootman:x:1000:1000::/h:/bin/sh\npseudo:x:1001:1001::/h:/bin/sh\nann:x:1002:27::/h:/bin/sh\n"
+               "bob:x:1003:1003::/h:/bin/sh\n";
+    f.group = "grootman:x:1000:\npseudo:x:1001:\nsudo:x:27:\nbob:x:1003:\nroot:x:0:bob\nsudoers:x:50:grootman\n";
+    QStringList privileges;
+    for (const UserInfo& u : UsersAccountManager::parseAccounts(f, QDate(2024, 5, 20)))
+        privileges << u.getName() + '=' + u.toJson().value("Privileges").toString();
+    EXPECT_EQ(privileges, QStringList({"grootman=1", "pseudo=1", "ann=2", "bob=2"}));
+}
+
+// Shadow's day numbers are UTC days: a password changed on today's UTC day is
+// 0 days old whatever the local zone, here one whose date is not UTC's.
+TEST(UsersAccountManager, PasswordAgeCountsUtcDays)
+{
+    const qint64 utcDay = std::time(nullptr) / 86400;
+    const QByteArray zone = qgetenv("TZ");
+    const bool morning = (std::time(nullptr) % 86400) < 10 * 3600;
+    qputenv("TZ", morning ? "XYZ+12" : "XYZ-14"); // local date a day behind, or ahead
+    ::tzset();
+    QTemporaryDir root;
+    ASSERT_TRUE(QDir().mkpath(root.path() + "/etc"));
+    const QPair<const char*, QByteArray> files[] = {
+        {"/etc/passwd", "ann:x:1000:1000::/h:/bin/sh\n"},
+        {"/etc/shadow", "ann:pw:" + QByteArray::number(utcDay) + ":1:99999:7:::\n"}};
+    for (const auto& file : files) {
+        QFile out(root.path() + file.first);
+        ASSERT_TRUE(out.open(QIODevice::WriteOnly) && out.write(file.second) == file.second.size());
+    }
+    edrtest::FakeToolDir noTools;
+    const QList<UserInfo> users =
+        UsersAccountManager(HostPaths::fromFixtureRoot(root.path()), noTools.runner()).getUsersAccounts();
+    zone.isNull() ? qunsetenv("TZ") : qputenv("TZ", zone);
+    ::tzset();
+    ASSERT_EQ(users.size(), 1);
+    EXPECT_EQ(users[0].toJson().value("PasswordAge"), "0");
+    EXPECT_EQ(users[0].toJson().value("PasswordChangeable"), "false"); // minimum age of one day not yet over
 }
 
 TEST(UsersAccountManager, RunsWhoAndLastOnceWithinTheirLimit)
@@ -38,6 +77,8 @@ TEST(UsersAccountManager, RunsWhoAndLastOnceWithinTheirLimit)
     invtest::addScenarioTools(tools, "laptop");
     UsersAccountManager users(invtest::rootOf("laptop"), tools.runner());
     EXPECT_EQ(users.getCurrentLoginUsers(), "alice|alice|bob");
+    EXPECT_EQ(UsersAccountManager::parseWhoOutput("\n   \n  root\tpts/0  2024-05-20 10:00\n"), "|root");
+    EXPECT_EQ(UsersAccountManager::parseWhoOutput(""), "");
     QJsonObject report;
     EXPECT_TRUE(users.getUsersAccountInfo(report));
     EXPECT_EQ(tools.invocations("who"), QList<QStringList>{QStringList()});

@@ -5,6 +5,7 @@
 #include "support/TestSupport.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
 #include <QThread>
@@ -12,10 +13,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace edrtest;
 
@@ -70,8 +75,6 @@ protected:
         manager->setDispatchForTesting([this](TasksManager::TASK_NAMES task, const QString& arg) {
             dispatched << task;
             EXPECT_TRUE(arg.isEmpty());
-            if (dispatched.size() == 1)
-                QThread::msleep(slowFirstRunMs);
             return false;
         });
     }
@@ -81,7 +84,6 @@ protected:
     ScratchPrefix prefix; // trace level, log under the prefix
     std::unique_ptr<ScheduleManager> manager;
     QList<int> dispatched;
-    unsigned long slowFirstRunMs = 0;
 };
 
 TEST_F(ScheduleManagerTest, OverlayChangesOnlyNamedValuesAndBadFilesChangeNothing)
@@ -152,26 +154,103 @@ TEST(ScheduleTicks, FirstMatchOnTickNPlusOneThenEveryN)
     EXPECT_FALSE(m.contains(TasksManager::StartUp) || m.contains(TasksManager::Network));
 }
 
+// Local calendar dates count, whatever offset the last run was written with.
+TEST(ScheduleStartUp, DueUnlessItRanOnTodaysLocalDate)
+{
+    ScheduleInfo entry;
+    entry.setEnable(true);
+    entry.setRunOnStart(true);
+    const QDateTime now(QDate(2026, 3, 10), QTime(12, 0), Qt::LocalTime);
+    const QDateTime earlyToday(QDate(2026, 3, 10), QTime(0, 10), Qt::LocalTime);
+    const QDateTime lateYesterday(QDate(2026, 3, 9), QTime(23, 50), Qt::LocalTime);
+    const int local = now.offsetFromUtc();
+    const struct {
+        QDateTime lastRun;
+        bool due;
+    } cases[] = {
+        {QDateTime(), true},
+        {earlyToday, false},
+        {lateYesterday, true},
+        {earlyToday.toOffsetFromUtc(local - 3600), false},  // written as yesterday 23:10
+        {lateYesterday.toOffsetFromUtc(local + 3600), true}, // written as today 00:50
+        {now.addDays(1), false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(ScheduleManager::isDueAtStartUp(entry, c.lastRun, now), c.due) << qPrintable(c.lastRun.toString(Qt::ISODate));
+    entry.setRunOnStart(false);
+    EXPECT_FALSE(ScheduleManager::isDueAtStartUp(entry, QDateTime(), now));
+}
+
+// A FIFO at schedule.db must not block the download; an oversized reply leaves the file alone.
+TEST_F(ScheduleManagerTest, ConfigDownloadWritesOnlyARegularFileOfBoundedSize)
+{
+    FakeHttpServer server;
+    prefix.pointAtServer(server.port());
+    server.setReply({200, "<AgentInfo><Interval>30</Interval></AgentInfo>", "application/xml"});
+    const QByteArray fifo = QFile::encodeName(scheduleFile());
+    ASSERT_EQ(::mkfifo(fifo.constData(), 0600), 0);
+    std::atomic<bool> finished{false};
+    bool downloaded = true;
+    std::thread call([&] {
+        downloaded = manager->getAgentConfigFromServer();
+        finished = true;
+    });
+    for (int i = 0; i < 500 && !finished; ++i)
+        QThread::msleep(20);
+    if (!finished) { // release the blocked writer before failing
+        ADD_FAILURE() << "writing schedule.db blocked on a FIFO";
+        ::close(::open(fifo.constData(), O_RDONLY | O_NONBLOCK));
+    }
+    call.join();
+    EXPECT_FALSE(downloaded);
+    EXPECT_EQ(logCount("Failed to open Agent Config file for write."), 1);
+
+    QFile::remove(scheduleFile());
+    writeFile(scheduleFile(), "<AgentInfo/>");
+    server.setReply({200, QByteArray(ScheduleManager::kMaxScheduleFileBytes + 1, ' '), "application/xml"});
+    EXPECT_FALSE(manager->getAgentConfigFromServer());
+    EXPECT_EQ(HostPaths::readFile(scheduleFile()), "<AgentInfo/>");
+    EXPECT_EQ(logCount("Failed to get Agent Config file server."), 1);
+}
+
+// Bounds that load can only make easier: a busy machine gives fewer ticks, never more.
 TEST_F(ScheduleManagerTest, TimerMatchesCountedUnderASmallTimeScaleMissedTicksDropped)
 {
     const double previousScale = Common::timeScale();
     Common::setTimeScaleForTesting(0.001); // one tick every 60 ms
-    slowFirstRunMs = 600;                  // the first report spans ten ticks
     writeFile(scheduleFile(), "<AgentInfo><Interval>0</Interval></AgentInfo><StartUp><Interval>2</Interval></StartUp>");
     ASSERT_TRUE(manager->getLatestSchedules());
+    QElapsedTimer clock;
+    qint64 slowRunEnded = 0;
+    QList<qint64> agentInfoAt;
+    manager->setDispatchForTesting([&](TasksManager::TASK_NAMES task, const QString&) {
+        dispatched << task;
+        if (task != TasksManager::AgentInfo)
+            return false;
+        agentInfoAt << clock.elapsed();
+        if (agentInfoAt.size() == 1) {
+            QThread::msleep(600); // the first report spans ten ticks
+            slowRunEnded = clock.elapsed();
+        }
+        if (agentInfoAt.size() == 4)
+            manager->stopScheduler();
+        return false;
+    });
+    clock.start();
     manager->runScheduler();
-    spinEventLoop(1000);
-    manager->stopScheduler();
+    while (manager->isSchedulerRunning() && clock.elapsed() < 60000)
+        spinEventLoop(20);
     Common::setTimeScaleForTesting(previousScale);
 
-    const int ticks = dispatched.count(TasksManager::AgentInfo);
-    EXPECT_GE(ticks, 3);
-    EXPECT_LE(ticks, 10); // 16 if the ticks missed during the slow report were made up
-    EXPECT_EQ(dispatched.count(TasksManager::StartUp), (ticks - 1) / 2);
-    EXPECT_EQ(logCount("Schedule Matched! Task Name: AgentInfo"), ticks);
-    EXPECT_EQ(logCount("void ScheduleManager::onScheduleTimer() | Failed to send AgentInfo report to server."), ticks);
+    ASSERT_EQ(agentInfoAt.size(), 4);
+    // Ticks missed during the slow run were not made up in a burst after it:
+    // the fourth match waits for at least two more periods.
+    EXPECT_GE(agentInfoAt.at(3) - slowRunEnded, 2 * 60 - 10);
+    EXPECT_EQ(dispatched.count(TasksManager::StartUp), 1); // due on the third tick only
+    EXPECT_EQ(logCount("Schedule Matched! Task Name: AgentInfo"), 4);
+    EXPECT_EQ(logCount("void ScheduleManager::onScheduleTimer() | Failed to send AgentInfo report to server."), 4);
     spinEventLoop(150);
-    EXPECT_EQ(dispatched.count(TasksManager::AgentInfo), ticks); // stopped
+    EXPECT_EQ(agentInfoAt.size(), 4); // stopped
 }
 
 TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenTheDownloadFails)
