@@ -6,6 +6,8 @@
 
 #include <initializer_list>
 
+class AgentManager;
+
 // Signal handling: the handler only writes the signal number to a self-pipe;
 // the main thread reads it, logs and quits the event loop.
 void catchUnixSignals(std::initializer_list<int> signalList);
@@ -39,8 +41,10 @@ private slots:
 
 private:
     void continueStartup();
+    bool registerWithServer(AgentManager& agent);
 
     QSocketNotifier* m_notifier = nullptr;
     QTimer m_retryTimer;
     int m_attempts = 0;
+    bool m_reportedNoServer = false;
 };
