@@ -84,6 +84,8 @@ errors() { log | grep -c ' ERROR \['; }
 log() { cat /var/lib/edr-agent/EDR_Track.log 2>/dev/null; }
 unit_is() { [ "$(in_sandbox systemctl "$1" "$2" 2>/dev/null)" = "$3" ]; }
 main_pid() { in_sandbox systemctl show -p MainPID --value edr-agent; }
+pid_changed() { [ "$(main_pid)" != "$1" ]; }
+in_request() { ss -tnH state established "dst 127.0.0.1:$http_port" | grep -q .; }
 # Milliseconds that `systemctl stop edr-agent` takes.
 stop_ms() {
   local t0; t0=$(date +%s%N)
@@ -156,6 +158,21 @@ infos=$(count machineInfo/addMachineInfo)
 in_sandbox systemctl start edr-agent
 check "restart sends agent information again" wait_for 60 at_least machineInfo/addMachineInfo $((infos + 1))
 check "restart keeps the token (one registration)" test "$(count machineInfo/registerAgent)" = 1
+
+# Upgrade (the same version again): the unit restarts, the edited conffile stays.
+before=$(main_pid)
+in_sandbox dpkg -i "$deb" >"$work/upgrade.log" 2>&1
+check "upgrade restarts the agent" wait_for 10 pid_changed "$before"
+check "upgrade keeps the edited serverip.ini" grep -q "EDRPORT=$http_port" /etc/edr-agent/serverip.ini
+
+# A server that accepts and never answers holds the agent in a request.
+admin() { exec 3<>"/dev/tcp/127.0.0.1/$http_port" && printf 'POST %s HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n' "$1" >&3 && cat <&3 >/dev/null; exec 3<&-; }
+admin '/admin/fault?mode=silent'
+in_sandbox systemctl restart edr-agent
+wait_for 30 in_request
+t=$(stop_ms); check "stop while a request hangs takes $t ms (<= 3000)" test "$t" -le 3000
+admin '/admin/fault?mode=none'
+in_sandbox systemctl start edr-agent
 
 # --- the updater restarts the agent's unit and finishes its own work
 marker=$work/updater.marker
