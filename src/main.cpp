@@ -1,16 +1,20 @@
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/DataDirModes.h"
 #include "core/EdrAgentConfig.h"
+#include "push/OrderPolicy.h"
 #include "service/ReportCommand.h"
 #include "service/ServiceHost.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,6 +31,22 @@ void applyLogLevel(const QString& fromCommandLine)
                            qUtf8Printable(configured));
     }
     EDR_LOG->setLevel(level);
+}
+
+// Prints the order policy in force; an agent.conf we cannot read would
+// otherwise look like "allow everything".
+int printPolicy()
+{
+    const EdrAgentConfig config;
+    const QByteArray path = QFile::encodeName(config.path());
+    struct stat st {};
+    const bool missing = ::stat(path.constData(), &st) != 0 && errno == ENOENT;
+    if (!missing && ::access(path.constData(), R_OK) != 0) {
+        std::fprintf(stderr, "edr-agent: cannot read %s: %s\n", path.constData(), std::strerror(errno));
+        return 1;
+    }
+    std::fputs(qUtf8Printable(OrderPolicy(config).describe()), stdout);
+    return 0;
 }
 } // namespace
 
@@ -49,8 +69,8 @@ int main(int argc, char** argv)
                                    QStringLiteral("LEVEL"));
     parser.addOption(prefixOption);
     parser.addOption(levelOption);
-    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("Optional: report NAME"),
-                                 QStringLiteral("[report NAME]"));
+    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("Optional: report NAME, or policy"),
+                                 QStringLiteral("[report NAME | policy]"));
     parser.process(app);
 
     Common::setPrefix(parser.value(prefixOption));
@@ -61,9 +81,11 @@ int main(int argc, char** argv)
         return 2;
     }
     const QStringList positional = parser.positionalArguments();
+    if (positional == QStringList{QStringLiteral("policy")})
+        return printPolicy();
     if (!positional.isEmpty()) {
         if (positional.first() != QLatin1String("report") || positional.size() != 2) {
-            std::fprintf(stderr, "edr-agent: usage: edr-agent [options] report NAME (%s)\n",
+            std::fprintf(stderr, "edr-agent: usage: edr-agent [options] report NAME (%s) | policy\n",
                          qUtf8Printable(ReportCommand::names().join(QStringLiteral(", "))));
             return 2;
         }
@@ -84,6 +106,8 @@ int main(int argc, char** argv)
     QDir().mkpath(Common::getEdrDirPath());
     QDir().mkpath(Common::getReportsPath());
     applyLogLevel(level);
+    // Files an older version left readable are closed up before anything runs.
+    DataDirModes::tighten(Common::getEdrDirPath());
     if (EdrAgentConfig().isMalformed())
         EDR_LOG->Error("int main(int, char**)", EINVAL, "agent.conf could not be parsed; defaults are in use");
 

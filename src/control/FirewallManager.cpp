@@ -111,7 +111,7 @@ bool FirewallManager::sendRptToServer(const QString& requestId)
         });
 }
 
-bool FirewallManager::executeSendReportToServer(const QString& parameter)
+bool FirewallManager::executeSendReportToServer(const QString& parameter, bool permitted)
 {
     BusyGuard guard(m_actionBusy);
     if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
@@ -125,7 +125,7 @@ bool FirewallManager::executeSendReportToServer(const QString& parameter)
 
     QJsonObject result;
     result.insert(QStringLiteral("_id"), order->id);
-    const bool changed = enableFirewall(order->enable, order->privateProfile, order->domainProfile);
+    const bool changed = permitted && enableFirewall(order->enable, order->privateProfile, order->domainProfile);
     const QString message = order->message(changed);
     result.insert(QStringLiteral("status"), changed ? 0 : 1);
     EDR_LOG->Info(Q_FUNC_INFO, "%s", qUtf8Printable(message));

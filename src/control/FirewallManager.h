@@ -22,7 +22,8 @@ public:
 
     bool collectReport(QJsonObject& body);
     bool sendRptToServer(const QString& requestId);
-    bool executeSendReportToServer(const QString& parameter);
+    // Not permitted: nothing runs and the failure result is posted.
+    bool executeSendReportToServer(const QString& parameter, bool permitted = true);
 
     // "public" is true unless the status text mentions "inactive"; the other
     // two profiles do not exist on this host and stay false.

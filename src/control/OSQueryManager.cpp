@@ -70,14 +70,14 @@ bool OSQueryManager::executeQuery(const QString& query, QJsonArray& rows)
     return true;
 }
 
-bool OSQueryManager::sendRptToServer(const QString& arg)
+bool OSQueryManager::sendRptToServer(const QString& arg, bool permitted)
 {
     const char* origin = Q_FUNC_INFO;
     return ReportSubmitter::submitReport(
         origin, m_reportBusy, OSQUERY_OUTPUT,
         {"Failed to osquery output.", "Successfully send osquery output to server.",
          "Failed to send osquery output to server."},
-        [this, &arg, origin](QJsonObject& body) {
+        [this, &arg, origin, permitted](QJsonObject& body) {
             const std::optional<Request> request = parseArgument(arg);
             if (!request) {
                 // Nothing to run: counts as a failed query.
@@ -85,7 +85,7 @@ bool OSQueryManager::sendRptToServer(const QString& arg)
                 return false;
             }
             QJsonArray rows;
-            if (!executeQuery(request->query, rows))
+            if (!permitted || !executeQuery(request->query, rows))
                 return false;
             body.insert(QStringLiteral("_id"), request->id);
             body.insert(QStringLiteral("Output"), rows);

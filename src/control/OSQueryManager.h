@@ -18,7 +18,8 @@ public:
     explicit OSQueryManager(const ToolRunner& runner = ToolRunner());
 
     bool executeQuery(const QString& query, QJsonArray& rows);
-    bool sendRptToServer(const QString& arg);
+    // Not permitted: nothing runs and the failure result (if any) is posted.
+    bool sendRptToServer(const QString& arg, bool permitted = true);
 
     static QString osqueryPath(); // getRootPath() + "/osquery/osquery"
 

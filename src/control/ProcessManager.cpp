@@ -188,7 +188,7 @@ bool ProcessManager::sendRptToServer(const QString&)
         [this](QJsonObject& body) { return collectReport(body); });
 }
 
-bool ProcessManager::executeSendReportToServer(const QString& parameter)
+bool ProcessManager::executeSendReportToServer(const QString& parameter, bool permitted)
 {
     BusyGuard guard(m_actionBusy);
     if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
@@ -201,7 +201,7 @@ bool ProcessManager::executeSendReportToServer(const QString& parameter)
     bool killed = false;
     if (fields.size() >= 3) {
         result.insert(QStringLiteral("_id"), fields.at(2));
-        const int code = fields.at(0).toInt(nullptr, 10);
+        const int code = permitted ? fields.at(0).toInt(nullptr, 10) : 0;
         if (code == 1) {
             const std::optional<unsigned int> pid = parseKillTarget(target);
             if (pid)

@@ -29,7 +29,8 @@ public:
 
     // Task 3: the periodic report and the kill order.
     bool sendRptToServer(const QString& parameter);
-    bool executeSendReportToServer(const QString& parameter);
+    // Not permitted: nothing runs and the failure result is posted.
+    bool executeSendReportToServer(const QString& parameter, bool permitted = true);
     // Exactly the body sendRptToServer posts.
     bool collectReport(QJsonObject& body) { return getRunningProcess(body); }
 

@@ -337,7 +337,7 @@ bool ServiceManager::sendRptToServer(const QString&)
         [this](QJsonObject& body) { return collectReport(body); });
 }
 
-bool ServiceManager::executeSendReportToServer(const QString& parameter)
+bool ServiceManager::executeSendReportToServer(const QString& parameter, bool permitted)
 {
     BusyGuard guard(m_actionBusy);
     if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
@@ -350,7 +350,7 @@ bool ServiceManager::executeSendReportToServer(const QString& parameter)
     bool done = false;
     if (fields.size() >= 3) {
         result.insert(QStringLiteral("_id"), fields.at(2));
-        switch (fields.at(0).toInt(nullptr, 10)) {
+        switch (permitted ? fields.at(0).toInt(nullptr, 10) : 0) {
         case 1:
             done = startService(name);
             break;

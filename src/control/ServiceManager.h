@@ -30,7 +30,8 @@ public:
 
     // Task 2: the periodic report and the service order.
     bool sendRptToServer(const QString& parameter);
-    bool executeSendReportToServer(const QString& parameter);
+    // Not permitted: nothing runs and the failure result is posted.
+    bool executeSendReportToServer(const QString& parameter, bool permitted = true);
     // Exactly the body sendRptToServer posts.
     bool collectReport(QJsonObject& body) { return getListOfServices(body); }
 

@@ -201,7 +201,7 @@ StartupAppsManager::Order StartupAppsManager::parseOrder(const QString& paramete
     return order;
 }
 
-bool StartupAppsManager::executeSendReportToServer(const QString& parameter)
+bool StartupAppsManager::executeSendReportToServer(const QString& parameter, bool permitted)
 {
     BusyGuard guard(m_actionBusy);
     if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
@@ -212,7 +212,7 @@ bool StartupAppsManager::executeSendReportToServer(const QString& parameter)
         result.insert(QStringLiteral("_id"), *order.id);
 
     QString message;
-    if (enableStartupTask(order.first, order.second, order.enable)) {
+    if (permitted && enableStartupTask(order.first, order.second, order.enable)) {
         const QString action = order.enable ? QStringLiteral("Enabled") : QStringLiteral("Disabled");
         result.insert(QStringLiteral("status"), 0);
         EDR_LOG->Info(Q_FUNC_INFO, "Successfully %s Startup App! - %s %s", qUtf8Printable(action),

@@ -29,7 +29,8 @@ public:
 
     bool collectReport(QJsonObject& body);
     bool sendRptToServer(const QString& arg);
-    bool executeSendReportToServer(const QString& parameter);
+    // Not permitted: nothing runs and the failure result is posted.
+    bool executeSendReportToServer(const QString& parameter, bool permitted = true);
 
     // Keys of one [group] of an INI-style text (desktop entries, unit files).
     // Lines are trimmed; '#' and ';' lines are comments; a repeated key keeps

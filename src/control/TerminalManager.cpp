@@ -67,7 +67,7 @@ bool TerminalManager::runCommandAsUser(const QString& command, QString& output, 
     return run(command, kUserCommandTimeoutMs, output);
 }
 
-bool TerminalManager::executeCommand(const QString& command, bool asUser, QJsonObject& result)
+bool TerminalManager::executeCommand(const QString& command, bool asUser, QJsonObject& result, bool permitted)
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     if (command.isEmpty()) {
@@ -76,8 +76,9 @@ bool TerminalManager::executeCommand(const QString& command, bool asUser, QJsonO
     }
     QString output;
     int errorCode = 0;
-    const bool finished = asUser ? runCommandAsUser(command, output, errorCode)
-                                 : runCommand(command, output, errorCode);
+    // A refused command reports like one that could not be run.
+    const bool finished = permitted && (asUser ? runCommandAsUser(command, output, errorCode)
+                                               : runCommand(command, output, errorCode));
     result.insert(QStringLiteral("status"), finished ? 2 : 1);
     result.insert(QStringLiteral("Error"), 0);
     if (finished)
@@ -86,7 +87,7 @@ bool TerminalManager::executeCommand(const QString& command, bool asUser, QJsonO
     return true;
 }
 
-bool TerminalManager::sendRptToServer(const QString& arg)
+bool TerminalManager::sendRptToServer(const QString& arg, bool permitted)
 {
     BusyGuard guard(m_reportBusy);
     if (!ReportSubmitter::enter(Q_FUNC_INFO, guard))
@@ -100,7 +101,7 @@ bool TerminalManager::sendRptToServer(const QString& arg)
     QJsonObject result;
     result.insert(QStringLiteral("_id"), request->id);
     result.insert(QStringLiteral("cmd"), request->command);
-    if (!executeCommand(request->command, request->asUser, result)) {
+    if (!executeCommand(request->command, request->asUser, result, permitted)) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to Send Terminal Output.");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;

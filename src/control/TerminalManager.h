@@ -18,8 +18,9 @@ public:
 
     bool runCommand(const QString& command, QString& output, int& errorCode);
     bool runCommandAsUser(const QString& command, QString& output, int& errorCode);
-    bool executeCommand(const QString& command, bool asUser, QJsonObject& result);
-    bool sendRptToServer(const QString& arg);
+    bool executeCommand(const QString& command, bool asUser, QJsonObject& result, bool permitted = true);
+    // Not permitted: nothing runs and the failure result (if any) is posted.
+    bool sendRptToServer(const QString& arg, bool permitted = true);
 
     // "id|command" or "id|U|command". The flag only looks at the character
     // after the first '|', and the command starts after a second '|' only when

@@ -9,8 +9,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -63,12 +61,9 @@ void CLogger::releaseInstance()
     s_instance = nullptr;
 }
 
-CLogger::CLogger() : m_path(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log")) {}
+CLogger::CLogger() : m_file(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log")) {}
 
-CLogger::~CLogger()
-{
-    closeFile();
-}
+CLogger::~CLogger() = default;
 
 void CLogger::setLevel(Level level)
 {
@@ -93,64 +88,20 @@ bool CLogger::parseLevel(const QString& text, Level* out)
 void CLogger::setFilePath(const QString& path)
 {
     QMutexLocker lock(&m_mutex);
-    closeFile();
-    m_path = path;
+    m_file.setPath(path);
     m_warnedStderr = false;
 }
 
 QString CLogger::filePath() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_path;
+    return m_file.path();
 }
 
 void CLogger::setRotation(qint64 maxBytes, int keptFiles)
 {
     QMutexLocker lock(&m_mutex);
-    m_maxBytes = maxBytes;
-    m_keptFiles = keptFiles;
-}
-
-void CLogger::closeFile()
-{
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = -1;
-    m_size = 0;
-}
-
-// Re-opens the file when it was deleted or replaced behind our back (the push
-// channel deletes it on command), so the next line lands in a fresh file.
-bool CLogger::ensureOpen()
-{
-    const QByteArray path = QFile::encodeName(m_path);
-    if (m_fd >= 0) {
-        struct stat onDisk {}, open {};
-        if (::stat(path.constData(), &onDisk) == 0 && ::fstat(m_fd, &open) == 0 &&
-            onDisk.st_ino == open.st_ino && onDisk.st_dev == open.st_dev)
-            return true;
-        closeFile();
-    }
-    m_fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    if (m_fd < 0)
-        return false;
-    ::fchmod(m_fd, 0600);
-    struct stat st {};
-    m_size = ::fstat(m_fd, &st) == 0 ? st.st_size : 0;
-    return true;
-}
-
-void CLogger::rotate()
-{
-    closeFile();
-    const QByteArray base = QFile::encodeName(m_path);
-    for (int i = m_keptFiles; i >= 1; --i) {
-        const QByteArray from = i == 1 ? base : base + '.' + QByteArray::number(i - 1);
-        const QByteArray to = base + '.' + QByteArray::number(i);
-        ::rename(from.constData(), to.constData());
-    }
-    if (m_keptFiles <= 0)
-        ::unlink(base.constData());
+    m_file.setRotation(maxBytes, keptFiles);
 }
 
 void CLogger::write(Level level, const char* origin, const int* err, const char* format, va_list args)
@@ -193,24 +144,15 @@ void CLogger::write(Level level, const char* origin, const int* err, const char*
     line += '\n';
 
     QMutexLocker lock(&m_mutex);
-    if (!ensureOpen()) {
-        if (!m_warnedStderr) {
-            m_warnedStderr = true;
-            const QByteArray warn = "edr-agent: cannot write " + QFile::encodeName(m_path) + ", logging to stderr\n";
-            writeAll(STDERR_FILENO, warn.constData(), static_cast<size_t>(warn.size()));
-        }
-        writeAll(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
+    if (m_file.append(line))
         return;
+    if (!m_warnedStderr) {
+        m_warnedStderr = true;
+        const QByteArray warn =
+            "edr-agent: cannot write " + QFile::encodeName(m_file.path()) + ", logging to stderr\n";
+        writeAll(STDERR_FILENO, warn.constData(), static_cast<size_t>(warn.size()));
     }
-    if (m_maxBytes > 0 && m_size > 0 && m_size + line.size() > m_maxBytes) {
-        rotate();
-        if (!ensureOpen()) {
-            writeAll(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
-            return;
-        }
-    }
-    if (writeAll(m_fd, line.constData(), static_cast<size_t>(line.size())))
-        m_size += line.size();
+    writeAll(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
 }
 
 void CLogger::Trace(const char* origin, const char* format, ...)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/RotatingFile.h"
+
 #include <QMutex>
 #include <QString>
 #include <atomic>
@@ -40,17 +42,10 @@ private:
     CLogger& operator=(const CLogger&) = delete;
 
     void write(Level level, const char* origin, const int* err, const char* format, va_list args);
-    bool ensureOpen();
-    void rotate();
-    void closeFile();
 
     static CLogger* s_instance;
     mutable QMutex m_mutex;
-    QString m_path;
-    int m_fd = -1;
-    qint64 m_size = 0;
-    qint64 m_maxBytes = 10 * 1024 * 1024;
-    int m_keptFiles = 3;
+    RotatingFile m_file;
     std::atomic<Level> m_level{LEVEL_INFO};
     bool m_warnedStderr = false;
 };

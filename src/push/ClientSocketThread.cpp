@@ -1,5 +1,6 @@
 #include "push/ClientSocketThread.h"
 
+#include "core/AuditLog.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
 
@@ -140,6 +141,8 @@ bool ClientSocketThread::runSocketListner()
             if (!peerAllowed(QString::fromLatin1(address))) {
                 EDR_LOG->Error(Q_FUNC_INFO, EACCES,
                                "Refused command connection from %s: not an allowed address", address);
+                AuditLog::getInstance()->record(AuditLog::Listener, QString::fromLatin1(address), QString(),
+                                                std::nullopt, AuditLog::RefusedPeer);
                 ::close(client);
                 continue;
             }
@@ -191,6 +194,9 @@ void ClientSocketThread::connectToSocket(int fd)
         m_clientAddress = QString::fromLatin1(address);
         if (!peerAllowed(m_clientAddress)) {
             EDR_LOG->Error(Q_FUNC_INFO, EACCES, "Refused command from %s: not an allowed address", address);
+            buffer[n] = '\0';
+            AuditLog::getInstance()->record(AuditLog::Listener, m_clientAddress, QString::fromUtf8(buffer),
+                                            std::nullopt, AuditLog::RefusedPeer);
             EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
             return;
         }

@@ -1,5 +1,6 @@
 #include "push/SocketManager.h"
 
+#include "push/OrderPolicy.h"
 #include "push/PushCommand.h"
 
 #include "core/CLogger.h"
@@ -125,47 +126,76 @@ void SocketManager::onSocketServerThreadFinished()
 void SocketManager::onMessageRecieved(const QString& ip, const QString& message)
 {
     EDR_LOG->Trace(Q_FUNC_INFO, "Processing Message");
-    processCommand(ip, message);
+    processCommand(ip, message, sender() == &m_serverThread ? AuditLog::Push : AuditLog::Listener);
 }
 
-void SocketManager::processCommand(const QString& ip, const QString& message)
+void SocketManager::processCommand(const QString& ip, const QString& message, AuditLog::Channel channel)
 {
-    Q_UNUSED(ip);
     const PushCommand command = PushCommand::parse(message);
+    // The server's own keep-alives are no commands.
+    if (channel == AuditLog::Push && message == QLatin1String("keep-alive"))
+        return;
+    AuditLog* audit = AuditLog::getInstance();
+    const bool numbered = command.kind == PushCommand::Report || command.kind == PushCommand::Action;
+    const std::optional<int> task = numbered ? std::optional<int>(command.task) : std::nullopt;
+    if (command.kind == PushCommand::Ignored || command.kind == PushCommand::TooShort) {
+        audit->record(channel, ip, message, task, AuditLog::Malformed);
+        carryOut(command, true);
+        return;
+    }
+    const QString key = OrderPolicy::keyFor(command);
+    if (!key.isEmpty() && !OrderPolicy().allows(key)) {
+        EDR_LOG->Error(Q_FUNC_INFO, EACCES, "Order '%s' refused: policy %s does not allow it",
+                       qUtf8Printable(message.left(AuditLog::kMaxCommandBytes)), qUtf8Printable(key));
+        audit->record(channel, ip, message, task, AuditLog::Denied);
+        carryOut(command, false);
+        return;
+    }
+    const AuditLog::Entry entry = audit->begin(channel, ip, message, task);
+    audit->finish(entry, carryOut(command, true) ? AuditLog::Done : AuditLog::Failed);
+}
+
+// True when the command was carried out; a refused order only reports its failure.
+bool SocketManager::carryOut(const PushCommand& command, bool permitted)
+{
+    const auto task = static_cast<TasksManager::TASK_NAMES>(command.task);
     switch (command.kind) {
     case PushCommand::Ignored:
-        break;
+        return false;
     case PushCommand::TooShort:
         EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Ignored %s command without a subject", qUtf8Printable(command.word));
-        break;
+        return false;
     case PushCommand::ConfigChange:
-        if (m_scheduleManager && m_scheduleManager->getLatestSceduleFromServer())
+        if (m_scheduleManager && m_scheduleManager->getLatestSceduleFromServer()) {
             EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Downloaded Updated Agent Config!");
-        else
-            EDR_LOG->Trace(Q_FUNC_INFO, "Failed to Download Agent Config!");
-        break;
+            return true;
+        }
+        EDR_LOG->Trace(Q_FUNC_INFO, "Failed to Download Agent Config!");
+        return false;
     case PushCommand::Update:
-        if (m_scheduleManager && m_scheduleManager->getLatestAgentFromServer())
+        if (!permitted)
+            return false;
+        if (m_scheduleManager && m_scheduleManager->getLatestAgentFromServer()) {
             EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Started Agent Updater!");
-        else
-            EDR_LOG->Trace(Q_FUNC_INFO, "Failed to Start Agent Updater!");
-        break;
+            return true;
+        }
+        EDR_LOG->Trace(Q_FUNC_INFO, "Failed to Start Agent Updater!");
+        return false;
     case PushCommand::Report:
-        if (m_tasksManager)
-            m_tasksManager->sendReportToServer(static_cast<TasksManager::TASK_NAMES>(command.task), command.parameter);
-        break;
+        return m_tasksManager && m_tasksManager->carryOutReport(task, command.parameter, permitted).value_or(false);
     case PushCommand::Action:
-        if (m_tasksManager)
-            m_tasksManager->executeSendReportToServer(static_cast<TasksManager::TASK_NAMES>(command.task),
-                                                      command.parameter);
-        break;
+        return m_tasksManager && m_tasksManager->carryOutAction(task, command.parameter, permitted).value_or(false);
     case PushCommand::ResetTraceLog:
-        if (QFile::remove(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log")))
+        if (!permitted)
+            return false;
+        if (QFile::remove(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log"))) {
             EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Deleted Trace Log!");
-        else
-            EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to Delete Trace Log!");
-        break;
+            return true;
+        }
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to Delete Trace Log!");
+        return false;
     }
+    return false;
 }
 
 bool SocketManager::sendMessageTo(const QString& ip, const QString& message, quint64 port, bool datagram)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/AuditLog.h"
 #include "core/EdrAgentConfig.h"
 #include "push/ClientSocketThread.h"
 #include "push/ServerSocketThread.h"
@@ -12,6 +13,7 @@ class AgentDetails;
 class ServerDetails;
 class TasksManager;
 class ScheduleManager;
+class PushCommand;
 
 // Owns the two socket threads and carries out the commands they receive, on
 // the main thread, in arrival order.
@@ -30,7 +32,9 @@ public:
     void disconnectFromSocketServer();
     void disconnectFromServer();
 
-    void processCommand(const QString& ip, const QString& message);
+    // Every command is audited, and carried out when the order policy allows it.
+    void processCommand(const QString& ip, const QString& message,
+                        AuditLog::Channel channel = AuditLog::Listener);
     bool sendMessageTo(const QString& ip, const QString& message, quint64 port, bool datagram);
 
     // For tests: the threads' current state.
@@ -43,6 +47,7 @@ public slots:
 
 private:
     SocketManager();
+    bool carryOut(const PushCommand& command, bool permitted);
     static SocketManager* s_instance;
 
     EdrAgentConfig m_config;

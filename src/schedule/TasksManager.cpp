@@ -76,62 +76,64 @@ QStringList TasksManager::taskNames()
 
 bool TasksManager::sendReportToServer(TASK_NAMES task, const QString& parameter)
 {
-    switch (task) {
-    case AgentInfo:
-        m_agentManager->sendRptToServer(parameter);
-        break;
-    case StartUp:
-        m_startupAppsManager->sendRptToServer(parameter);
-        break;
-    case Services:
-        m_serviceManager->sendRptToServer(parameter);
-        break;
-    case Processes:
-        m_processManager->sendRptToServer(parameter);
-        break;
-    case InstalledSoft:
-        m_installSoftManager->sendRptToServer(parameter);
-        break;
-    case HardwareInfo:
-        m_hardwareInfoManager->sendRptToServer(parameter);
-        break;
-    case Network_Mon:
-        m_networkMonManager->sendRptToServer(parameter);
-        break;
-    case MTasks:
-        m_terminalManager->sendRptToServer(parameter);
-        break;
-    case WindowsFirewallStatus:
-        m_firewallManager->sendRptToServer(parameter);
-        break;
-    case OS_Query:
-        m_osQueryManager->sendRptToServer(parameter);
-        break;
-    default:
-        break;
-    }
+    carryOutReport(task, parameter);
     return false;
 }
 
 bool TasksManager::executeSendReportToServer(TASK_NAMES task, const QString& parameter)
 {
+    carryOutAction(task, parameter);
+    return false;
+}
+
+std::optional<bool> TasksManager::carryOutReport(TASK_NAMES task, const QString& parameter, bool permitted)
+{
     switch (task) {
-    case StartUp:
-        m_startupAppsManager->executeSendReportToServer(parameter);
-        break;
-    case Services:
-        m_serviceManager->executeSendReportToServer(parameter);
-        break;
-    case Processes:
-        m_processManager->executeSendReportToServer(parameter);
-        break;
-    case WindowsFirewallStatus:
-        m_firewallManager->executeSendReportToServer(parameter);
-        break;
+    case MTasks:
+        return m_terminalManager->sendRptToServer(parameter, permitted);
+    case OS_Query:
+        return m_osQueryManager->sendRptToServer(parameter, permitted);
     default:
         break;
     }
-    return false;
+    if (!permitted)
+        return false;
+    switch (task) {
+    case AgentInfo:
+        return m_agentManager->sendRptToServer(parameter);
+    case StartUp:
+        return m_startupAppsManager->sendRptToServer(parameter);
+    case Services:
+        return m_serviceManager->sendRptToServer(parameter);
+    case Processes:
+        return m_processManager->sendRptToServer(parameter);
+    case InstalledSoft:
+        return m_installSoftManager->sendRptToServer(parameter);
+    case HardwareInfo:
+        return m_hardwareInfoManager->sendRptToServer(parameter);
+    case Network_Mon:
+        return m_networkMonManager->sendRptToServer(parameter);
+    case WindowsFirewallStatus:
+        return m_firewallManager->sendRptToServer(parameter);
+    default:
+        return std::nullopt;
+    }
+}
+
+std::optional<bool> TasksManager::carryOutAction(TASK_NAMES task, const QString& parameter, bool permitted)
+{
+    switch (task) {
+    case StartUp:
+        return m_startupAppsManager->executeSendReportToServer(parameter, permitted);
+    case Services:
+        return m_serviceManager->executeSendReportToServer(parameter, permitted);
+    case Processes:
+        return m_processManager->executeSendReportToServer(parameter, permitted);
+    case WindowsFirewallStatus:
+        return m_firewallManager->executeSendReportToServer(parameter, permitted);
+    default:
+        return std::nullopt;
+    }
 }
 
 namespace {

@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 class AgentManager;
 class StartupAppsManager;
 class ProcessManager;
@@ -59,6 +61,12 @@ public:
     bool sendReportToServer(TASK_NAMES task, const QString& parameter);
     bool executeSendReportToServer(TASK_NAMES task, const QString& parameter);
     bool sendPendingReport(const QString& path);
+
+    // The same dispatch, passing the manager's own result back (nullopt: no
+    // handler). A refused order runs nothing and posts the manager's failure
+    // result; only the orders a policy key governs can be refused.
+    std::optional<bool> carryOutReport(TASK_NAMES task, const QString& parameter, bool permitted = true);
+    std::optional<bool> carryOutAction(TASK_NAMES task, const QString& parameter, bool permitted = true);
 
 private:
     static TasksManager* s_instance;

@@ -72,6 +72,14 @@ TEST_F(PushChannel, HandshakeAndKeepAliveOnTheServerConnection)
 
     ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 20000));
+    // The command reaches the audit log marked as from the server connection.
+    QFile audit(agent.dataDir() + QStringLiteral("/audit.log"));
+    QElapsedTimer wait;
+    wait.start();
+    while (!audit.exists() && wait.elapsed() < 10000)
+        QThread::msleep(20);
+    ASSERT_TRUE(audit.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(audit.readAll().startsWith(R"({"channel":"push","command":"RPT#$#$0#$#0","peer":"127.0.0.1","task":0,)"));
     // Keep-alive after the message and after (scaled) silence.
     QElapsedTimer clock;
     clock.start();

@@ -1,5 +1,6 @@
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/EdrAgentConfig.h"
 #include "push/SocketManager.h"
 #include "schedule/ScheduleManager.h"
 
@@ -15,6 +16,8 @@
 #include <QTimer>
 
 #include <gtest/gtest.h>
+
+#include <iterator>
 
 #include <csignal>
 #include <sys/socket.h>
@@ -158,4 +161,102 @@ TEST(SocketManagerSend, SendsRawTextCutToItsBuffer)
     while (!(chunk = LoopbackSocket::readSome(peer.fd, 2000)).isEmpty())
         received += chunk;
     EXPECT_EQ(received, QByteArray(4095, 'a')); // the text and its terminator fit 4096 bytes
+}
+
+namespace {
+QList<QJsonObject> auditRecords()
+{
+    QFile file(Common::getEdrDirPath() + QStringLiteral("/audit.log"));
+    QList<QJsonObject> out;
+    if (!file.open(QIODevice::ReadOnly))
+        return out;
+    for (const QByteArray& line : file.readAll().split('\n'))
+        if (!line.isEmpty())
+            out << QJsonDocument::fromJson(line).object();
+    return out;
+}
+} // namespace
+
+TEST_F(SocketManagerTest, PolicyRefusesOrdersAndEveryCommandIsAudited)
+{
+    EdrAgentConfig config;
+    config.setSetting(QStringLiteral("Policy/Kill"), QStringLiteral("deny"));
+    config.setSetting(QStringLiteral("Policy/Update"), QStringLiteral("Deny"));
+    config.setSetting(QStringLiteral("Policy/TraceLogReset"), QStringLiteral("deny"));
+    config.setSetting(QStringLiteral("Policy/Terminal"), QStringLiteral("maybe"));
+    // The report's line must already be in the file while the report is posted.
+    QByteArray auditSeenByServer;
+    server.setHandler([&](const RecordedRequest&) {
+        QFile audit(Common::getEdrDirPath() + QStringLiteral("/audit.log"));
+        if (audit.open(QIODevice::ReadOnly))
+            auditSeenByServer = audit.readAll();
+        return CannedReply();
+    });
+
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::execlp("sleep", "sleep", "100", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    EDR_LOG->Info("test", "kept by the refused reset");
+    const QString kill = QStringLiteral("ACT#$#3#$#1|%1|req-1").arg(child);
+    manager->processCommand(QStringLiteral("192.0.2.1"), kill, AuditLog::Push);
+    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("UPD#$#AGENT"));
+    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RESET#$#TRACE_LOG"));
+    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#18#$#t1|ls"));
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, WNOHANG), 0);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, &status, 0);
+
+    const QByteArray log = prefix.traceLog();
+    EXPECT_TRUE(log.contains("kept by the refused reset"));
+    EXPECT_FALSE(log.contains("Agent Updater!"));
+    for (const char* key : {"Kill", "Update", "TraceLogReset", "Terminal"})
+        EXPECT_TRUE(log.contains(QByteArray("refused: policy ") + key + " does not allow it")) << key;
+    EXPECT_TRUE(log.contains("Policy Terminal has the unknown value 'maybe'; treated as deny"));
+    const QList<RecordedRequest> results = server.requests();
+    ASSERT_EQ(results.size(), 2);
+    EXPECT_EQ(QJsonDocument::fromJson(results.at(0).body).object(),
+              QJsonObject({{"_id", "req-1"}, {"status", 1}, {"message", "Failed to Kill %s!"}}));
+    EXPECT_EQ(QJsonDocument::fromJson(results.at(1).body).object(),
+              QJsonObject({{"_id", "t1"}, {"cmd", "ls"}, {"status", 1}, {"Error", 0}}));
+
+    // The policy is read at every order; the audit log outlives a reset.
+    config.setSetting(QStringLiteral("Policy/TraceLogReset"), QStringLiteral("allow"));
+    manager->processCommand(QStringLiteral("10.0.0.5"), QStringLiteral("RPT#$#$0#$#0"), AuditLog::Push);
+    EXPECT_TRUE(auditSeenByServer.endsWith("\"outcome\":\"pending\"     }\n")) << auditSeenByServer.constData();
+    manager->processCommand(QStringLiteral("10.0.0.5"), QStringLiteral("keep-alive"), AuditLog::Push);
+    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT"));
+    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("hello"));
+    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#5"));
+    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RESET#$#TRACE_LOG"));
+    EXPECT_FALSE(prefix.traceLog().contains("kept by the refused reset"));
+
+    const struct {
+        const char* channel;
+        const char* peer;
+        QString command;
+        QJsonValue task;
+        const char* outcome;
+    } expected[] = {
+        {"push", "192.0.2.1", kill, 3, "denied"},
+        {"listener", "127.0.0.1", QStringLiteral("UPD#$#AGENT"), QJsonValue::Null, "denied"},
+        {"listener", "127.0.0.1", QStringLiteral("RESET#$#TRACE_LOG"), QJsonValue::Null, "denied"},
+        {"listener", "127.0.0.1", QStringLiteral("RPT#$#18#$#t1|ls"), 18, "denied"},
+        {"push", "10.0.0.5", QStringLiteral("RPT#$#$0#$#0"), 0, "done"},
+        {"listener", "127.0.0.1", QStringLiteral("RPT"), QJsonValue::Null, "malformed"},
+        {"listener", "127.0.0.1", QStringLiteral("hello"), QJsonValue::Null, "malformed"},
+        {"listener", "127.0.0.1", QStringLiteral("RPT#$#5"), 5, "failed"},
+        {"listener", "127.0.0.1", QStringLiteral("RESET#$#TRACE_LOG"), QJsonValue::Null, "done"},
+    };
+    const QList<QJsonObject> records = auditRecords();
+    ASSERT_EQ(records.size(), static_cast<int>(std::size(expected)));
+    for (int i = 0; i < records.size(); ++i) {
+        const auto& e = expected[i];
+        const QJsonObject want{{"channel", e.channel}, {"peer", e.peer}, {"command", e.command},
+                               {"task", e.task},       {"outcome", e.outcome}, {"time", records[i]["time"]}};
+        EXPECT_EQ(records[i], want) << i;
+    }
 }

@@ -6,6 +6,9 @@
 #include "support/TestSupport.h"
 
 #include <QElapsedTimer>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QSignalSpy>
 
 #include <gtest/gtest.h>
@@ -185,6 +188,11 @@ TEST_F(Listener, PeerOutsideTheAllowListIsRefused)
     EXPECT_EQ(LoopbackSocket::readSome(client.fd, 3000), QByteArray());
     EXPECT_FALSE(waitCount(messages, 1, 500));
     EXPECT_TRUE(prefix.traceLog().contains("Refused command connection from 127.0.0.1"));
+    QFile audit(Common::getEdrDirPath() + QStringLiteral("/audit.log"));
+    ASSERT_TRUE(audit.open(QIODevice::ReadOnly));
+    const QJsonObject record = QJsonDocument::fromJson(audit.readAll()).object();
+    EXPECT_EQ(record.value(QStringLiteral("peer")).toString(), QStringLiteral("127.0.0.1"));
+    EXPECT_EQ(record.value(QStringLiteral("outcome")).toString(), QStringLiteral("refused-peer"));
 }
 
 TEST(ListenerAllowList, DefaultsAndOverrides)

@@ -1,0 +1,114 @@
+#include "core/RotatingFile.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+bool writeAll(int fd, const char* data, size_t len)
+{
+    while (len > 0) {
+        const ssize_t n = ::write(fd, data, len);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+} // namespace
+
+RotatingFile::RotatingFile(const QString& path) : m_path(path) {}
+
+RotatingFile::~RotatingFile()
+{
+    close();
+}
+
+void RotatingFile::setPath(const QString& path)
+{
+    close();
+    m_path = path;
+}
+
+void RotatingFile::setRotation(qint64 maxBytes, int keptFiles)
+{
+    m_maxBytes = maxBytes;
+    m_keptFiles = keptFiles;
+}
+
+void RotatingFile::close()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+    m_fd = -1;
+    m_size = 0;
+}
+
+// Re-opens the file when it was deleted or replaced behind our back, so the
+// next line lands in a fresh file.
+bool RotatingFile::ensureOpen()
+{
+    const QByteArray path = QFile::encodeName(m_path);
+    if (m_fd >= 0) {
+        struct stat onDisk {}, open {};
+        if (::stat(path.constData(), &onDisk) == 0 && ::fstat(m_fd, &open) == 0 &&
+            onDisk.st_ino == open.st_ino && onDisk.st_dev == open.st_dev)
+            return true;
+        close();
+    }
+    m_fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (m_fd < 0)
+        return false;
+    ::fchmod(m_fd, 0600);
+    struct stat st {};
+    m_size = ::fstat(m_fd, &st) == 0 ? st.st_size : 0;
+    return true;
+}
+
+void RotatingFile::rotate()
+{
+    close();
+    const QByteArray base = QFile::encodeName(m_path);
+    for (int i = m_keptFiles; i >= 1; --i) {
+        const QByteArray from = i == 1 ? base : base + '.' + QByteArray::number(i - 1);
+        const QByteArray to = base + '.' + QByteArray::number(i);
+        ::rename(from.constData(), to.constData());
+    }
+    if (m_keptFiles <= 0)
+        ::unlink(base.constData());
+}
+
+bool RotatingFile::append(const QByteArray& data, Position* where)
+{
+    if (!ensureOpen())
+        return false;
+    if (m_maxBytes > 0 && m_size > 0 && m_size + data.size() > m_maxBytes) {
+        rotate();
+        if (!ensureOpen())
+            return false;
+    }
+    if (where) {
+        struct stat st {};
+        if (::fstat(m_fd, &st) != 0)
+            return false;
+        // O_APPEND writes at the end, which only this process moves.
+        *where = {st.st_dev, st.st_ino, st.st_size};
+    }
+    if (!writeAll(m_fd, data.constData(), static_cast<size_t>(data.size())))
+        return false;
+    m_size += data.size();
+    return true;
+}
+
+void RotatingFile::sync()
+{
+    if (m_fd >= 0)
+        ::fdatasync(m_fd);
+}
