@@ -104,12 +104,11 @@ order() {
 }
 # The posted action result for request id $1: "status message".
 action_result() {
-  local f
+  local f out
   for f in "$work/console/reports/"*-settings_InvSettingsOutput.json; do
     [ -e "$f" ] || continue
-    jq -r '.raw_body' "$f" | grep -q "\"_id\": \"$1\"" || continue
-    jq -r '.raw_body | fromjson | "\(.status) \(.message)"' "$f" 2>/dev/null && return 0
-    jq -r '.body | "\(.status) \(.message)"' "$f"; return 0
+    out=$(jq -r --arg id "$1" 'select(.body._id == $id) | "\(.body.status) \(.body.message)"' "$f")
+    [ -n "$out" ] && { echo "$out"; return 0; }
   done
   return 1
 }
