@@ -5,7 +5,9 @@ set -euo pipefail
 
 PACKAGES=(
   build-essential cmake pkg-config
-  qtbase5-dev libcurl4-openssl-dev librapidxml-dev libcpp-httplib-dev
+  qtbase5-dev libcurl4-openssl-dev libssl-dev librapidxml-dev libcpp-httplib-dev
+  # test certificates are made with the openssl tool
+  openssl
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   # tools the collectors run

@@ -3,6 +3,7 @@
 #include "core/DataDirModes.h"
 #include "core/EdrAgentConfig.h"
 #include "push/OrderPolicy.h"
+#include "service/OutboxCommand.h"
 #include "service/ReportCommand.h"
 #include "service/ServiceHost.h"
 
@@ -67,10 +68,14 @@ int main(int argc, char** argv)
     QCommandLineOption levelOption(QStringLiteral("log-level"),
                                    QStringLiteral("Trace log threshold: trace, debug, info or error."),
                                    QStringLiteral("LEVEL"));
+    QCommandLineOption flushOption(QStringLiteral("flush"),
+                                   QStringLiteral("With outbox: deliver the pending reports now."));
     parser.addOption(prefixOption);
     parser.addOption(levelOption);
-    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("Optional: report NAME, or policy"),
-                                 QStringLiteral("[report NAME | policy]"));
+    parser.addOption(flushOption);
+    parser.addPositionalArgument(QStringLiteral("command"),
+                                 QStringLiteral("Optional: report NAME, policy, or outbox [--flush]"),
+                                 QStringLiteral("[report NAME | policy | outbox]"));
     parser.process(app);
 
     Common::setPrefix(parser.value(prefixOption));
@@ -81,11 +86,20 @@ int main(int argc, char** argv)
         return 2;
     }
     const QStringList positional = parser.positionalArguments();
+    if (positional.size() == 1 && positional.first() == QLatin1String("outbox")) {
+        ignoreUnixSignals({SIGPIPE});
+        applyLogLevel(level);
+        return OutboxCommand::run(parser.isSet(flushOption));
+    }
+    if (parser.isSet(flushOption)) {
+        std::fprintf(stderr, "edr-agent: --flush goes with the outbox command\n");
+        return 2;
+    }
     if (positional == QStringList{QStringLiteral("policy")})
         return printPolicy();
     if (!positional.isEmpty()) {
         if (positional.first() != QLatin1String("report") || positional.size() != 2) {
-            std::fprintf(stderr, "edr-agent: usage: edr-agent [options] report NAME (%s) | policy\n",
+            std::fprintf(stderr, "edr-agent: usage: edr-agent [options] report NAME (%s) | policy | outbox [--flush]\n",
                          qUtf8Printable(ReportCommand::names().join(QStringLiteral(", "))));
             return 2;
         }
@@ -97,7 +111,9 @@ int main(int argc, char** argv)
     if (::getuid() != 0) {
         const int err = errno;
         EDR_LOG->Error("int main(int, char**)", err, "Not sufficient permission! Please run as admin or root or sudo.");
-        std::fprintf(stderr, "edr-agent: Not sufficient permission! Please run as admin or root or sudo.\n");
+        // Without a writable log the line above went to stderr already.
+        if (!EDR_LOG->lastLineOnStderr())
+            std::fprintf(stderr, "edr-agent: Not sufficient permission! Please run as admin or root or sudo.\n");
         return 13;
     }
 
@@ -112,7 +128,8 @@ int main(int argc, char** argv)
         EDR_LOG->Error("int main(int, char**)", EINVAL, "agent.conf could not be parsed; defaults are in use");
 
     ignoreUnixSignals({SIGPIPE});
-    catchUnixSignals({SIGTERM, SIGHUP});
+    if (!catchUnixSignals({SIGTERM, SIGHUP, SIGUSR1}))
+        return 1; // a daemon that cannot be stopped cleanly must not run
 
     int rc;
     {

@@ -15,8 +15,9 @@ QString ApiManager::getAPI(const API_NAME& name)
     const QString version = server->getServerAPIVersion();
     const QString port = QString::number(server->getServerPort());
     const QString ip = server->getServerIP();
-    QString url = QStringLiteral("http://") + ip + QLatin1Char(':') + port + QStringLiteral("/api/") + version +
-                  QLatin1Char('/');
+    const QString scheme = server->getTlsEnabled() ? QStringLiteral("https://") : QStringLiteral("http://");
+    QString url =
+        scheme + ip + QLatin1Char(':') + port + QStringLiteral("/api/") + version + QLatin1Char('/');
     const int index = static_cast<int>(name);
     if (index >= 0 && index < static_cast<int>(sizeof routes / sizeof routes[0]))
         url += QLatin1String(routes[index]);

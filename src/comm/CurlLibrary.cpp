@@ -35,7 +35,8 @@ void load()
                     bind(handle, "curl_slist_free_all", l.slist_free_all) &&
                     bind(handle, "curl_mime_init", l.mime_init) && bind(handle, "curl_mime_addpart", l.mime_addpart) &&
                     bind(handle, "curl_mime_name", l.mime_name) && bind(handle, "curl_mime_data", l.mime_data) &&
-                    bind(handle, "curl_mime_filedata", l.mime_filedata) && bind(handle, "curl_mime_free", l.mime_free);
+                    bind(handle, "curl_mime_filedata", l.mime_filedata) && bind(handle, "curl_mime_free", l.mime_free) &&
+                    bind(handle, "curl_easy_getinfo", l.easy_getinfo);
     if (!ok)
         return;
     if (l.global_init(CURL_GLOBAL_ALL) != CURLE_OK) {

@@ -19,6 +19,7 @@ struct CurlLibrary {
     CURLcode (*mime_data)(curl_mimepart*, const char*, size_t);
     CURLcode (*mime_filedata)(curl_mimepart*, const char*);
     void (*mime_free)(curl_mime*);
+    CURLcode (*easy_getinfo)(CURL*, CURLINFO, ...);
 
     // Loaded and globally initialised once per process; null when libcurl
     // cannot be loaded (the reason is in error()).

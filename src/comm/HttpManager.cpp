@@ -13,12 +13,13 @@
 #include <QUrl>
 
 #include "comm/CurlLibrary.h"
+#include "comm/TlsSettings.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -34,6 +35,34 @@ constexpr long kConnectTimeoutSeconds = 10;
 int abortOnStop(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
 {
     return StopRequest::pending() ? 1 : 0;
+}
+
+// With TLS on, https only (redirects included), peer and host verified, the
+// pin checked by libcurl. A pin that does not parse refuses the request: it
+// must never go out unpinned.
+bool applyTls(const CurlLibrary& api, CURL* curl, const TlsSettings& tls, const QString& url,
+              QByteArray& pinText)
+{
+    QString bad;
+    const auto pins = TlsSettings::parsePins(tls.pinnedKeys, &bad);
+    if (!pins) {
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL,
+                       "Refused to send to %s: EDRPINNEDKEY entry \"%s\" is not sha256//<base64>",
+                       qUtf8Printable(url), qUtf8Printable(bad));
+        return false;
+    }
+    api.easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
+    api.easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "https");
+    api.easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
+    api.easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
+    api.easy_setopt(curl, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    if (!tls.caFile.isEmpty())
+        api.easy_setopt(curl, CURLOPT_CAINFO, QFile::encodeName(tls.caFile).constData());
+    if (!pins->isEmpty()) {
+        pinText = TlsSettings::curlPinText(*pins);
+        api.easy_setopt(curl, CURLOPT_PINNEDPUBLICKEY, pinText.constData());
+    }
+    return true;
 }
 
 struct CurlCleanup {
@@ -99,9 +128,32 @@ QString HttpManager::requestCopyPath(const QString& url)
     return Common::getReportsPath() + QStringLiteral("/web") + segment + QStringLiteral(".json");
 }
 
+QByteArray HttpManager::jsonBody(const QMap<QString, QString>& fields)
+{
+    QByteArray text;
+    if (!fields.isEmpty() && fields.firstKey() == QLatin1String("data")) {
+        text = fields.first().toUtf8();
+    } else {
+        QJsonObject object;
+        for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
+            object.insert(it.key(), it.value());
+        text = QJsonDocument(object).toJson();
+    }
+    text.replace('\n', QByteArray());
+    return text;
+}
+
 bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
                                    QString& response)
 {
+    Outcome outcome;
+    return sendDataToServer(post, url, mode, fields, response, outcome);
+}
+
+bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
+                                   QString& response, Outcome& outcome)
+{
+    outcome = Outcome();
     // Loaded and set up at the first request: commands that never talk to
     // the server (report NAME) do not pay for it.
     const CurlLibrary* api = CurlLibrary::get();
@@ -130,15 +182,7 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
         copy.write(url.toUtf8());
         copy.write("\n");
         if (jsonBody) {
-            if (!fields.isEmpty() && fields.firstKey() == QLatin1String("data")) {
-                jsonText = fields.first().toUtf8();
-            } else {
-                QJsonObject object;
-                for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
-                    object.insert(it.key(), it.value());
-                jsonText = QJsonDocument(object).toJson();
-            }
-            jsonText.replace('\n', QByteArray());
+            jsonText = HttpManager::jsonBody(fields);
         } else {
             QString text;
             for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
@@ -209,11 +253,30 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
         }
     }
     api->easy_setopt(curl, CURLOPT_HTTPHEADER, handles.headers);
+    outcome.body = jsonText;
+
+    const TlsSettings tls = TlsSettings::current();
+    QByteArray pinText;
+    char curlError[CURL_ERROR_SIZE] = {};
+    if (tls.enabled) {
+        if (!applyTls(*api, curl, tls, url, pinText))
+            return false;
+        api->easy_setopt(curl, CURLOPT_ERRORBUFFER, curlError);
+    }
 
     const CURLcode rc = api->easy_perform(curl);
+    outcome.answered = rc == CURLE_OK;
+    if (outcome.answered)
+        api->easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &outcome.status);
     if (rc != CURLE_OK) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to send data to server - %s Response Code: %d",
-                       qUtf8Printable(url), static_cast<int>(rc));
+        // With TLS the reason (verification, expiry, pin, plain peer) is named.
+        if (tls.enabled)
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to send data to server - %s Response Code: %d TLS: %s",
+                           qUtf8Printable(url), static_cast<int>(rc),
+                           curlError[0] ? curlError : "transfer failed");
+        else
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to send data to server - %s Response Code: %d",
+                           qUtf8Printable(url), static_cast<int>(rc));
         return false;
     }
 
@@ -238,15 +301,14 @@ bool HttpManager::checkPort(const char* ip, int port)
         ::close(fd);
         return false;
     }
-    fd_set writable, failed;
-    FD_ZERO(&writable);
-    FD_ZERO(&failed);
-    FD_SET(fd, &writable);
-    FD_SET(fd, &failed);
-    timeval timeout{1, 0};
-    const int n = ::select(fd + 1, nullptr, &writable, &failed, &timeout);
-    bool reachable = n > 0 && FD_ISSET(fd, &writable) && !FD_ISSET(fd, &failed);
-    // A refused connection also selects writable; only a clean connect counts.
+    // poll, not select: a descriptor number past FD_SETSIZE is fine here.
+    pollfd p{fd, POLLOUT, 0};
+    int n;
+    do {
+        n = ::poll(&p, 1, 1000);
+    } while (n < 0 && errno == EINTR);
+    bool reachable = n > 0 && (p.revents & POLLOUT) && !(p.revents & (POLLERR | POLLHUP));
+    // A refused connection also polls writable; only a clean connect counts.
     int soError = 0;
     socklen_t len = sizeof soError;
     if (reachable && (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0 || soError != 0))

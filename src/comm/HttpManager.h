@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QMap>
 #include <QMutex>
 #include <QString>
@@ -16,8 +17,23 @@ public:
     void setAuthorizationToke(const QString& token);
     QString authorizationToken() const;
 
+    // How a request ended: whether an HTTP answer came back at all (no
+    // answer: refused, time-out, stall, reset, stop) and its status code.
+    struct Outcome {
+        bool answered = false;
+        long status = 0;
+        QByteArray body; // the JSON body as it went out (mode 3 POST only)
+        bool serverFailed() const { return !answered || status >= 500; }
+    };
+
     bool sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
                           QString& response);
+    bool sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
+                          QString& response, Outcome& outcome);
+
+    // The mode-3 body: the "data" field as it stands when it comes first,
+    // else an object of every field; newlines removed.
+    static QByteArray jsonBody(const QMap<QString, QString>& fields);
 
     bool checkPort(const char* ip, int port);
     bool isServerReachable(const QString& ip, int port);

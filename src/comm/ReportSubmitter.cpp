@@ -1,6 +1,7 @@
 #include "comm/ReportSubmitter.h"
 
 #include "comm/HttpManager.h"
+#include "comm/Outbox.h"
 #include "core/CLogger.h"
 
 #include <QJsonDocument>
@@ -57,12 +58,31 @@ bool ReportSubmitter::postObject(const char* origin, API_NAME route, const QJson
 bool ReportSubmitter::postFields(const char* origin, API_NAME route, const QMap<QString, QString>& fields,
                                  const char* sent, const char* sendFailed)
 {
+    Outbox* outbox = Outbox::active();
+    // Results reach the server in the order they were made: a new one waits
+    // behind those still pending.
+    if (outbox && outbox->mustQueue(route) &&
+        outbox->keep(origin, route, HttpManager::jsonBody(fields),
+                     QStringLiteral("queued behind %1 earlier results").arg(outbox->pendingResults()))) {
+        outbox->scheduleReplay();
+        return true;
+    }
     QString response;
-    const bool ok = HttpManager::getInstance()->sendDataToServer(true, ApiManager::getAPI(route), 3, fields, response);
+    HttpManager::Outcome outcome;
+    const bool ok =
+        HttpManager::getInstance()->sendDataToServer(true, ApiManager::getAPI(route), 3, fields, response, outcome);
     if (ok)
         EDR_LOG->Info(origin, "%s", sent);
     else
         EDR_LOG->Error(origin, errno, "%s", sendFailed);
     EDR_LOG->Debug(origin, "Response: %s", qUtf8Printable(response));
+    if (outbox) {
+        if (outcome.serverFailed())
+            outbox->keep(origin, route, outcome.body,
+                         outcome.answered ? QStringLiteral("server answered HTTP %1").arg(outcome.status)
+                                          : QStringLiteral("no answer from server"));
+        else
+            outbox->onPosted(origin, route);
+    }
     return ok;
 }

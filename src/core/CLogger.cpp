@@ -144,8 +144,10 @@ void CLogger::write(Level level, const char* origin, const int* err, const char*
     line += '\n';
 
     QMutexLocker lock(&m_mutex);
-    if (m_file.append(line))
+    if (m_file.append(line)) {
+        m_lastOnStderr = false;
         return;
+    }
     if (!m_warnedStderr) {
         m_warnedStderr = true;
         const QByteArray warn =
@@ -153,6 +155,7 @@ void CLogger::write(Level level, const char* origin, const int* err, const char*
         writeAll(STDERR_FILENO, warn.constData(), static_cast<size_t>(warn.size()));
     }
     writeAll(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
+    m_lastOnStderr = true;
 }
 
 void CLogger::Trace(const char* origin, const char* format, ...)

@@ -34,6 +34,8 @@ public:
     void setFilePath(const QString& path);
     QString filePath() const;
     void setRotation(qint64 maxBytes, int keptFiles);
+    // Whether the latest line went to standard error (the file was not writable).
+    bool lastLineOnStderr() const { return m_lastOnStderr.load(); }
 
 private:
     CLogger();
@@ -48,6 +50,7 @@ private:
     RotatingFile m_file;
     std::atomic<Level> m_level{LEVEL_INFO};
     bool m_warnedStderr = false;
+    std::atomic<bool> m_lastOnStderr{false};
 };
 
 } // namespace LOGGER

@@ -19,8 +19,9 @@ struct ToolResult {
 
 // The one way the agent runs a child process. Programs are looked up by name
 // in the search path (PATH by default); a name with a '/' is taken as a path.
-// Every run has a time limit and is killed when it overruns; standard input is
-// empty and standard error is discarded; output is capped.
+// Every run has a time limit; a child that overruns it, or is still running
+// when the agent is asked to stop, is ended together with its process group.
+// Standard input is empty and standard error is discarded; output is capped.
 class ToolRunner {
 public:
     static constexpr int kDefaultTimeoutMs = 120000;
@@ -30,6 +31,9 @@ public:
     explicit ToolRunner(const QStringList& searchPath);
 
     QStringList searchPath() const { return m_searchPath; }
+    // The locale tools run in (default C). A tool that prints names in the
+    // locale's character set needs C.UTF-8 to keep them intact.
+    void setLocale(const QString& locale) { m_locale = locale; }
     QString findProgram(const QString& program) const;
 
     // Tools are run in the C locale so their output parses the same everywhere;
@@ -39,4 +43,5 @@ public:
 
 private:
     QStringList m_searchPath;
+    QString m_locale = QStringLiteral("C");
 };

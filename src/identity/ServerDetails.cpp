@@ -1,9 +1,12 @@
 #include "identity/ServerDetails.h"
 
+#include "core/CLogger.h"
 #include "core/Common.h"
 
 #include <QSettings>
 #include <QVariant>
+
+#include <cerrno>
 
 ServerDetails* ServerDetails::s_instance = nullptr;
 
@@ -38,13 +41,18 @@ QString ServerDetails::readText(const char* group, const char* key, const char* 
     return v.toString();
 }
 
-int ServerDetails::readInt(const char* key, const char* defaultValue)
+// A port that is not a number in 1-65535 is refused with a line naming the
+// key; 0 tells the caller there is no usable port (never "any port").
+int ServerDetails::readPort(const char* key, const char* defaultValue)
 {
-    QSettings settings(settingsFilePath(), QSettings::IniFormat);
-    settings.beginGroup(QStringLiteral("Server"));
-    const int v = settings.value(QLatin1String(key), QLatin1String(defaultValue)).toInt();
-    settings.endGroup();
-    return v;
+    const QString text = readText("Server", key, defaultValue).trimmed();
+    bool ok = false;
+    const int port = text.toInt(&ok, 10);
+    if (ok && port >= 1 && port <= 65535)
+        return port;
+    EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "%s in serverip.ini is not a port number (1-65535): '%s'", key,
+                   qUtf8Printable(text));
+    return 0;
 }
 
 QString ServerDetails::getServerIP() const
@@ -57,7 +65,7 @@ QString ServerDetails::getServerIP() const
 
 int ServerDetails::getServerPort() const
 {
-    return readInt("EDRPORT", "7777");
+    return readPort("EDRPORT", "7777");
 }
 
 QString ServerDetails::getServerAPIVersion() const
@@ -67,12 +75,29 @@ QString ServerDetails::getServerAPIVersion() const
 
 int ServerDetails::getServerSocketPort() const
 {
-    return readInt("EDRSPORT", "3098");
+    return readPort("EDRSPORT", "3098");
 }
 
 int ServerDetails::getAgentListenPort() const
 {
-    return readInt("EDRSLPORT", "3097");
+    return readPort("EDRSLPORT", "3097");
+}
+
+bool ServerDetails::getTlsEnabled() const
+{
+    const QString v = readText("Server", "EDRTLS", "0").trimmed();
+    return !v.isEmpty() && v != QLatin1String("0");
+}
+
+QString ServerDetails::getTlsCaFile() const
+{
+    return readText("Server", "EDRCAFILE", "").trimmed();
+}
+
+QString ServerDetails::getTlsPinnedKeys() const
+{
+    // QSettings splits an unquoted value at commas; ';' is the separator here.
+    return readText("Server", "EDRPINNEDKEY", "").trimmed();
 }
 
 QStringList ServerDetails::getConfiguredServerAddresses() const

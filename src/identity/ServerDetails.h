@@ -16,6 +16,13 @@ public:
     int getServerSocketPort() const;     // [Server] EDRSPORT, default 3098
     int getAgentListenPort() const;      // [Server] EDRSLPORT, default 3097
 
+    // TLS for both channels: [Server] EDRTLS (anything but "0" or absent turns
+    // it on, so a mistyped value never falls back to plain), EDRCAFILE (PEM
+    // bundle, empty: the system's trust store), EDRPINNEDKEY (raw text).
+    bool getTlsEnabled() const;
+    QString getTlsCaFile() const;
+    QString getTlsPinnedKeys() const;
+
     // EDRIP and ACIP as configured (values other than "NA"), for the listener's allow-list.
     QStringList getConfiguredServerAddresses() const;
 
@@ -24,6 +31,6 @@ public:
 private:
     ServerDetails() = default;
     static QString readText(const char* group, const char* key, const char* defaultValue);
-    static int readInt(const char* key, const char* defaultValue);
+    static int readPort(const char* key, const char* defaultValue);
     static ServerDetails* s_instance;
 };

@@ -3,6 +3,7 @@
 #include "comm/ReportSubmitter.h"
 #include "core/CLogger.h"
 #include "identity/SizeOperation.h"
+#include "inventory/SnapFlatpakCollector.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -32,7 +33,10 @@ void InstallSoftManager::releaseInstance()
     s_instance = nullptr;
 }
 
-InstallSoftManager::InstallSoftManager(const HostPaths& host) : m_host(host) {}
+InstallSoftManager::InstallSoftManager(const HostPaths& host, const ToolRunner& runner)
+    : m_host(host), m_runner(runner)
+{
+}
 
 namespace {
 
@@ -260,6 +264,7 @@ bool InstallSoftManager::getInstalledSoftwares(QJsonObject& report)
         array.append(package.toJson(package.hasPackageLine ? installDate(package, infoDir, &lists) : QString()));
     if (infoDir >= 0)
         ::close(infoDir);
+    SnapFlatpakCollector(m_host, m_runner).appendTo(array);
     if (array.isEmpty()) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Installed Software Not Found!");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");

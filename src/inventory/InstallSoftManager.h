@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/HostPaths.h"
+#include "core/ToolRunner.h"
 
 #include <QByteArray>
 #include <QJsonObject>
@@ -9,7 +10,8 @@
 #include <QVector>
 
 // The installed-software report: every package dpkg's status database holds
-// as installed, dated by its file list.
+// as installed, dated by its file list, followed by the snaps and flatpak
+// applications their own tools list.
 class InstallSoftManager {
 public:
     // One installed package as read from its stanza; a later line with the
@@ -35,7 +37,7 @@ public:
     static InstallSoftManager* getInstance();
     static void releaseInstance();
 
-    explicit InstallSoftManager(const HostPaths& host = HostPaths());
+    explicit InstallSoftManager(const HostPaths& host = HostPaths(), const ToolRunner& runner = ToolRunner());
 
     bool getInstalledSoftwares(QJsonObject& report);
     // The body sendRptToServer posts: {"InstallSoft": [...]}.
@@ -57,4 +59,5 @@ private:
     static InstallSoftManager* s_instance;
     bool m_reportBusy = false;
     HostPaths m_host;
+    ToolRunner m_runner;
 };

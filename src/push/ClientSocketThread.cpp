@@ -3,13 +3,15 @@
 #include "core/AuditLog.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/EdrAgentConfig.h"
+#include "identity/ServerDetails.h"
 
 #include <QHostAddress>
-#include <QMutexLocker>
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -50,7 +52,9 @@ bool isTransientAcceptError(int err)
 }
 } // namespace
 
-ClientSocketThread::ClientSocketThread(QObject* parent) : QThread(parent) {}
+ClientSocketThread::ClientSocketThread(QObject* parent) : QThread(parent), m_serverDetails(ServerDetails::getInstance())
+{
+}
 
 ClientSocketThread::~ClientSocketThread()
 {
@@ -58,21 +62,84 @@ ClientSocketThread::~ClientSocketThread()
     wait();
 }
 
-void ClientSocketThread::setAllowList(const ListenerAllowList& list)
+// Runs on this thread: a server given by name is looked up here, never on
+// the main thread. The settings are read again for every client, and the list
+// is rebuilt only when they changed.
+void ClientSocketThread::refreshAllowList()
 {
-    QMutexLocker lock(&m_allowMutex);
-    m_allow = list;
+    const QStringList servers = m_serverDetails ? m_serverDetails->getConfiguredServerAddresses() : QStringList();
+    const QString listenerAllow = EdrAgentConfig().getSetting(QStringLiteral("ListenerAllow"));
+    if (m_allowBuilt && servers == m_allowServers && listenerAllow == m_allowSetting)
+        return;
+    QStringList rejected;
+    m_allow = ListenerAllowList::fromSettings(servers, listenerAllow, &rejected,
+                                              [this](const QString& name) { return resolve(name); });
+    m_allowServers = servers;
+    m_allowSetting = listenerAllow;
+    m_allowBuilt = true;
+    for (const QString& entry : qAsConst(rejected))
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "ListenerAllow entry ignored: %s", qUtf8Printable(entry));
+}
+
+// An asynchronous lookup, waited for in slices so that a stop never waits
+// for a slow resolver: a lookup still running then is left to finish on its
+// own, and its request block is deliberately never freed.
+QList<QHostAddress> ClientSocketThread::resolve(const QString& name)
+{
+    struct Lookup {
+        QByteArray host;
+        addrinfo hints{};
+        gaicb request{};
+    };
+    QList<QHostAddress> out;
+    auto* lookup = new Lookup;
+    lookup->host = name.toUtf8();
+    lookup->hints.ai_family = AF_INET;
+    lookup->hints.ai_socktype = SOCK_STREAM;
+    lookup->request.ar_name = lookup->host.constData();
+    lookup->request.ar_request = &lookup->hints;
+    gaicb* list[1] = {&lookup->request};
+    if (const int started = ::getaddrinfo_a(GAI_NOWAIT, list, 1, nullptr)) {
+        EDR_LOG->Error(Q_FUNC_INFO, EAGAIN, "Cannot look up %s: %s", lookup->host.constData(),
+                       ::gai_strerror(started));
+        delete lookup;
+        return out;
+    }
+    const timespec slice{0, 100 * 1000 * 1000};
+    while (::gai_error(&lookup->request) == EAI_INPROGRESS) {
+        if (m_wait.stopRequested()) {
+            if (::gai_cancel(&lookup->request) == EAI_CANCELED)
+                delete lookup;
+            return out;
+        }
+        ::gai_suspend(list, 1, &slice);
+    }
+    const int rc = ::gai_error(&lookup->request);
+    if (rc != 0) {
+        EDR_LOG->Error(Q_FUNC_INFO, EHOSTUNREACH, "Cannot look up %s: %s", lookup->host.constData(),
+                       ::gai_strerror(rc));
+    } else {
+        for (const addrinfo* a = lookup->request.ar_result; a; a = a->ai_next)
+            if (a->ai_family == AF_INET)
+                out << QHostAddress(a->ai_addr);
+        ::freeaddrinfo(lookup->request.ar_result);
+    }
+    delete lookup;
+    return out;
 }
 
 bool ClientSocketThread::peerAllowed(const QString& peer)
 {
-    QMutexLocker lock(&m_allowMutex);
+    // With TLS on the server reaches the agent through the push connection;
+    // the listener is for this machine only, whatever the allow-list says.
+    if (m_serverDetails && m_serverDetails->getTlsEnabled() && !QHostAddress(peer).isLoopback())
+        return false;
+    refreshAllowList();
     return m_allow.allows(QHostAddress(peer));
 }
 
 void ClientSocketThread::run()
 {
-    m_wait.reset();
     startSocket();
 }
 
@@ -81,11 +148,16 @@ void ClientSocketThread::startSocket()
     runSocketListner();
 }
 
-// A bound socket, retried every minute while the port is taken; -1 when
-// stopped or when no socket can be made at all.
+// A bound (for TCP also listening) socket, retried every minute while the
+// port is taken; -1 when stopped, when the port is unusable or when no socket
+// can be made at all.
 int ClientSocketThread::bindSocket()
 {
     const bool tcp = m_protocol == TCP;
+    if (m_clientPort < 1 || m_clientPort > 65535) {
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Listen port %u is not a usable port!", m_clientPort.load());
+        return -1;
+    }
     for (;;) {
         const int fd = tcp ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP)
                            : ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
@@ -100,9 +172,13 @@ int ClientSocketThread::bindSocket()
         addr.sin_family = AF_INET;
         addr.sin_port = htons(static_cast<uint16_t>(m_clientPort & 0xffff));
         addr.sin_addr.s_addr = inet_addr("0.0.0.0");
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "bind Failed!");
+        } else if (tcp && ::listen(fd, 1) != 0) {
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "listen Failed!");
+        } else {
             return fd;
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "bind Failed!");
+        }
         ::close(fd);
         if (!m_wait.sleepFor(Common::scaledMs(kBindRetryMs)))
             return -1;
@@ -118,10 +194,16 @@ bool ClientSocketThread::runSocketListner()
         return false;
     }
     if (m_protocol == TCP) {
-        ::listen(fd, 1);
+        refreshAllowList();
         while (!m_wait.stopRequested()) {
-            if (m_wait.waitFor(fd, POLLIN, -1) != StoppableWait::Ready)
-                continue; // stopped (the loop ends) or interrupted
+            const StoppableWait::Result ready = m_wait.waitFor(fd, POLLIN, -1);
+            if (ready == StoppableWait::Failed) {
+                EDR_LOG->Error(Q_FUNC_INFO, errno, "poll Failed! Retrying");
+                m_wait.sleepFor(Common::scaledMs(kAcceptBackoffMs));
+                continue;
+            }
+            if (ready != StoppableWait::Ready)
+                continue; // stopped: the loop ends
             sockaddr_in peer{};
             socklen_t len = sizeof peer;
             const int client = ::accept4(fd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);

@@ -3,13 +3,17 @@
 #include "push/ListenerAllowList.h"
 #include "push/StoppableWait.h"
 
-#include <QMutex>
 #include <QString>
+#include <QStringList>
 #include <QThread>
 
 #include <atomic>
 
+class ServerDetails;
+
 // The local listener: one message per client, answered "OK" a second later.
+// Only peers on the allow-list (loopback, the configured servers, or the
+// ListenerAllow setting) may hand over commands.
 class ClientSocketThread : public QThread
 {
     Q_OBJECT
@@ -22,9 +26,11 @@ public:
     unsigned int getClientPort() const { return m_clientPort; }
     void setClientPort(unsigned int port) { m_clientPort = port; }
     void setProtocol(PROTOCOL protocol) { m_protocol = protocol; }
-    void setAllowList(const ListenerAllowList& list);
 
     void requestStop() { m_wait.requestStop(); }
+    // Called by the starter right before start(): a stop that follows the
+    // start at once is then never lost.
+    void clearStop() { m_wait.reset(); }
 
     bool runSocketListner();
     void connectToSocket(int fd);
@@ -39,11 +45,17 @@ private:
     void startSocket();
     int bindSocket();
     bool peerAllowed(const QString& peer);
+    void refreshAllowList();
+    QList<QHostAddress> resolve(const QString& name);
 
     QString m_clientAddress;
     std::atomic<unsigned int> m_clientPort{0};
     std::atomic<int> m_protocol{UDP};
-    QMutex m_allowMutex;
+    ServerDetails* m_serverDetails;
+    // Owned by the thread's run: the list and the settings it was built from.
     ListenerAllowList m_allow;
+    QStringList m_allowServers;
+    QString m_allowSetting;
+    bool m_allowBuilt = false;
     StoppableWait m_wait;
 };

@@ -8,7 +8,8 @@ void ListenerAllowList::add(const QHostAddress& address, int prefixLength)
 }
 
 ListenerAllowList ListenerAllowList::fromSettings(const QStringList& serverAddresses,
-                                                  const QString& listenerAllow, QStringList* rejectedEntries)
+                                                  const QString& listenerAllow, QStringList* rejectedEntries,
+                                                  const Resolver& resolver)
 {
     ListenerAllowList list;
     const QString configured = listenerAllow.trimmed();
@@ -43,7 +44,7 @@ ListenerAllowList ListenerAllowList::fromSettings(const QStringList& serverAddre
             list.add(literal, 32);
             continue;
         }
-        const QList<QHostAddress> resolved = QHostInfo::fromName(server).addresses();
+        const QList<QHostAddress> resolved = resolver ? resolver(server) : QHostInfo::fromName(server).addresses();
         for (const QHostAddress& address : resolved)
             if (address.protocol() == QAbstractSocket::IPv4Protocol)
                 list.add(address, 32);

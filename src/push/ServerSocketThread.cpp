@@ -20,7 +20,12 @@ namespace
 constexpr int kRecvBufferSize = 4096;
 constexpr qint64 kReceiveTimeoutMs = 45000;
 constexpr qint64 kSendTimeoutMs = 5000;
+constexpr qint64 kConnectTimeoutMs = 5000;
 constexpr qint64 kPauseAfterMessageMs = 1000;
+constexpr qint64 kTlsHandshakeTimeoutMs = 10000;
+// Scaled down for tests, but never below what a loaded machine needs for the
+// handshake's public-key work.
+constexpr int kTlsHandshakeFloorMs = 1000;
 const char kKeepAlive[] = "keep-alive";
 
 timeval toTimeval(int ms)
@@ -46,7 +51,6 @@ ServerSocketThread::~ServerSocketThread()
 
 void ServerSocketThread::run()
 {
-    m_wait.reset();
     startSocket();
 }
 
@@ -58,7 +62,41 @@ void ServerSocketThread::startSocket()
 
 bool ServerSocketThread::sendKeepAlive(int fd)
 {
-    return ::send(fd, kKeepAlive, sizeof kKeepAlive - 1, MSG_NOSIGNAL) > 0;
+    return sendText(fd, kKeepAlive, sizeof kKeepAlive - 1) > 0;
+}
+
+ssize_t ServerSocketThread::sendText(int fd, const char* data, size_t size)
+{
+    if (m_tls)
+        return m_tls->send(data, size, m_wait, Common::scaledMs(kSendTimeoutMs));
+    return ::send(fd, data, size, MSG_NOSIGNAL);
+}
+
+ssize_t ServerSocketThread::receiveText(int fd, char* buffer, size_t size)
+{
+    if (m_tls)
+        return m_tls->receive(buffer, size);
+    return ::recv(fd, buffer, size, 0);
+}
+
+// With TLS on nothing is written before the server is verified, and a failure
+// never falls back to plain.
+bool ServerSocketThread::startTls(int fd)
+{
+    m_tls.reset();
+    const TlsSettings settings = TlsSettings::current();
+    if (!settings.enabled)
+        return true;
+    auto channel = std::make_unique<TlsChannel>();
+    const int limitMs = qMax(kTlsHandshakeFloorMs, Common::scaledMs(kTlsHandshakeTimeoutMs));
+    if (!channel->connect(fd, settings, m_serverIp, m_wait, limitMs)) {
+        const QByteArray ip = m_serverIp.toUtf8();
+        EDR_LOG->Error(Q_FUNC_INFO, EPROTO, "TLS connection to %s:%d refused: %s", ip.constData(),
+                       m_serverPort, qUtf8Printable(channel->error()));
+        return false;
+    }
+    m_tls = std::move(channel);
+    return true;
 }
 
 bool ServerSocketThread::connectToServerSocket()
@@ -67,6 +105,10 @@ bool ServerSocketThread::connectToServerSocket()
     m_lastConnectionStatus = false;
     if (m_serverIp.isEmpty()) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Server Ip Address Not Found!");
+        return false;
+    }
+    if (m_serverPort < 1 || m_serverPort > 65535) {
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Server socket port %d is not a usable port!", m_serverPort);
         return false;
     }
     char ipBuffer[40] = {};
@@ -97,19 +139,32 @@ bool ServerSocketThread::connectToServerSocket()
     if (::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout) != 0)
         EDR_LOG->Error(Q_FUNC_INFO, errno, "setsockopt Failed! - SO_SNDTIMEO");
 
-    // Connect without blocking so a stop request can interrupt a slow attempt.
+    // Connect without blocking so a stop request can interrupt a slow attempt,
+    // and give it the same 5 s as a send: a server that drops SYNs would
+    // otherwise hold the attempt for the kernel's two minutes.
     const int flags = ::fcntl(fd, F_GETFL, 0);
     ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
     int rc = ::connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof server);
     if (rc != 0 && errno == EINPROGRESS) {
-        if (m_wait.waitFor(fd, POLLOUT, -1) == StoppableWait::Ready) {
+        switch (m_wait.waitFor(fd, POLLOUT, Common::scaledMs(kConnectTimeoutMs))) {
+        case StoppableWait::Ready: {
             int soError = 0;
             socklen_t len = sizeof soError;
             ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len);
             errno = soError;
             rc = soError == 0 ? 0 : -1;
-        } else {
-            errno = EINTR;
+            break;
+        }
+        case StoppableWait::Timeout:
+            errno = ETIMEDOUT;
+            break;
+        case StoppableWait::Stopped:
+            // Shutting down: not a fault of the server.
+            ::close(fd);
+            EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
+            return false;
+        case StoppableWait::Failed:
+            break; // errno from poll
         }
     }
     ::fcntl(fd, F_SETFL, flags);
@@ -119,14 +174,19 @@ bool ServerSocketThread::connectToServerSocket()
         ::close(fd);
         return false;
     }
+    if (!startTls(fd)) {
+        ::close(fd);
+        return false;
+    }
 
     m_lastConnectionStatus = true;
     EDR_LOG->Trace(Q_FUNC_INFO, "Connected to server socket. Server: %s - %d", ipBuffer, m_serverPort);
-    ::send(fd, handshake, std::strlen(handshake), MSG_NOSIGNAL);
+    sendText(fd, handshake, std::strlen(handshake));
     EDR_LOG->Trace(Q_FUNC_INFO, "Send to %s: %s", ipBuffer, handshake);
 
     connectToSocket(fd);
 
+    m_tls.reset();
     ::close(fd);
     EDR_LOG->Trace(Q_FUNC_INFO, "Server Socket Closed. %s", ipBuffer);
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
@@ -141,17 +201,27 @@ void ServerSocketThread::connectToSocket(int fd)
     char buffer[kRecvBufferSize + 1];
     for (;;) {
         std::memset(buffer, 0, sizeof buffer);
-        const StoppableWait::Result ready = m_wait.waitFor(fd, POLLIN, receiveTimeout);
+        const bool buffered = m_tls && m_tls->hasBuffered();
+        const StoppableWait::Result ready =
+            buffered ? StoppableWait::Ready : m_wait.waitFor(fd, POLLIN, receiveTimeout);
         if (ready == StoppableWait::Stopped)
             break;
+        if (ready == StoppableWait::Failed) {
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "poll Failed! - %s", serverIp.constData());
+            break;
+        }
         ssize_t n = -1;
         if (ready == StoppableWait::Ready)
-            n = ::recv(fd, buffer, kRecvBufferSize, 0);
-        if (n <= 0) {
-            // Peer closed, error or a silent period: a keep-alive tells which.
+            n = receiveText(fd, buffer, kRecvBufferSize);
+        if (n == TlsChannel::kAgain)
+            continue; // a TLS record without data (a session ticket, say)
+        // The server closed its side: a keep-alive could still be sent to a
+        // half-closed connection, but nothing would ever arrive on it again.
+        if (n == 0)
+            break;
+        if (n < 0) {
+            // An error or a silent period: a keep-alive tells which.
             if (m_wait.stopRequested() || !sendKeepAlive(fd))
-                break;
-            if (n == 0 && !m_wait.sleepFor(Common::scaledMs(kPauseAfterMessageMs)))
                 break;
             continue;
         }

@@ -2,11 +2,13 @@
 
 #include "core/EdrAgentConfig.h"
 #include "push/StoppableWait.h"
+#include "push/TlsChannel.h"
 
 #include <QString>
 #include <QThread>
 
 #include <atomic>
+#include <memory>
 
 class AgentDetails;
 class ServerDetails;
@@ -30,6 +32,9 @@ public:
 
     // Cooperative stop: wakes any blocking wait; the run then ends by itself.
     void requestStop() { m_wait.requestStop(); }
+    // Called by the starter right before start(): a stop that follows the
+    // start at once is then never lost.
+    void clearStop() { m_wait.reset(); }
 
     void startSocket();
     bool connectToServerSocket();
@@ -44,6 +49,10 @@ protected:
 
 private:
     bool sendKeepAlive(int fd);
+    // Over TLS when the connection has it, else in clear.
+    ssize_t sendText(int fd, const char* data, size_t size);
+    ssize_t receiveText(int fd, char* buffer, size_t size);
+    bool startTls(int fd);
 
     QString m_corpKey;
     QString m_serverIp;
@@ -53,4 +62,5 @@ private:
     ServerDetails* m_serverDetails;
     EdrAgentConfig m_config;
     StoppableWait m_wait;
+    std::unique_ptr<TlsChannel> m_tls; // this run's TLS stream, null in clear
 };

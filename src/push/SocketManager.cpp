@@ -67,12 +67,9 @@ void SocketManager::startSocketListner()
 {
     m_clientThread.setProtocol(ClientSocketThread::TCP);
     m_clientThread.setClientPort(static_cast<unsigned int>(m_agentDetails->getAgentListenPort()));
-    QStringList rejected;
-    m_clientThread.setAllowList(
-        ListenerAllowList::fromSettings(m_serverDetails->getConfiguredServerAddresses(),
-                                        m_config.getSetting(QStringLiteral("ListenerAllow")), &rejected));
-    for (const QString& entry : qAsConst(rejected))
-        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "ListenerAllow entry ignored: %s", qUtf8Printable(entry));
+    if (m_clientThread.isRunning())
+        return;
+    m_clientThread.clearStop();
     m_clientThread.start(QThread::InheritPriority);
 }
 
@@ -93,6 +90,7 @@ void SocketManager::connectToSocketServer()
     m_serverThread.setCorpKey(m_agentDetails->getCorpKey());
     m_serverThread.setServerIpAddress(m_serverDetails->getServerIP());
     m_serverThread.setServerSocketPort(m_serverDetails->getServerSocketPort());
+    m_serverThread.clearStop();
     m_serverThread.start(QThread::InheritPriority);
 }
 
@@ -138,6 +136,13 @@ void SocketManager::processCommand(const QString& ip, const QString& message, Au
     AuditLog* audit = AuditLog::getInstance();
     const bool numbered = command.kind == PushCommand::Report || command.kind == PushCommand::Action;
     const std::optional<int> task = numbered ? std::optional<int>(command.task) : std::nullopt;
+    // Refused before the number becomes a task of the dispatcher.
+    if (numbered && (command.task < 0 || command.task >= TasksManager::kTaskCount)) {
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Refused %s command for unknown task %d", qUtf8Printable(command.word),
+                       command.task);
+        audit->record(channel, ip, message, task, AuditLog::Malformed);
+        return;
+    }
     if (command.kind == PushCommand::Ignored || command.kind == PushCommand::TooShort) {
         audit->record(channel, ip, message, task, AuditLog::Malformed);
         carryOut(command, true);

@@ -1,14 +1,30 @@
 #include "push/StoppableWait.h"
 
+#include "core/CLogger.h"
+
 #include <cerrno>
 #include <cstdint>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <thread>
 
-StoppableWait::StoppableWait() : m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+namespace
+{
+// Without a wake-up descriptor every wait is cut into slices this long, so a
+// stop is still seen within one slice.
+constexpr int kSliceWithoutWakeFdMs = 100;
+} // namespace
+
+StoppableWait::StoppableWait() : m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    if (m_wakeFd < 0)
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "eventfd Failed! Stops are noticed within %d ms",
+                       kSliceWithoutWakeFdMs);
+}
 
 StoppableWait::~StoppableWait()
 {
@@ -49,6 +65,9 @@ StoppableWait::Result StoppableWait::waitFor(int fd, short events, int timeoutMs
                 std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
             wait = left > 0 ? static_cast<int>(left) : 0;
         }
+        const bool sliced = m_wakeFd < 0 && (wait < 0 || wait > kSliceWithoutWakeFdMs);
+        if (sliced)
+            wait = kSliceWithoutWakeFdMs;
         const int n = ::poll(fds, static_cast<nfds_t>(count), wait);
         if (n < 0) {
             if (errno == EINTR)
@@ -57,8 +76,11 @@ StoppableWait::Result StoppableWait::waitFor(int fd, short events, int timeoutMs
         }
         if (m_stop || (fds[0].revents & POLLIN))
             return Stopped;
-        if (n == 0)
+        if (n == 0) {
+            if (sliced)
+                continue;
             return Timeout;
+        }
         if (count == 2 && fds[1].revents)
             return Ready;
     }
@@ -66,5 +88,13 @@ StoppableWait::Result StoppableWait::waitFor(int fd, short events, int timeoutMs
 
 bool StoppableWait::sleepFor(int ms)
 {
-    return waitFor(-1, 0, ms) != Stopped;
+    const Result r = waitFor(-1, 0, ms);
+    if (r != Failed)
+        return r != Stopped;
+    // poll itself fails: still pause, so a caller's retry loop cannot spin.
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(ms, 0));
+    while (!m_stop && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(kSliceWithoutWakeFdMs));
+    return !m_stop;
 }

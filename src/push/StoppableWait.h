@@ -14,14 +14,17 @@ public:
     StoppableWait(const StoppableWait&) = delete;
     StoppableWait& operator=(const StoppableWait&) = delete;
 
-    void reset();       // before a new run: clears the flag and drains the wake-up
+    // Before start(), by the starting thread: a stop requested between start()
+    // and the first wait must not be cleared by the new run.
+    void reset();
     void requestStop(); // any thread
     bool stopRequested() const { return m_stop.load(); }
 
     // Waits until fd has the events (POLLIN or POLLOUT), the time runs out
     // (timeoutMs < 0: no limit) or a stop is requested.
     Result waitFor(int fd, short events, int timeoutMs);
-    // A pause that ends early on a stop; false when stopped.
+    // A pause that ends early on a stop; false when stopped. It pauses even
+    // when poll() fails.
     bool sleepFor(int ms);
 
 private:

@@ -1,6 +1,7 @@
 #include "service/ServiceHost.h"
 
 #include "comm/AgentManager.h"
+#include "comm/Outbox.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
 #include "core/StopRequest.h"
@@ -27,18 +28,21 @@ bool ensureSignalPipe()
 {
     if (g_signalPipe[0] >= 0)
         return true;
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, g_signalPipe) != 0)
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, g_signalPipe) != 0) {
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot create the signal pipe; stopping");
         return false;
+    }
     StopRequest::setSignalFd(g_signalPipe[0]);
     return true;
 }
 } // namespace
 
-void catchUnixSignals(std::initializer_list<int> signalList)
+bool catchUnixSignals(std::initializer_list<int> signalList)
 {
     if (signalList.size() == 0)
-        return;
-    ensureSignalPipe();
+        return true;
+    if (!ensureSignalPipe())
+        return false;
     sigset_t blocking;
     sigemptyset(&blocking);
     for (int sig : signalList)
@@ -49,8 +53,12 @@ void catchUnixSignals(std::initializer_list<int> signalList)
         sa.sa_handler = signal_handler;
         sa.sa_mask = blocking;
         sa.sa_flags = 0;
-        ::sigaction(sig, &sa, nullptr);
+        if (::sigaction(sig, &sa, nullptr) != 0) {
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot catch signal %d; stopping", sig);
+            return false;
+        }
     }
+    return true;
 }
 
 void ignoreUnixSignals(std::initializer_list<int> signalList)
@@ -78,6 +86,7 @@ void stopService()
 
 void releaseInstances()
 {
+    Outbox::releaseInstance();
     ScheduleManager::releaseInstance();
     ServerDetails::releaseInstance();
     AgentDetails::releaseInstance();
@@ -111,6 +120,12 @@ void ServiceHost::handleSignal(int sig)
     case SIGSTOP:
         text = "Agent Service : stop signal catched";
         break;
+    case SIGUSR1:
+        // `edr-agent outbox --flush` asks the running agent to deliver now.
+        EDR_LOG->Info(origin, "Delivery of pending reports requested");
+        if (Outbox* outbox = Outbox::active())
+            outbox->scheduleReplay();
+        return;
     default:
         return;
     }
@@ -134,6 +149,10 @@ void ServiceHost::start()
         m_notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, this);
         connect(m_notifier, &QSocketNotifier::activated, this, &ServiceHost::onSignalPipe);
     }
+    // Taken before anything is posted, and held for the process's life.
+    Outbox* outbox = Outbox::getInstance();
+    outbox->setLimits(Outbox::configuredLimits());
+    outbox->open();
     // The start sequence runs inside the event loop so a termination signal
     // is honoured at any moment of it, registration retries included.
     QTimer::singleShot(0, this, &ServiceHost::attemptRegistration);
@@ -188,6 +207,9 @@ bool ServiceHost::registerWithServer(AgentManager& agent)
 
 void ServiceHost::continueStartup()
 {
+    // Registered: what waits from earlier runs may go out now.
+    if (Outbox* outbox = Outbox::active())
+        outbox->enableReplay();
     if (TasksManager* tasks = TasksManager::getInstance())
         tasks->sendReportToServer(TasksManager::AgentInfo, QString());
     if (SocketManager* sockets = SocketManager::getInstance()) {

@@ -10,7 +10,8 @@ class AgentManager;
 
 // Signal handling: the handler only writes the signal number to a self-pipe;
 // the main thread reads it, logs and quits the event loop.
-void catchUnixSignals(std::initializer_list<int> signalList);
+// False, with an Error line, when the signals cannot be caught.
+bool catchUnixSignals(std::initializer_list<int> signalList);
 void ignoreUnixSignals(std::initializer_list<int> signalList);
 void signal_handler(int sig);
 void stopService();

@@ -9,6 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 using namespace edrtest;
 
 namespace {
@@ -158,4 +161,25 @@ TEST_F(HttpTest, CheckPortProbesTcp)
     clock.start();
     EXPECT_FALSE(http->checkPort("127.0.0.1", 1));
     EXPECT_LT(clock.elapsed(), 1500);
+
+    // With every descriptor below 1024 taken the probe's socket lands past
+    // what an fd_set can hold.
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit saved = limit;
+    if (limit.rlim_max < 1100)
+        GTEST_SKIP() << "descriptor limit too low";
+    limit.rlim_cur = 1100;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    QList<int> held;
+    for (int fd = ::dup(0); fd >= 0; fd = ::dup(0)) {
+        held << fd;
+        if (fd >= 1023)
+            break;
+    }
+    const bool reachable = http->checkPort("127.0.0.1", server.port());
+    for (int fd : held)
+        ::close(fd);
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_TRUE(reachable);
 }

@@ -11,7 +11,9 @@ TEST(TerminalManagerTest, CommandsRunWithoutShellWithinTheirLimits)
     ServerUnderTest peer;
     FakeToolDir fakes; // first on the search path; the rest are the real tools
     fakes.addTool(QStringLiteral("ls"), "listing\n");
-    fakes.addScript(QStringLiteral("Uslow"), "sleep 2; echo done\n");
+    fakes.addScript(QStringLiteral("Uquick"), "echo done\n");
+    // Just past the plain limit: only the user limit lets it finish.
+    fakes.addScript(QStringLiteral("past-plain-limit"), "sleep 1.2; echo done\n");
     TerminalManager manager(ToolRunner({fakes.path(), "/usr/bin", "/bin"}));
     const struct {
         const char* arg;
@@ -23,9 +25,10 @@ TEST(TerminalManagerTest, CommandsRunWithoutShellWithinTheirLimits)
         {"12|echo a | wc", 2, "echo a | wc", "a | wc\n", "Successfully send Terminal Output to server."},
         {"13|sh -c \"echo oops >&2\"", 2, "sh -c \"echo oops >&2\"", "", nullptr},
         {"14|U|printf \"%s|\" \"two words\" $HOME", 2, "printf \"%s|\" \"two words\" $HOME", "two words|$HOME|", nullptr},
-        {"15|sleep 2", 1, "sleep 2", nullptr, "Failed to execute command!"},
-        {"16|U|sleep 2", 2, "sleep 2", "", nullptr},
-        {"17|Uslow", 2, "Uslow", "done\n", nullptr}, // the user limit without a second '|'
+        {"15|bash -c \"sleep 999.0625; true\"", 1, "bash -c \"sleep 999.0625; true\"", nullptr,
+         "Failed to execute command!"}, // never ends: killed at the limit, grandchild too
+        {"16|U|past-plain-limit", 2, "past-plain-limit", "done\n", nullptr},
+        {"17|Uquick", 2, "Uquick", "done\n", nullptr}, // a user order without a second '|'
         {"18|X|echo y", 2, "echo y", "y\n", nullptr}, // a second '|' without the flag
         {"19|no-such-program-here", 1, "no-such-program-here", nullptr, nullptr},
         {"20| ", 1, " ", nullptr, nullptr},
@@ -47,6 +50,7 @@ TEST(TerminalManagerTest, CommandsRunWithoutShellWithinTheirLimits)
         EXPECT_TRUE(!c.log || peer.logHas(c.log)) << c.arg;
     }
     EXPECT_TRUE(fakes.invocations(QStringLiteral("ls")).isEmpty());
+    EXPECT_EQ(edrtest::livingProcesses("sleep 999.0625"), 0);
 }
 
 TEST(TerminalManagerTest, FloodingCommandIsCapped)

@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QSettings>
+#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -71,7 +72,11 @@ TEST(EdrAgentConfig, SurvivesCrashMidWrite)
                 config.setSetting(QStringLiteral("CorporateID"), big + QString::number(i));
             }
         }
-        ::usleep(30000 + round * 7000);
+        // Kill only once the writer has produced a first complete file, so a
+        // slow start on a loaded machine cannot leave nothing to read.
+        for (int i = 0; i < 1000 && !QFileInfo::exists(path); ++i)
+            ::usleep(10000);
+        ::usleep(5000 + round * 7000);
         ::kill(child, SIGKILL);
         int status = 0;
         ::waitpid(child, &status, 0);

@@ -36,7 +36,20 @@ TEST(ServerDetails, EveryKeyComesFromTheFileAndIsReadAgainEachCall)
 
     prefix.writeServerIni("[server]\nEDRIP=na\nACIP=10.0.0.5\n[Server]\nEDRPORT=notanumber\n");
     EXPECT_EQ(s->getServerIP(), QStringLiteral("na")); // fallback only for the exact text NA
-    EXPECT_EQ(s->getServerPort(), 0);
+}
+
+TEST(ServerDetails, PortThatIsNotANumberInRangeIsRefusedByName)
+{
+    ScratchPrefix prefix;
+    const ServerDetails* s = ServerDetails::getInstance();
+    for (const char* bad : {"notanumber", "0", "65536", "-1", "80x", "1,2", ""}) {
+        prefix.writeServerIni(QByteArray("[Server]\nEDRPORT=8080\nEDRSPORT=4000\nEDRSLPORT=") + bad + "\n");
+        EXPECT_EQ(s->getAgentListenPort(), 0) << bad;
+        EXPECT_EQ(s->getServerSocketPort(), 4000);
+        EXPECT_TRUE(prefix.traceLog().contains(QByteArray("EDRSLPORT in serverip.ini is not a port number"))) << bad;
+    }
+    prefix.writeServerIni("[Server]\nEDRSLPORT= 65535 \n");
+    EXPECT_EQ(s->getAgentListenPort(), 65535);
 }
 
 TEST(ServerDetails, GroupSpellingsAreDistinctAndGarbageGivesDefaults)

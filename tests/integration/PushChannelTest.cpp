@@ -127,3 +127,36 @@ TEST_F(PushChannel, RestartedAgentBindsItsPortAtOnce)
     EXPECT_TRUE(agent.waitForLog("Agent Config!", 20000));
     EXPECT_FALSE(agent.log().contains("bind Failed!"));
 }
+
+TEST_F(PushChannel, TerminalOrderAtItsLimitLeavesNoGrandchild)
+{
+    EXPECT_EQ(sendToListener(listenPort, "RPT#$#18#$#31|bash -c \"sleep 999.3125; true\""), QByteArray("OK"));
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("cmdAndPS/cmdOutput"), 1, 20000)) << agent.log().constData();
+    const QJsonObject body =
+        console.requests(QStringLiteral("cmdAndPS/cmdOutput")).at(0).value(QStringLiteral("body")).toObject();
+    EXPECT_EQ(body.value(QStringLiteral("status")).toInt(), 1); // killed at the limit
+    EXPECT_EQ(livingProcesses("sleep 999.3125"), 0);
+}
+
+TEST(PushChannelShutdown, StopDuringATerminalOrderEndsItsProcessGroup)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "the daemon runs as root only";
+    ConsoleProcess console;
+    ASSERT_TRUE(console.isRunning());
+    AgentProcess agent;
+    agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("1")); // a 20 s limit
+    const int listenPort = LoopbackSocket::freePort();
+    agent.writeServerIni(console.httpPort(), console.socketPort(), listenPort);
+    ASSERT_TRUE(agent.start());
+    const QByteArray marker = "sleep 999." + QByteArray::number(::getpid()); // unique to this run
+    EXPECT_EQ(sendToListener(listenPort, "RPT#$#18#$#41|bash -c \"" + marker + "; true\""), QByteArray("OK"));
+    QElapsedTimer clock;
+    clock.start();
+    while (livingProcesses(marker) < 2 && clock.elapsed() < 20000) // bash and its sleep
+        QThread::msleep(20);
+    ASSERT_EQ(livingProcesses(marker), 2);
+    agent.signal(SIGTERM);
+    ASSERT_TRUE(agent.waitForExit(15000));
+    EXPECT_EQ(livingProcesses(marker), 0);
+}

@@ -81,7 +81,7 @@ TEST(InstallSoftManager, ReportDatesPackagesByTheirFileList)
     edrtest::FakeHttpServer server;
     edrtest::ScratchPrefix prefix;
     prefix.pointAtServer(server.port());
-    EXPECT_TRUE(InstallSoftManager(HostPaths::fromFixtureRoot(root.path())).sendRptToServer("ignored"));
+    EXPECT_TRUE(InstallSoftManager(HostPaths::fromFixtureRoot(root.path()), ToolRunner(QStringList())).sendRptToServer("ignored"));
     ASSERT_TRUE(server.waitForRequests(1, 5000));
     EXPECT_TRUE(server.requests()[0].target.endsWith("machineInfo/addInstallSoft"));
     const QJsonObject posted = jsonOf(server.requests()[0].body);
@@ -97,7 +97,8 @@ TEST(InstallSoftManager, NoDatabaseMeansNoReport)
 {
     edrtest::ScratchPrefix prefix;
     QJsonObject body;
-    EXPECT_FALSE(InstallSoftManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root")).getInstalledSoftwares(body));
+    EXPECT_FALSE(InstallSoftManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
+                     .getInstalledSoftwares(body));
     EXPECT_TRUE(body.isEmpty());
     EXPECT_TRUE(prefix.traceLog().contains("Installed Software Not Found!"));
 }

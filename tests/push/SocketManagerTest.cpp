@@ -57,10 +57,11 @@ TEST_F(SocketManagerTest, ReportCommandsReachTheDispatcherAndShortOnesAreLogged)
     manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#$0#$#0"));
     manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#x"));
     EXPECT_EQ(requestsTo("addMachineInfo").size(), 2);
-    for (const char* ignored : {"rpt#$#0", "RPT", "RPT#$#25", "ACT#$#0#$#1|1|x"})
+    for (const char* ignored : {"rpt#$#0", "RPT", "RPT#$#25", "ACT#$#0#$#1|1|x", "RPT#$#-1", "ACT#$#4096#$#x"})
         manager->processCommand(QStringLiteral("127.0.0.1"), QString::fromLatin1(ignored));
     EXPECT_EQ(server.requests().size(), 2);
     EXPECT_TRUE(prefix.traceLog().contains("Ignored RPT command without a subject"));
+    EXPECT_EQ(prefix.traceLog().count("command for unknown task"), 3); // 25, -1, 4096
 }
 
 TEST_F(SocketManagerTest, ConfigChangeDownloadsTheScheduleAndUpdateStartsTheScript)

@@ -1,4 +1,5 @@
 #include "core/Common.h"
+#include "core/EdrAgentConfig.h"
 #include "push/ClientSocketThread.h"
 #include "push/ListenerAllowList.h"
 #include "push/ServerSocketThread.h"
@@ -74,9 +75,9 @@ TEST(ServerSocketThread, HandshakeMessagesAndKeepAlives)
         received += messages.at(i).at(1).toString();
     EXPECT_EQ(received, QString::fromLatin1(big));
 
-    // The server goes away: the run ends with socketClosed.
-    ::close(peer.fd);
-    peer.fd = -1;
+    // The server closes only its sending side: keep-alives would still go
+    // through, but the run must end with socketClosed.
+    ::shutdown(peer.fd, SHUT_WR);
     ASSERT_TRUE(waitCount(closed, 1, 10000));
     ASSERT_TRUE(thread.wait(5000));
 }
@@ -97,6 +98,68 @@ TEST(ServerSocketThread, UnreachableServerOrNoAddressEndsTheRun)
     ASSERT_TRUE(waitCount(closed, 2));
     EXPECT_FALSE(thread.getLastConnectionStatus());
     EXPECT_TRUE(prefix.traceLog().contains("Socket Server is unreachable! Server: 127.0.0.1:"));
+}
+
+// A server whose accept queue is full drops further SYNs: the connect must
+// give up after its (scaled) 5 s, and a stop meanwhile ends it without the
+// "unreachable" line.
+TEST(ServerSocketThread, ConnectToASynDroppingServerIsBounded)
+{
+    ScratchPrefix prefix;
+    int port = 0;
+    LoopbackSocket server(LoopbackSocket::listenOn(&port));
+    ::listen(server.fd, 0); // a queue of one, filled at once
+    LoopbackSocket filler(LoopbackSocket::connectTo(port));
+    ASSERT_GE(filler.fd, 0);
+
+    ServerSocketThread thread;
+    thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
+    thread.setServerSocketPort(port);
+    QSignalSpy closed(&thread, &ServerSocketThread::socketClosed);
+    {
+        TimeScale scale(0.05); // 5 s -> 250 ms
+        thread.start();
+        ASSERT_TRUE(waitCount(closed, 1, 10000));
+    }
+    ASSERT_TRUE(thread.wait(5000));
+    EXPECT_TRUE(prefix.traceLog().contains("Socket Server is unreachable! Server: 127.0.0.1:"));
+    EXPECT_TRUE(prefix.traceLog().contains("(errno 110:"));
+
+    const int unreachable = prefix.traceLog().count("unreachable");
+    thread.start(); // full 5 s now
+    QElapsedTimer clock;
+    clock.start();
+    while (prefix.traceLog().count("Connecting to Server") < 2 && clock.elapsed() < 5000)
+        QThread::msleep(5);
+    thread.requestStop();
+    ASSERT_TRUE(thread.wait(3000));
+    EXPECT_EQ(prefix.traceLog().count("unreachable"), unreachable);
+}
+
+// The starter clears the stop before start(); the run itself must not, or a
+// stop that comes at once is lost and wait() never returns.
+TEST(SocketThreads, StopRightAfterStartIsNotLost)
+{
+    ScratchPrefix prefix;
+    int port = 0;
+    LoopbackSocket server;
+    server.fd = LoopbackSocket::listenOn(&port);
+    for (int i = 0; i < 20; ++i) {
+        ClientSocketThread listener;
+        listener.setProtocol(ClientSocketThread::TCP);
+        listener.setClientPort(static_cast<unsigned int>(LoopbackSocket::freePort()));
+        ServerSocketThread connection;
+        connection.setServerIpAddress(QStringLiteral("127.0.0.1"));
+        connection.setServerSocketPort(port);
+        listener.clearStop();
+        connection.clearStop();
+        listener.start();
+        connection.start();
+        listener.requestStop();
+        connection.requestStop();
+        ASSERT_TRUE(listener.wait(5000)) << i;
+        ASSERT_TRUE(connection.wait(5000)) << i;
+    }
 }
 
 TEST(ServerSocketThread, StopsCooperativelyWhileConnected)
@@ -128,7 +191,7 @@ protected:
         port = LoopbackSocket::freePort();
         thread.setProtocol(ClientSocketThread::TCP);
         thread.setClientPort(static_cast<unsigned int>(port));
-        thread.setAllowList(ListenerAllowList::fromSettings({}, listenerAllow));
+        EdrAgentConfig().setSetting(QStringLiteral("ListenerAllow"), listenerAllow);
         thread.start();
         client.fd = LoopbackSocket::connectTo(port, 5000);
         ASSERT_GE(client.fd, 0);
@@ -193,6 +256,12 @@ TEST_F(Listener, PeerOutsideTheAllowListIsRefused)
     const QJsonObject record = QJsonDocument::fromJson(audit.readAll()).object();
     EXPECT_EQ(record.value(QStringLiteral("peer")).toString(), QStringLiteral("127.0.0.1"));
     EXPECT_EQ(record.value(QStringLiteral("outcome")).toString(), QStringLiteral("refused-peer"));
+
+    // The setting is read again for the next client.
+    EdrAgentConfig().setSetting(QStringLiteral("ListenerAllow"), QStringLiteral("127.0.0.1"));
+    LoopbackSocket next(LoopbackSocket::connectTo(port, 5000));
+    ::send(next.fd, "RESET#$#TRACE_LOG", 17, MSG_NOSIGNAL);
+    EXPECT_EQ(LoopbackSocket::readSome(next.fd, 5000), QByteArray("OK"));
 }
 
 TEST(ListenerAllowList, DefaultsAndOverrides)
@@ -225,7 +294,6 @@ TEST(ListenerBind, TakenPortIsRetriedUntilFree)
     ClientSocketThread thread;
     thread.setProtocol(ClientSocketThread::TCP);
     thread.setClientPort(static_cast<unsigned int>(port));
-    thread.setAllowList(ListenerAllowList::fromSettings({}, QString()));
     thread.start();
     QElapsedTimer clock;
     clock.start();

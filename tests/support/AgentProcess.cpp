@@ -33,12 +33,13 @@ void AgentProcess::writeFile(const QString& path, const QByteArray& content)
     f.write(content);
 }
 
-void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort)
+void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort,
+                                  const QByteArray& extraServerKeys)
 {
     writeFile(settingsDir() + QStringLiteral("/serverip.ini"),
               "[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +
                   "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) +
-                  "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n");
+                  "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n" + extraServerKeys);
 }
 
 void AgentProcess::prependPath(const QString& dir)

@@ -22,7 +22,8 @@ public:
     QString rootDir() const { return prefix() + QStringLiteral("/opt/edr-agent"); }
     QString logPath() const { return dataDir() + QStringLiteral("/EDR_Track.log"); }
 
-    void writeServerIni(int httpPort, int socketPort, int listenPort);
+    void writeServerIni(int httpPort, int socketPort, int listenPort,
+                        const QByteArray& extraServerKeys = QByteArray());
     void writeFile(const QString& path, const QByteArray& content);
     void setEnv(const QString& name, const QString& value) { m_env.insert(name, value); }
     void prependPath(const QString& dir); // fake tools first on the agent's PATH

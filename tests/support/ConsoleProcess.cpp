@@ -7,6 +7,8 @@
 #include <QJsonDocument>
 #include <QThread>
 
+#include <openssl/ssl.h>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -17,6 +19,7 @@ namespace edrtest {
 
 ConsoleProcess::ConsoleProcess(const QStringList& extraArgs)
 {
+    m_tls = extraArgs.contains(QStringLiteral("--tls-cert"));
     const QString portFile = m_dir.path() + QStringLiteral("/ports.json");
     QStringList args{QStringLiteral("--http-port"), QStringLiteral("0"), QStringLiteral("--socket-port"),
                      QStringLiteral("0"),           QStringLiteral("--data"), dataDir(),
@@ -94,21 +97,35 @@ QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pat
     addr.sin_port = htons(static_cast<uint16_t>(m_httpPort));
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     QByteArray reply;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+    // The test's own admin client trusts whatever the console presents.
+    SSL_CTX* ctx = m_tls ? SSL_CTX_new(TLS_client_method()) : nullptr;
+    SSL* ssl = ctx ? SSL_new(ctx) : nullptr;
+    const timeval timeout{5, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+        (!m_tls || (ssl && SSL_set_fd(ssl, fd) == 1 && SSL_connect(ssl) == 1))) {
         const QByteArray request = method + ' ' + pathAndQuery + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" +
                                    "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
-        ::send(fd, request.constData(), static_cast<size_t>(request.size()), MSG_NOSIGNAL);
+        if (ssl)
+            SSL_write(ssl, request.constData(), request.size());
+        else
+            ::send(fd, request.constData(), static_cast<size_t>(request.size()), MSG_NOSIGNAL);
         char buf[65536];
         for (;;) {
             pollfd p{fd, POLLIN, 0};
-            if (::poll(&p, 1, 5000) <= 0)
+            if (!(ssl && SSL_pending(ssl) > 0) && ::poll(&p, 1, 5000) <= 0)
                 break;
-            const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+            const int n =
+                ssl ? SSL_read(ssl, buf, sizeof buf) : static_cast<int>(::recv(fd, buf, sizeof buf, 0));
             if (n <= 0)
                 break;
-            reply.append(buf, static_cast<int>(n));
+            reply.append(buf, n);
         }
     }
+    if (ssl)
+        SSL_free(ssl);
+    if (ctx)
+        SSL_CTX_free(ctx);
     ::close(fd);
     const int split = reply.indexOf("\r\n\r\n");
     return split >= 0 ? reply.mid(split + 4) : QByteArray();

@@ -40,6 +40,7 @@ private:
     QProcess m_process;
     int m_httpPort = 0;
     int m_socketPort = 0;
+    bool m_tls = false; // started with --tls-cert: admin requests go over TLS too
 };
 
 } // namespace edrtest

@@ -124,11 +124,12 @@ void ScratchPrefix::writeServerIni(const QByteArray& content)
     f.write(content);
 }
 
-void ScratchPrefix::pointAtServer(int httpPort, int socketPort, int listenPort)
+void ScratchPrefix::pointAtServer(int httpPort, int socketPort, int listenPort,
+                                  const QByteArray& extraServerKeys)
 {
     writeServerIni("[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +
                    "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) +
-                   "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n");
+                   "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n" + extraServerKeys);
 }
 
 LoopbackSocket::~LoopbackSocket()
@@ -363,6 +364,22 @@ void FakeHttpServer::handle(int fd)
         ::send(fd, out.constData(), static_cast<size_t>(out.size()), MSG_NOSIGNAL);
     }
     ::close(fd);
+}
+
+int livingProcesses(const QByteArray& marker)
+{
+    int count = 0;
+    const QStringList pids = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& pid : pids) {
+        QFile cmdline(QStringLiteral("/proc/") + pid + QStringLiteral("/cmdline"));
+        if (!cmdline.open(QIODevice::ReadOnly))
+            continue;
+        QByteArray text = cmdline.readAll();
+        text.replace('\0', ' ');
+        if (text.contains(marker))
+            ++count;
+    }
+    return count;
 }
 
 } // namespace edrtest

@@ -31,6 +31,10 @@ namespace edrtest {
 QString fixturePath(const QString& relative);   // tests/fixtures/<relative>
 QByteArray readFixture(const QString& relative); // fails the test when missing
 
+// Processes, zombies aside, whose command line (arguments joined by spaces)
+// contains the marker.
+int livingProcesses(const QByteArray& marker);
+
 // A per-test folder of fake executables, handed to ToolRunner as its search
 // path (the global PATH never changes, so tests may run in parallel). Each
 // fake prints its canned output byte for byte, exits with its code and appends
@@ -61,7 +65,9 @@ public:
     ~ScratchPrefix();
     QString path() const { return m_dir.path(); }
     void writeServerIni(const QByteArray& content);
-    void pointAtServer(int httpPort, int socketPort = 3098, int listenPort = 3097);
+    // extraServerKeys: more "KEY=value\n" lines for group [Server].
+    void pointAtServer(int httpPort, int socketPort = 3098, int listenPort = 3097,
+                       const QByteArray& extraServerKeys = QByteArray());
     QByteArray traceLog() const; // the trace log written under this prefix
 
 private:

@@ -5,7 +5,11 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -16,6 +20,67 @@ SocketService::SocketService(const QString& logPath) : m_logPath(logPath) {}
 SocketService::~SocketService()
 {
     stop();
+    if (m_tls)
+        SSL_CTX_free(m_tls);
+}
+
+bool SocketService::useTls(const std::string& certFile, const std::string& keyFile, std::string* error)
+{
+    m_tls = SSL_CTX_new(TLS_server_method());
+    if (m_tls && SSL_CTX_use_certificate_chain_file(m_tls, certFile.c_str()) == 1 &&
+        SSL_CTX_use_PrivateKey_file(m_tls, keyFile.c_str(), SSL_FILETYPE_PEM) == 1 &&
+        SSL_CTX_check_private_key(m_tls) == 1)
+        return true;
+    char text[256] = "cannot create a TLS context";
+    if (const unsigned long code = ERR_get_error())
+        ERR_error_string_n(code, text, sizeof text);
+    *error = text;
+    return false;
+}
+
+// The handshake, on the connection's own thread: a client that does not
+// complete it within 10 s (or gives up) is dropped without a record.
+SSL* SocketService::acceptTls(Connection* c)
+{
+    SSL* ssl = SSL_new(m_tls);
+    if (!ssl)
+        return nullptr;
+    SSL_set_fd(ssl, c->fd);
+    ::fcntl(c->fd, F_SETFL, ::fcntl(c->fd, F_GETFL, 0) | O_NONBLOCK);
+    for (int waited = 0; waited < 10000 && c->open && !m_stop; waited += 200) {
+        const int rc = SSL_accept(ssl);
+        if (rc == 1)
+            return ssl;
+        const int err = SSL_get_error(ssl, rc);
+        if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE)
+            break;
+        pollfd p{c->fd, static_cast<short>(err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0};
+        ::poll(&p, 1, 200);
+    }
+    ERR_clear_error();
+    SSL_free(ssl);
+    return nullptr;
+}
+
+bool SocketService::sendTo(Connection& c, const std::string& text)
+{
+    if (!c.ssl)
+        return ::send(c.fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+    std::lock_guard<std::mutex> io(c.io);
+    size_t done = 0;
+    for (int tries = 0; done < text.size() && tries < 50; ++tries) {
+        size_t n = 0;
+        if (SSL_write_ex(c.ssl, text.data() + done, text.size() - done, &n) == 1) {
+            done += n;
+            continue;
+        }
+        if (SSL_get_error(c.ssl, 0) != SSL_ERROR_WANT_WRITE)
+            break;
+        pollfd p{c.fd, POLLOUT, 0};
+        ::poll(&p, 1, 100);
+    }
+    ERR_clear_error();
+    return done == text.size();
 }
 
 int SocketService::listen(const std::string& host, int port)
@@ -79,17 +144,48 @@ void SocketService::acceptLoop()
 void SocketService::readLoop(Connection* c)
 {
     char buf[4097];
-    while (c->open && !m_stop) {
-        pollfd p{c->fd, POLLIN, 0};
-        const int ready = ::poll(&p, 1, 200);
-        if (ready == 0)
-            continue;
-        const ssize_t n = ready > 0 ? ::recv(c->fd, buf, 4096, 0) : -1;
+    bool tlsReady = !m_tls;
+    if (m_tls) {
+        SSL* ssl = acceptTls(c);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        c->ssl = ssl;
+        tlsReady = ssl != nullptr;
+    }
+    while (tlsReady && c->open && !m_stop) {
+        ssize_t n;
+        if (c->ssl) {
+            std::unique_lock<std::mutex> io(c->io);
+            if (SSL_pending(c->ssl) == 0) {
+                io.unlock();
+                pollfd p{c->fd, POLLIN, 0};
+                if (::poll(&p, 1, 200) == 0)
+                    continue;
+                io.lock();
+            }
+            size_t got = 0;
+            const int rc = SSL_read_ex(c->ssl, buf, 4096, &got);
+            const int err = rc == 1 ? SSL_ERROR_NONE : SSL_get_error(c->ssl, rc);
+            ERR_clear_error();
+            if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE)
+                continue;
+            n = err == SSL_ERROR_NONE ? static_cast<ssize_t>(got) : -1;
+        } else {
+            pollfd p{c->fd, POLLIN, 0};
+            const int ready = ::poll(&p, 1, 200);
+            if (ready == 0)
+                continue;
+            n = ready > 0 ? ::recv(c->fd, buf, 4096, 0) : -1;
+        }
         if (n <= 0)
             break;
         record(*c, std::string(buf, static_cast<size_t>(n)));
     }
     std::lock_guard<std::mutex> lock(m_mutex);
+    if (c->ssl) {
+        std::lock_guard<std::mutex> io(c->io);
+        SSL_free(c->ssl);
+        c->ssl = nullptr;
+    }
     c->open = false;
     ::close(c->fd);
     c->fd = -1;
@@ -121,7 +217,7 @@ int SocketService::push(const std::string& text, const std::string& peer)
     for (auto& c : m_connections) {
         if (!c->open || (!peer.empty() && c->peer != peer))
             continue;
-        if (::send(c->fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size()))
+        if ((!m_tls || c->ssl) && sendTo(*c, text))
             ++sent;
     }
     return sent;

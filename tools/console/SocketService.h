@@ -10,6 +10,9 @@
 #include <string>
 #include <thread>
 
+typedef struct ssl_st SSL;
+typedef struct ssl_ctx_st SSL_CTX;
+
 // The server's end of the agents' push channel: accepts agents, records what
 // they send (handshake, keep-alives) and pushes command texts to them.
 class SocketService {
@@ -17,6 +20,8 @@ public:
     explicit SocketService(const QString& logPath);
     ~SocketService();
 
+    // Serve TLS with this certificate chain and key (PEM); false with the reason.
+    bool useTls(const std::string& certFile, const std::string& keyFile, std::string* error);
     int listen(const std::string& host, int port); // returns the bound port, or -1
     void stop();
 
@@ -36,14 +41,19 @@ private:
         int keepAlives = 0;
         int received = 0;
         std::atomic<bool> open{true};
+        SSL* ssl = nullptr;  // set once the TLS handshake is done
+        std::mutex io;       // one SSL object is not used by two threads at once
         std::thread reader;
     };
     void acceptLoop();
     void readLoop(Connection* c);
+    SSL* acceptTls(Connection* c);
+    bool sendTo(Connection& c, const std::string& text);
     void record(const Connection& c, const std::string& text);
 
     QString m_logPath;
     int m_listenFd = -1;
+    SSL_CTX* m_tls = nullptr;
     std::atomic<bool> m_stop{false};
     std::thread m_acceptor;
     mutable std::mutex m_mutex;

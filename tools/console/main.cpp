@@ -17,6 +17,7 @@
 #include <httplib.h>
 
 #include <atomic>
+#include <memory>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -103,8 +104,10 @@ int main(int argc, char** argv)
     const QCommandLineOption schedOpt(QStringLiteral("schedule"), QStringLiteral("Schedule file served by settings/getConfigFile."), QStringLiteral("FILE"));
     const QCommandLineOption portFileOpt(QStringLiteral("port-file"), QStringLiteral("Write the bound ports as JSON to FILE."), QStringLiteral("FILE"));
     const QCommandLineOption faultOpt(QStringLiteral("fault"), QStringLiteral("Start with a fault: none, refuse, 500, silent."), QStringLiteral("MODE"), QStringLiteral("none"));
+    const QCommandLineOption certOpt(QStringLiteral("tls-cert"), QStringLiteral("Serve the HTTP API and the socket service over TLS with this PEM certificate chain."), QStringLiteral("FILE"));
+    const QCommandLineOption keyOpt(QStringLiteral("tls-key"), QStringLiteral("PEM private key for --tls-cert."), QStringLiteral("FILE"));
     const QCommandLineOption summaryOpt(QStringLiteral("summary"), QStringLiteral("Print a readable summary of the requests stored under --data and exit."));
-    parser.addOptions({hostOpt, httpOpt, sockOpt, apiOpt, dataOpt, schedOpt, portFileOpt, faultOpt, summaryOpt});
+    parser.addOptions({hostOpt, httpOpt, sockOpt, apiOpt, dataOpt, schedOpt, portFileOpt, faultOpt, certOpt, keyOpt, summaryOpt});
     parser.process(app);
     if (parser.isSet(summaryOpt))
         return printSummary(parser.value(dataOpt));
@@ -121,7 +124,27 @@ int main(int argc, char** argv)
     ConsoleStore store(parser.value(dataOpt));
     SocketService sockets(store.dataDir() + QStringLiteral("/socket.log"));
 
-    httplib::Server http;
+    if (parser.isSet(certOpt) != parser.isSet(keyOpt)) {
+        std::fprintf(stderr, "edr-console: --tls-cert and --tls-key go together\n");
+        return 2;
+    }
+    const bool tls = parser.isSet(certOpt);
+    std::unique_ptr<httplib::Server> httpServer;
+    if (tls) {
+        const QByteArray cert = QFile::encodeName(parser.value(certOpt));
+        const QByteArray key = QFile::encodeName(parser.value(keyOpt));
+        auto secure = std::make_unique<httplib::SSLServer>(cert.constData(), key.constData());
+        std::string error;
+        if (!secure->is_valid() || !sockets.useTls(cert.toStdString(), key.toStdString(), &error)) {
+            std::fprintf(stderr, "edr-console: cannot use %s / %s: %s\n", cert.constData(), key.constData(),
+                         error.empty() ? "certificate or key not usable" : error.c_str());
+            return 1;
+        }
+        httpServer = std::move(secure);
+    } else {
+        httpServer = std::make_unique<httplib::Server>();
+    }
+    httplib::Server& http = *httpServer;
     http.set_keep_alive_max_count(1);
 
     auto store_request = [&](const httplib::Request& req, const std::string& route) {
@@ -240,8 +263,8 @@ int main(int argc, char** argv)
             f.rename(parser.value(portFileOpt));
         }
     }
-    std::printf("edr-console: http %s:%d%s, socket %s:%d, data %s\n", host.c_str(), httpPort, prefix.c_str(),
-                host.c_str(), socketPort, qPrintable(store.dataDir()));
+    std::printf("edr-console: %s %s:%d%s, socket%s %s:%d, data %s\n", tls ? "https" : "http", host.c_str(), httpPort,
+                prefix.c_str(), tls ? " (TLS)" : "", host.c_str(), socketPort, qPrintable(store.dataDir()));
     std::fflush(stdout);
 
     std::signal(SIGTERM, onSignal);

@@ -1,0 +1,71 @@
+#include "support/TestCertificates.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <cstdio>
+#include <memory>
+
+namespace edrtest
+{
+
+namespace
+{
+const char kScript[] = R"sh(set -e
+key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:prime256v1 -out "$1" 2>/dev/null; }
+pin() { printf 'sha256//%s' "$(openssl pkey -in "$1" -pubout -outform DER | openssl dgst -sha256 -binary | base64 -w0)" > "$2"; }
+key ca.key; key other-ca.key; key server.key
+openssl req -x509 -new -key ca.key -days 36500 -subj /CN=edr-test-ca -out ca.pem
+openssl req -x509 -new -key other-ca.key -days 36500 -subj /CN=edr-other-ca -out other-ca.pem
+openssl req -new -key server.key -subj /CN=edr-test-server -out server.csr
+printf 'subjectAltName=IP:127.0.0.1\n' > san-ip
+printf 'subjectAltName=DNS:elsewhere.invalid\n' > san-other
+openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 36500 -extfile san-ip -out server.pem 2>/dev/null
+openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 3 -days 36500 -extfile san-other -out other-name.pem 2>/dev/null
+mkdir db; touch db/index.txt; echo 04 > db/serial
+printf '[ca]\ndefault_ca=d\n[d]\ndatabase=db/index.txt\nnew_certs_dir=db\nserial=db/serial\ndefault_md=sha256\npolicy=p\n[p]\ncommonName=supplied\n' > ca.cnf
+openssl ca -batch -notext -config ca.cnf -cert ca.pem -keyfile ca.key -in server.csr -extfile san-ip -startdate 20000101000000Z -enddate 20010101000000Z -out expired.pem 2>/dev/null
+pin server.key server.pin; pin ca.key other.pin
+)sh";
+
+QByteArray readAll(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll().trimmed() : QByteArray();
+}
+
+std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
+{
+    QProcess shell;
+    shell.setWorkingDirectory(dir.path());
+    shell.start(QStringLiteral("/bin/bash"), {QStringLiteral("-c"), QString::fromLatin1(kScript)});
+    if (!shell.waitForFinished(60000) || shell.exitStatus() != QProcess::NormalExit ||
+        shell.exitCode() != 0) {
+        std::fprintf(stderr, "test certificates: %s\n", shell.readAllStandardError().constData());
+        return nullptr;
+    }
+    auto c = std::make_unique<TestCertificates>();
+    const QDir d(dir.path());
+    c->dir = dir.path();
+    c->caFile = d.filePath(QStringLiteral("ca.pem"));
+    c->otherCaFile = d.filePath(QStringLiteral("other-ca.pem"));
+    c->serverCert = d.filePath(QStringLiteral("server.pem"));
+    c->otherNameCert = d.filePath(QStringLiteral("other-name.pem"));
+    c->expiredCert = d.filePath(QStringLiteral("expired.pem"));
+    c->serverKey = d.filePath(QStringLiteral("server.key"));
+    c->serverPin = readAll(d.filePath(QStringLiteral("server.pin")));
+    c->otherPin = readAll(d.filePath(QStringLiteral("other.pin")));
+    return c;
+}
+} // namespace
+
+const TestCertificates* TestCertificates::get()
+{
+    static QTemporaryDir dir;
+    static const std::unique_ptr<TestCertificates> certs = make(dir);
+    return certs.get();
+}
+
+} // namespace edrtest
