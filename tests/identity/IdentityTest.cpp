@@ -60,27 +60,22 @@ TEST(ApiManager, RoutesOnTheConfiguredServer)
     EXPECT_EQ(ApiManager::getAPI(static_cast<API_NAME>(14)), base);
 }
 
-TEST(SizeOperation, BytesToText)
+TEST(SizeOperation, BytesToTextAndTextToBytesWithItsQuirks)
 {
     const struct {
         long long bytes;
         const char* text;
-    } cases[] = {{1023, "1023 Bytes"},  {1024, "1 KB"},        {1048575, "1023 KB"},
-                 {1048576, "1 MB"},     {1073741824, "1 GB"}, {-5, "-5 Bytes"},
-                 {5LL << 40, "5120 GB"}, {0, "0 Bytes"}};
-    for (const auto& c : cases)
+    } out[] = {{1023, "1023 Bytes"}, {1024, "1 KB"},        {1048575, "1023 KB"}, {1048576, "1 MB"},
+               {1073741824, "1 GB"}, {-5, "-5 Bytes"}, {5LL << 40, "5120 GB"}, {0, "0 Bytes"}};
+    for (const auto& c : out)
         EXPECT_EQ(SizeOperation::getBytesSizeInString(c.bytes), QLatin1String(c.text)) << c.bytes;
-}
-
-TEST(SizeOperation, TextToBytesKeepsItsQuirks)
-{
     const struct {
         const char* text;
         long long bytes;
-    } cases[] = {{"1.5 GB", 1610612736}, {"7.8G", 8375186227LL}, {"512 KB", 524288}, {"12G", 12884901888LL},
-                 {"1.5M", 1572864},      {"512 Bytes", 0},       {"2 gb", 0},       {"0 MB", 0},
-                 {"", 0},                {"G", 0},               {"1e400 G", 0}};
-    for (const auto& c : cases)
+    } in[] = {{"1.5 GB", 1610612736}, {"7.8G", 8375186227LL}, {"512 KB", 524288}, {"12G", 12884901888LL},
+              {"1.5M", 1572864},      {"512 Bytes", 0},       {"2 gb", 0},       {"0 MB", 0},
+              {"", 0},                {"G", 0},               {"1e400 G", 0}};
+    for (const auto& c : in)
         EXPECT_EQ(SizeOperation::getStringSizeInBytes(QLatin1String(c.text)), c.bytes) << c.text;
 }
 
