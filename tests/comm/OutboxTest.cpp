@@ -199,10 +199,9 @@ TEST_F(OutboxTest, BoundsDropOldestSnapshotThenOldestResult)
     ASSERT_EQ(outbox->entries().size(), 3);
     for (const Outbox::Entry& e : outbox->entries())
         EXPECT_EQ(e.header.kind, PendingReport::Kind::Result);
-    const QByteArray log = prefix.traceLog();
-    EXPECT_TRUE(log.contains("dropped pending snapshot of task 3"));
-    EXPECT_TRUE(log.contains("dropped pending snapshot of task 2"));
-    EXPECT_TRUE(log.contains("dropped pending result of task 21 (0000000002-21.rpt"));
+    for (const char* line : {"dropped pending snapshot of task 3", "dropped pending snapshot of task 2",
+                             "dropped pending result of task 21 (0000000002-21.rpt"})
+        EXPECT_TRUE(prefix.traceLog().contains(line)) << line;
 
     // A body beyond the byte bound is refused, and nothing else goes.
     Outbox::releaseInstance();
@@ -255,13 +254,12 @@ TEST_F(OutboxTest, UnusableFilesAreMovedAsideAndSymlinksNeverFollowed)
 TEST_F(OutboxTest, DirectoryFaultsKeepNothingAndLoseNothing)
 {
     // A second agent on the same prefix is locked out and names the first.
-    Outbox* first = openOutbox();
+    openOutbox();
     Outbox second(dir());
     EXPECT_FALSE(second.open());
     EXPECT_EQ(second.lockHolder(), static_cast<qint64>(::getpid()));
     EXPECT_FALSE(second.keep("test", PROCESSES, "{}", QStringLiteral("x")));
     EXPECT_TRUE(prefix.traceLog().contains("is in use by another agent"));
-    Q_UNUSED(first);
     Outbox::releaseInstance();
 
     // The pending directory is a file.
