@@ -5,7 +5,6 @@
 
 #include "support/TestSupport.h"
 
-#include <QJsonDocument>
 #include <QJsonObject>
 
 #include <gtest/gtest.h>
@@ -39,17 +38,12 @@ TEST_F(AgentManagerTest, RegistersOnceAndCarriesTheTokenAfterwards)
     ASSERT_EQ(rs.size(), 2);
     EXPECT_EQ(rs[0].target, "/api/v1/machineInfo/registerAgent");
     EXPECT_FALSE(rs[0].hasHeader("Authorization"));
-    const QByteArray expected = QJsonDocument(QJsonObject{{QStringLiteral("agent_id"), AgentDetails::getInstance()->getAgentID()}})
-                                    .toJson()
-                                    .replace('\n', QByteArray());
-    EXPECT_EQ(rs[0].body, expected);
+    EXPECT_EQ(rs[0].body, "{    \"agent_id\": \"" + AgentDetails::getInstance()->getAgentID().toUtf8() + "\"}");
 
     EXPECT_EQ(rs[1].target, "/api/v1/machineInfo/addMachineInfo");
     EXPECT_EQ(rs[1].header("Authorization"), "tok-1");
-    const QJsonObject info = QJsonDocument::fromJson(rs[1].body).object();
-    EXPECT_EQ(info.keys(), (QStringList{QStringLiteral("AgentVersion"), QStringLiteral("IpAddress")}));
-    EXPECT_EQ(info.value(QStringLiteral("AgentVersion")).toString(), QStringLiteral(EDR_BUILD_VERSION));
-    EXPECT_TRUE(rs[1].body.startsWith("{    \"AgentVersion\": \""));
+    EXPECT_TRUE(rs[1].body.startsWith("{    \"AgentVersion\": \"" EDR_BUILD_VERSION "\",    \"IpAddress\": "))
+        << rs[1].body.constData();
 
     // A stored token arms the transport at the next start without asking the server.
     HttpManager::getInstance()->setAuthorizationToke(QString());
@@ -78,16 +72,14 @@ TEST_F(AgentManagerTest, RejectsEveryOtherReplyShape)
         EXPECT_TRUE(prefix.traceLog().mid(before).contains(c.logged)) << c.logged; // this attempt's lines only
         EXPECT_EQ(EdrAgentConfig().getAuthCode(), QString());
     }
-}
-
-TEST_F(AgentManagerTest, TrueStatusWithoutTokenStoresEmptyCode)
-{
+    // A true status without a token counts as registered once but leaves nothing to send.
     server.setReply({200, "{\"status\": true}", "application/json"});
     EXPECT_TRUE(agent->registerAgent());
     EXPECT_FALSE(agent->isAgentRegistered());
     agent->sendRptToServer(QString());
     EXPECT_FALSE(server.requests().last().hasHeader("Authorization"));
 }
+
 
 TEST(ReportSubmitter, BusyFlagRefusesAndIsAlwaysCleared)
 {

@@ -1,10 +1,10 @@
 #include "comm/HttpManager.h"
 
 #include "core/Common.h"
+#include "core/HostPaths.h"
 #include "support/TestSupport.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QTemporaryFile>
 
 #include <gtest/gtest.h>
@@ -27,148 +27,114 @@ protected:
     {
         return QStringLiteral("http://127.0.0.1:%1/api/v1/%2").arg(server.port()).arg(QLatin1String(route));
     }
+    static QByteArray copyOf(const char* name)
+    {
+        return HostPaths::readFile(Common::getReportsPath() + QStringLiteral("/web/") + QLatin1String(name));
+    }
     FakeHttpServer server;
     ScratchPrefix prefix;
     HttpManager* http = HttpManager::getInstance();
 };
-
-QList<QByteArray> headerNames(const RecordedRequest& r)
-{
-    QList<QByteArray> names;
-    for (const auto& h : r.headers)
-        names << h.first;
-    return names;
-}
 } // namespace
 
-TEST_F(HttpTest, JsonModeSendsDataFieldVerbatimWithoutNewlines)
-{
-    QMap<QString, QString> fields{{QStringLiteral("data"), QStringLiteral("{\n    \"a\": \"x y\"\n}\n")}};
-    QString response;
-    ASSERT_TRUE(http->sendDataToServer(true, url("machineInfo/addProcesses"), 3, fields, response));
-    ASSERT_EQ(server.requests().size(), 1);
-    const RecordedRequest r = server.requests().first();
-    EXPECT_EQ(r.method, "POST");
-    EXPECT_EQ(r.target, "/api/v1/machineInfo/addProcesses");
-    EXPECT_EQ(r.body, "{    \"a\": \"x y\"}");
-    EXPECT_EQ(r.header("Content-Type"), "application/json");
-    EXPECT_FALSE(r.hasHeader("Authorization"));
-    EXPECT_EQ(response, QStringLiteral("OK"));
-
-    // The request copy holds the URL and, for JSON bodies, no form text.
-    QFile copy(Common::getReportsPath() + QStringLiteral("/web/addProcesses.json"));
-    ASSERT_TRUE(copy.open(QIODevice::ReadOnly));
-    EXPECT_EQ(copy.readAll(), url("machineInfo/addProcesses").toUtf8() + "\n");
-}
-
-TEST_F(HttpTest, JsonModeBuildsSortedObjectAndHeadersInOrder)
-{
-    http->setAuthorizationToke(QStringLiteral("abc"));
-    QMap<QString, QString> fields{{QStringLiteral("b"), QStringLiteral("2")}, {QStringLiteral("a"), QStringLiteral("1")}};
-    QString response;
-    ASSERT_TRUE(http->sendDataToServer(true, url("x/y"), 3, fields, response));
-    const RecordedRequest r = server.requests().first();
-    EXPECT_EQ(r.body, "{    \"a\": \"1\",    \"b\": \"2\"}");
-    EXPECT_EQ(r.header("Authorization"), "abc");
-    EXPECT_EQ(r.header("Cookie"), "AspxAutoDetectCookieSupport=1");
-    EXPECT_EQ(r.header("Cache-Control"), "no-cache");
-    const QList<QByteArray> names = headerNames(r);
-    const int auth = names.indexOf("Authorization"), cookie = names.indexOf("Cookie"),
-              cache = names.indexOf("Cache-Control"), type = names.indexOf("Content-Type");
-    EXPECT_TRUE(auth >= 0 && auth < cookie && cookie < cache && cache < type) << r.head.constData();
-}
-
-TEST_F(HttpTest, FormModeEncodesWholeTextAndGetUsesQueryString)
-{
-    QMap<QString, QString> fields{{QStringLiteral("b"), QStringLiteral("x y")}, {QStringLiteral("a"), QStringLiteral("1")}};
-    QString response;
-    ASSERT_TRUE(http->sendDataToServer(true, url("f/form"), 1, fields, response));
-    ASSERT_TRUE(http->sendDataToServer(false, url("f/get"), 3, fields, response));
-    ASSERT_TRUE(http->sendDataToServer(false, url("settings/getConfigFile"), 0, {}, response));
-    const QList<RecordedRequest> rs = server.requests();
-    ASSERT_EQ(rs.size(), 3);
-    EXPECT_EQ(rs[0].body, "a=1&b=x%20y");
-    EXPECT_EQ(rs[0].header("Content-Type"), "application/x-www-form-urlencoded");
-    EXPECT_EQ(rs[1].method, "GET");
-    EXPECT_EQ(rs[1].target, "/api/v1/f/get?a=1&b=x%20y");
-    EXPECT_EQ(rs[2].target, "/api/v1/settings/getConfigFile?");
-
-    QFile copy(Common::getReportsPath() + QStringLiteral("/web/form.json"));
-    ASSERT_TRUE(copy.open(QIODevice::ReadOnly));
-    EXPECT_EQ(copy.readAll(), url("f/form").toUtf8() + "\na=1&b=x%20y");
-}
-
-TEST_F(HttpTest, MultipartAndBarePost)
+TEST_F(HttpTest, EachModeSendsItsExactBodyHeadersAndRequestCopy)
 {
     QTemporaryFile file;
     ASSERT_TRUE(file.open());
     file.write("file-content-123");
     file.close();
-    QMap<QString, QString> fields{{QStringLiteral("logFILE"), file.fileName()}, {QStringLiteral("name"), QStringLiteral("v")}};
+    const QMap<QString, QString> json{{QStringLiteral("data"), QStringLiteral("{\n    \"a\": \"x y\"\n}\n")}};
+    const QMap<QString, QString> fields{{QStringLiteral("b"), QStringLiteral("x y")}, {QStringLiteral("a"), QStringLiteral("1")}};
+    const QMap<QString, QString> upload{{QStringLiteral("logFILE"), file.fileName()}, {QStringLiteral("name"), QStringLiteral("v")}};
     QString response;
-    ASSERT_TRUE(http->sendDataToServer(true, url("m/upload"), 2, fields, response));
-    ASSERT_TRUE(http->sendDataToServer(true, url("m/bare"), 7, fields, response));
-    const QList<RecordedRequest> rs = server.requests();
-    ASSERT_EQ(rs.size(), 2);
-    EXPECT_TRUE(rs[0].header("Content-Type").startsWith("multipart/form-data; boundary="));
-    EXPECT_TRUE(rs[0].body.contains("name=\"logFILE\"; filename="));
-    EXPECT_TRUE(rs[0].body.contains("file-content-123"));
-    EXPECT_TRUE(rs[0].body.contains("name=\"name\"\r\n\r\nv\r\n"));
-    EXPECT_EQ(rs[1].body, "");
-    EXPECT_FALSE(rs[1].hasHeader("Content-Type"));
-}
-
-TEST_F(HttpTest, ReplyHandlingIgnoresHttpStatus)
-{
-    QString response;
-    server.setReply({200, "\"OK\"", "application/json"});
-    ASSERT_TRUE(http->sendDataToServer(true, url("r/a"), 3, {}, response));
+    ASSERT_TRUE(http->sendDataToServer(true, url("machineInfo/addProcesses"), 3, json, response));
     EXPECT_EQ(response, QStringLiteral("OK"));
-    server.setReply({200, "{\"a\":\"b\"}", "application/json"});
-    ASSERT_TRUE(http->sendDataToServer(true, url("r/a"), 3, {}, response));
-    EXPECT_EQ(response, QStringLiteral("{\"a\":\"b\"}"));
-    server.setReply({500, "<html>boom</html>", "text/html"});
-    ASSERT_TRUE(http->sendDataToServer(true, url("r/a"), 3, {}, response));
-    EXPECT_EQ(response, QStringLiteral("<html>boom</html>"));
-}
-
-TEST_F(HttpTest, FailuresLeaveResponseAlone)
-{
-    QString response = QStringLiteral("untouched");
-    server.setReply({200, "", "text/plain", false, true});
-    EXPECT_FALSE(http->sendDataToServer(true, url("r/closed"), 3, {}, response));
-    EXPECT_EQ(response, QStringLiteral("untouched"));
-    EXPECT_FALSE(http->sendDataToServer(true, QStringLiteral("http://127.0.0.1:1/api/v1/x"), 3, {}, response));
-    EXPECT_TRUE(prefix.traceLog().contains("Failed to send data to server - http://127.0.0.1:1/api/v1/x Response Code: 7"));
-}
-
-TEST_F(HttpTest, OversizedRepliesAreRefused)
-{
+    http->setAuthorizationToke(QStringLiteral("abc"));
+    ASSERT_TRUE(http->sendDataToServer(true, url("x/y"), 3, fields, response));
+    ASSERT_TRUE(http->sendDataToServer(true, url("f/form"), 1, fields, response));
+    ASSERT_TRUE(http->sendDataToServer(false, url("f/get"), 3, fields, response));
+    ASSERT_TRUE(http->sendDataToServer(false, url("settings/getConfigFile"), 0, {}, response));
+    ASSERT_TRUE(http->sendDataToServer(true, url("m/upload"), 2, upload, response));
+    ASSERT_TRUE(http->sendDataToServer(true, url("m/bare"), 7, upload, response));
+    const QList<RecordedRequest> rs = server.requests();
+    ASSERT_EQ(rs.size(), 7);
     const struct {
-        int size;
+        const char* request;
+        QByteArray body;
+        const char* type;
+    } sent[] = {
+        {"POST /api/v1/machineInfo/addProcesses", "{    \"a\": \"x y\"}", "application/json"},
+        {"POST /api/v1/x/y", "{    \"a\": \"1\",    \"b\": \"x y\"}", "application/json"},
+        {"POST /api/v1/f/form", "a=1&b=x%20y", "application/x-www-form-urlencoded"},
+        {"GET /api/v1/f/get?a=1&b=x%20y", "", nullptr},
+        {"GET /api/v1/settings/getConfigFile?", "", nullptr},
+    };
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(rs[i].method + ' ' + rs[i].target, sent[i].request);
+        EXPECT_EQ(rs[i].body, sent[i].body) << i;
+        if (sent[i].type) {
+            EXPECT_EQ(rs[i].header("Content-Type"), sent[i].type) << i;
+        }
+    }
+    EXPECT_FALSE(rs[0].hasHeader("Authorization"));
+    EXPECT_EQ(rs[1].header("Authorization"), "abc");
+    EXPECT_EQ(rs[1].header("Cookie"), "AspxAutoDetectCookieSupport=1");
+    EXPECT_EQ(rs[1].header("Cache-Control"), "no-cache");
+    QList<QByteArray> names;
+    for (const auto& h : rs[1].headers)
+        names << h.first;
+    const int auth = names.indexOf("Authorization"), cookie = names.indexOf("Cookie"),
+              cache = names.indexOf("Cache-Control"), type = names.indexOf("Content-Type");
+    EXPECT_TRUE(auth >= 0 && auth < cookie && cookie < cache && cache < type) << rs[1].head.constData();
+
+    EXPECT_TRUE(rs[5].header("Content-Type").startsWith("multipart/form-data; boundary="));
+    EXPECT_TRUE(rs[5].body.contains("name=\"logFILE\"; filename="));
+    EXPECT_TRUE(rs[5].body.contains("file-content-123"));
+    EXPECT_TRUE(rs[5].body.contains("name=\"name\"\r\n\r\nv\r\n"));
+    EXPECT_EQ(rs[6].body, "");
+    EXPECT_FALSE(rs[6].hasHeader("Content-Type"));
+
+    // The request copy holds the URL, plus the text of a form body.
+    EXPECT_EQ(copyOf("addProcesses.json"), url("machineInfo/addProcesses").toUtf8() + "\n");
+    EXPECT_EQ(copyOf("form.json"), url("f/form").toUtf8() + "\na=1&b=x%20y");
+}
+
+// Any answer is taken whatever its status; a failure or an oversized answer leaves the response alone.
+TEST_F(HttpTest, RepliesAreTakenUpToTheCapAndFailuresChangeNothing)
+{
+    const qint64 max = HttpManager::kMaxReplyBytes;
+    const QString untouched = QStringLiteral("untouched");
+    const struct {
+        CannedReply reply;
         qint64 cap;
-        bool ok;
-    } cases[] = {{HttpManager::kMaxReplyBytes, HttpManager::kMaxReplyBytes, true},
-                 {HttpManager::kMaxReplyBytes + 1, HttpManager::kMaxReplyBytes, false},
-                 {1000, 999, false}, {999, 999, true}};
+        QString response;
+    } cases[] = {
+        {{200, "\"OK\"", "application/json"}, max, QStringLiteral("OK")},
+        {{200, "{\"a\":\"b\"}", "application/json"}, max, QStringLiteral("{\"a\":\"b\"}")},
+        {{500, "<html>boom</html>", "text/html"}, max, QStringLiteral("<html>boom</html>")},
+        {{200, "", "text/plain", false, true}, max, untouched},
+        {{200, QByteArray(max, 'x'), "text/plain"}, max, QString(max, QLatin1Char('x'))},
+        {{200, QByteArray(max + 1, 'x'), "text/plain"}, max, untouched},
+        {{200, QByteArray(1000, 'x'), "text/plain"}, 999, untouched},
+        {{200, QByteArray(999, 'x'), "text/plain"}, 999, QString(999, QLatin1Char('x'))},
+    };
     for (const auto& c : cases) {
-        server.setReply({200, QByteArray(c.size, 'x'), "text/plain"});
-        QString response = QStringLiteral("untouched");
-        EXPECT_EQ(http->sendDataToServer(false, url("r/big"), 0, {}, response, c.cap), c.ok) << c.size;
-        EXPECT_EQ(response.size(), c.ok ? c.size : 9) << c.size;
+        server.setReply(c.reply);
+        QString response = untouched;
+        EXPECT_EQ(http->sendDataToServer(false, url("r/big"), 0, {}, response, c.cap), c.response != untouched)
+            << c.reply.body.left(20).constData();
+        EXPECT_EQ(response, c.response) << c.reply.body.left(20).constData();
     }
     EXPECT_TRUE(prefix.traceLog().contains("Refused the reply from " + url("r/big").toUtf8() + ": longer than 999 bytes"));
-}
-
-TEST_F(HttpTest, SilentServerIsAbandoned)
-{
-    Common::setTimeScaleForTesting(0.01); // the 60 s stall window becomes about a second
-    server.setReply({200, "", "text/plain", true});
     QString response;
+    EXPECT_FALSE(http->sendDataToServer(true, QStringLiteral("http://127.0.0.1:1/api/v1/x"), 3, {}, response));
+    EXPECT_TRUE(prefix.traceLog().contains("Failed to send data to server - http://127.0.0.1:1/api/v1/x Response Code: 7"));
+
+    TimeScale scale(0.01); // the 60 s stall window becomes about a second
+    server.setReply({200, "", "text/plain", true});
     QElapsedTimer clock;
     clock.start();
     EXPECT_FALSE(http->sendDataToServer(true, url("r/silent"), 3, {}, response));
-    Common::setTimeScaleForTesting(1.0);
     EXPECT_LT(clock.elapsed(), 10000);
 }
 

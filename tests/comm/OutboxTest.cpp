@@ -64,10 +64,14 @@ protected:
                       QString::fromUtf8(QJsonDocument(QJsonObject{{QStringLiteral("v"), value}}).toJson()));
         return HttpManager::jsonBody(fields);
     }
-    void writeRaw(const QString& name, const QByteArray& content)
+    void writeRaw(const QString& name, const QByteArray& content) const
     {
-        QDir().mkpath(dir());
-        QFile f(dir() + QLatin1Char('/') + name);
+        write(name.startsWith(QLatin1Char('/')) ? name : dir() + QLatin1Char('/') + name, content);
+    }
+    static void write(const QString& path, const QByteArray& content)
+    {
+        QDir().mkpath(QFileInfo(path).path());
+        QFile f(path);
         ASSERT_TRUE(f.open(QIODevice::WriteOnly));
         f.write(content);
     }
@@ -83,9 +87,7 @@ TEST(PendingReport, HeaderRoundTripsAndRejectsAnythingElse)
     int used = 0;
     const std::optional<PendingReport::Header> h = PendingReport::parseHeader(good, &used);
     ASSERT_TRUE(h);
-    EXPECT_EQ(h->task, 3);
-    EXPECT_EQ(h->route, PROCESSES);
-    EXPECT_EQ(h->length, 42);
+    EXPECT_TRUE(h->task == 3 && h->route == PROCESSES && h->length == 42 && h->createdMs == 1700000000000);
     EXPECT_EQ(good.mid(used), "body");
     EXPECT_TRUE(good.startsWith("0003 ")); // the leading task number the old reader takes
 
@@ -166,11 +168,11 @@ TEST_F(OutboxTest, NoAnswerIsKeptAndAFreshSnapshotMakesThePendingOneStale)
     ASSERT_EQ(outbox->entries().size(), 1);
     EXPECT_TRUE(prefix.traceLog().contains("no answer from server"));
     prefix.pointAtServer(server.port());
-    // A server that accepts and never answers is given up by the stall limit.
-    Common::setTimeScaleForTesting(0.01);
-    server.setReply({200, "", "text/plain", true});
-    post(SERVICES, QStringLiteral("stalled"));
-    Common::setTimeScaleForTesting(1.0);
+    { // a server that accepts and never answers is given up by the stall limit
+        TimeScale scale(0.01);
+        server.setReply({200, "", "text/plain", true});
+        post(SERVICES, QStringLiteral("stalled"));
+    }
     ASSERT_EQ(outbox->entries().size(), 1);
     EXPECT_EQ(prefix.traceLog().count("no answer from server"), 2);
     server.setReply({200, "OK", "text/plain"});
@@ -197,10 +199,9 @@ TEST_F(OutboxTest, BoundsDropOldestSnapshotThenOldestResult)
     ASSERT_EQ(outbox->entries().size(), 3);
     for (const Outbox::Entry& e : outbox->entries())
         EXPECT_EQ(e.header.kind, PendingReport::Kind::Result);
-    const QByteArray log = prefix.traceLog();
-    EXPECT_TRUE(log.contains("dropped pending snapshot of task 3"));
-    EXPECT_TRUE(log.contains("dropped pending snapshot of task 2"));
-    EXPECT_TRUE(log.contains("dropped pending result of task 21 (0000000002-21.rpt"));
+    for (const char* line : {"dropped pending snapshot of task 3", "dropped pending snapshot of task 2",
+                             "dropped pending result of task 21 (0000000002-21.rpt"})
+        EXPECT_TRUE(prefix.traceLog().contains(line)) << line;
 
     // A body beyond the byte bound is refused, and nothing else goes.
     Outbox::releaseInstance();
@@ -224,10 +225,7 @@ TEST_F(OutboxTest, UnusableFilesAreMovedAsideAndSymlinksNeverFollowed)
     writeRaw(QStringLiteral(".0000000009-03.rpt.tmp"), "half");
     QTemporaryDir outside;
     const QString secret = outside.path() + QStringLiteral("/secret");
-    QFile s(secret);
-    ASSERT_TRUE(s.open(QIODevice::WriteOnly));
-    s.write(header(3, "snapshot", PROCESSES, 2) + "{}");
-    s.close();
+    writeRaw(secret, header(3, "snapshot", PROCESSES, 2) + "{}");
     ASSERT_TRUE(QFile::link(secret, dir() + QStringLiteral("/0000000005-03.rpt")));
 
     Outbox* outbox = openOutbox();
@@ -256,20 +254,17 @@ TEST_F(OutboxTest, UnusableFilesAreMovedAsideAndSymlinksNeverFollowed)
 TEST_F(OutboxTest, DirectoryFaultsKeepNothingAndLoseNothing)
 {
     // A second agent on the same prefix is locked out and names the first.
-    Outbox* first = openOutbox();
+    openOutbox();
     Outbox second(dir());
     EXPECT_FALSE(second.open());
     EXPECT_EQ(second.lockHolder(), static_cast<qint64>(::getpid()));
     EXPECT_FALSE(second.keep("test", PROCESSES, "{}", QStringLiteral("x")));
     EXPECT_TRUE(prefix.traceLog().contains("is in use by another agent"));
-    Q_UNUSED(first);
     Outbox::releaseInstance();
 
     // The pending directory is a file.
     ASSERT_TRUE(QDir(dir()).removeRecursively());
-    QFile f(dir());
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.close();
+    write(dir(), QByteArray());
     Outbox* outbox = Outbox::getInstance();
     EXPECT_FALSE(outbox->open());
     EXPECT_EQ(Outbox::active(), nullptr);

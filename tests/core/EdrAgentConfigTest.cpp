@@ -23,34 +23,26 @@ QString writeFile(const QTemporaryDir& dir, const QByteArray& content)
 }
 } // namespace
 
-TEST(EdrAgentConfig, StoresValuesPrivatelyAndReadsThemBack)
+TEST(EdrAgentConfig, StoresValuesPrivatelyAndReadsHandWrittenOrGarbledFiles)
 {
     QTemporaryDir dir;
     EdrAgentConfig config(dir.path() + QStringLiteral("/sub/agent.conf"));
-    EXPECT_EQ(config.getAuthCode(), QString());
     EXPECT_EQ(config.getSetting(QStringLiteral("LastSettingTime"), QStringLiteral("-")), QStringLiteral("-"));
-
     ASSERT_TRUE(config.setAuthCode(QStringLiteral("tok=en,with;odd chars")));
     EXPECT_EQ(config.getAuthCode(), QStringLiteral("tok=en,with;odd chars"));
     const QDateTime when(QDate(2026, 3, 4), QTime(5, 6, 7));
     ASSERT_TRUE(config.setTaskLastRunTime(QStringLiteral("AgentInfo"), when));
     EXPECT_EQ(config.getTaskLastRunTime(QStringLiteral("AgentInfo")), when);
     EXPECT_FALSE(config.getTaskLastRunTime(QStringLiteral("StartUp")).isValid());
-
     struct stat st {};
     ASSERT_EQ(::stat(QFile::encodeName(config.path()).constData(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-}
 
-TEST(EdrAgentConfig, HandWrittenAndGarbledFiles)
-{
-    QTemporaryDir dir;
     EdrAgentConfig listed(writeFile(dir, "ListenerAllow=10.0.0.0/8, 127.0.0.1\n[TaskLastRun]\nStartUp=yesterday\n"));
     EXPECT_EQ(listed.getSetting(QStringLiteral("ListenerAllow")), QStringLiteral("10.0.0.0/8,127.0.0.1"));
     EXPECT_FALSE(listed.getTaskLastRunTime(QStringLiteral("StartUp")).isValid());
 
-    QTemporaryDir other;
-    EdrAgentConfig garbled(writeFile(other, QByteArray("\x01\xff[[[\n=\n\0AuthCode", 17)));
+    EdrAgentConfig garbled(writeFile(dir, QByteArray("\x01\xff[[[\n=\n\0AuthCode", 17)));
     EXPECT_EQ(garbled.getAuthCode(), QString());
     EXPECT_TRUE(garbled.setAuthCode(QStringLiteral("abc")));
     EXPECT_EQ(garbled.getAuthCode(), QStringLiteral("abc"));

@@ -7,19 +7,6 @@
 
 #include <gtest/gtest.h>
 
-TEST(HostPaths, JoinsRootsWithAnySlashes)
-{
-    const HostPaths system;
-    EXPECT_EQ(system.proc(QStringLiteral("1/comm")), QStringLiteral("/proc/1/comm"));
-    EXPECT_EQ(system.proc(QStringLiteral("/1/comm")), QStringLiteral("/proc/1/comm"));
-    EXPECT_EQ(system.root(QStringLiteral("/etc/passwd")), QStringLiteral("/etc/passwd"));
-    EXPECT_EQ(system.sys(QString()), QStringLiteral("/sys"));
-
-    const HostPaths fixture = HostPaths::fromFixtureRoot(QStringLiteral("/t/roots/vm/"));
-    EXPECT_EQ(fixture.proc(QStringLiteral("net/tcp")), QStringLiteral("/t/roots/vm/proc/net/tcp"));
-    EXPECT_EQ(fixture.root(QStringLiteral("/var/lib/dpkg/status")), QStringLiteral("/t/roots/vm/var/lib/dpkg/status"));
-}
-
 TEST(HostPaths, ReadsProcfsToEndWithCap)
 {
     bool ok = false;
