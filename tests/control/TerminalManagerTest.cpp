@@ -7,7 +7,7 @@ using edrtest::ServerUnderTest;
 
 TEST(TerminalManagerTest, CommandsRunWithoutShellWithinTheirLimits)
 {
-    edrtest::ScopedTimeScale fast(0.05); // 20 s -> 1 s, 60 s -> 3 s
+    const edrtest::TimeScale fast(0.05); // 20 s -> 1 s, 60 s -> 3 s
     ServerUnderTest peer;
     FakeToolDir fakes; // first on the search path; the rest are the real tools
     fakes.addTool(QStringLiteral("ls"), "listing\n");

@@ -5,6 +5,7 @@
 #include "core/ToolRunner.h"
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QList>
 #include <QMutex>
 #include <QPair>
@@ -30,6 +31,10 @@ namespace edrtest {
 
 QString fixturePath(const QString& relative);   // tests/fixtures/<relative>
 QByteArray readFixture(const QString& relative); // fails the test when missing
+
+QByteArray serverIni(int httpPort, int socketPort, int listenPort, const QByteArray& extraServerKeys);
+// Polls done() while the event loop keeps running; its final answer.
+bool waitUntil(const std::function<bool()>& done, int timeoutMs);
 
 // Processes, zombies aside, whose command line (arguments joined by spaces)
 // contains the marker.
@@ -98,6 +103,9 @@ class TimeScale {
 public:
     explicit TimeScale(double scale);
     ~TimeScale();
+
+private:
+    double m_previous;
 };
 
 struct RecordedRequest {
@@ -145,5 +153,18 @@ private:
     std::function<CannedReply(const RecordedRequest&)> m_handler;
     QList<int> m_heldOpen;
 };
+
+// A scratch prefix whose serverip.ini points at a recording HTTP peer.
+struct ServerUnderTest {
+    ScratchPrefix prefix;
+    FakeHttpServer server;
+    ServerUnderTest() { prefix.pointAtServer(server.port()); }
+
+    // The JSON object of request number count, which must be the latest and have gone to route.
+    QJsonObject posted(const QByteArray& route, int count = 1) const;
+    bool logHas(const char* text) const { return prefix.traceLog().contains(text); }
+};
+
+QJsonObject jsonFixture(const QString& relative);
 
 } // namespace edrtest
