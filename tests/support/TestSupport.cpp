@@ -18,6 +18,8 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <csignal>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace edrtest {
@@ -380,6 +382,39 @@ void FakeHttpServer::handle(int fd)
     if (!reply.close)
         ::send(fd, out.constData(), static_cast<size_t>(out.size()), MSG_NOSIGNAL);
     ::close(fd);
+}
+
+Sleeper::Sleeper() : m_pid(::fork())
+{
+    if (m_pid == 0) {
+        ::execlp("sleep", "sleep", "100", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    EXPECT_GT(m_pid, 0);
+}
+
+Sleeper::~Sleeper()
+{
+    if (m_pid > 0) {
+        ::kill(m_pid, SIGKILL);
+        reap();
+    }
+}
+
+bool Sleeper::running()
+{
+    int status = 0;
+    if (m_pid > 0 && ::waitpid(m_pid, &status, WNOHANG) != 0)
+        m_pid = -1;
+    return m_pid > 0;
+}
+
+int Sleeper::reap()
+{
+    int status = 0;
+    ::waitpid(m_pid, &status, 0);
+    m_pid = -1;
+    return status;
 }
 
 int livingProcesses(const QByteArray& marker)

@@ -40,6 +40,22 @@ bool waitUntil(const std::function<bool()>& done, int timeoutMs);
 // contains the marker.
 int livingProcesses(const QByteArray& marker);
 
+// A child sleeping in the background; killed and reaped with the object
+// unless reap() has already waited for it.
+class Sleeper {
+public:
+    Sleeper();
+    ~Sleeper();
+    Sleeper(const Sleeper&) = delete;
+    Sleeper& operator=(const Sleeper&) = delete;
+    int pid() const { return m_pid; }
+    bool running(); // not yet ended (an ended one is reaped here)
+    int reap();           // waits for its end: the wait status
+
+private:
+    int m_pid = -1;
+};
+
 // A per-test folder of fake executables, handed to ToolRunner as its search
 // path (the global PATH never changes, so tests may run in parallel). Each
 // fake prints its canned output byte for byte, exits with its code and appends
