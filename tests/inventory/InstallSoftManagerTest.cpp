@@ -88,26 +88,22 @@ TEST(InstallSoftManager, ReportDatesPackagesByTheirFileList)
         ASSERT_EQ(::utimes(QFile::encodeName(f.fileName()).constData(), times), 0);
     }
 
-    edrtest::FakeHttpServer server;
-    edrtest::ScratchPrefix prefix;
-    prefix.pointAtServer(server.port());
+    edrtest::ServerUnderTest peer;
     EXPECT_TRUE(InstallSoftManager(HostPaths::fromFixtureRoot(root.path()), ToolRunner(QStringList())).sendRptToServer("ignored"));
-    ASSERT_TRUE(server.waitForRequests(1, 5000));
-    EXPECT_TRUE(server.requests()[0].target.endsWith("machineInfo/addInstallSoft"));
-    const QJsonObject posted = jsonOf(server.requests()[0].body);
+    const QJsonObject posted = peer.posted("machineInfo/addInstallSoft");
     EXPECT_EQ(posted.keys(), QStringList{"InstallSoft"});
     QStringList dates;
     for (const QJsonValue& v : posted.value("InstallSoft").toArray())
         dates << v["InstallDate"].toString();
     EXPECT_EQ(dates, (QStringList{"20230304", "", "20211231", "20230304"}));
-    EXPECT_TRUE(prefix.traceLog().contains("Successfully send Installed software to server."));
+    EXPECT_TRUE(peer.logHas("Successfully send Installed software to server."));
 
     // No database: no report, and a line saying so.
     QJsonObject body;
     EXPECT_FALSE(InstallSoftManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
                      .getInstalledSoftwares(body));
     EXPECT_TRUE(body.isEmpty());
-    EXPECT_TRUE(prefix.traceLog().contains("Installed Software Not Found!"));
+    EXPECT_TRUE(peer.logHas("Installed Software Not Found!"));
 }
 
 TEST(InstallSoftManager, CopiedHostDatabase)
