@@ -17,30 +17,14 @@ namespace {
 
 using invtest::jsonOf;
 
-const QByteArray kStatus = "Package: foo\n"
-                           "Status: install ok installed\n"
-                           "Installed-Size: 1024\n"
-                           "Architecture: amd64\n"
-                           "Version: 1.2-3\n"
-                           "Original-Maintainer: Jane Doe <jane@example.org>\n"
-                           "Description: first: second: third\n"
-                           " Continuation: ignored\n"
-                           "\n"
-                           "Package: gone\n"
-                           "Status: deinstall ok config-files\n"
-                           "\n\n\n"
-                           "Package: bare\n"
-                           "Status: install ok installed\n"
-                           "\n"
-                           "Package: libbar\n"
-                           "Status: install ok installed\n"
-                           "Architecture: i386\n"
-                           "Multi-Arch: same\n"
-                           "Installed-Size: lots\n"
-                           "\n"
-                           "Package: foo\n"
-                           "Version: 9\n"
-                           "Status: install ok installed"; // no final newline
+const QByteArray kStatus = "Package: foo\nStatus: install ok installed\nInstalled-Size: 1024\nArchitecture: amd64\n"
+                           "Version: 1.2-3\nOriginal-Maintainer: Jane Doe <jane@example.org>\n"
+                           "Description: first: second: third\n Continuation: ignored\n\n"
+                           "Package: gone\nStatus: deinstall ok config-files\n\n\n\n"
+                           "Package: bare\nStatus: install ok installed\n\n"
+                           "Package: libbar\nStatus: install ok installed\nArchitecture: i386\nMulti-Arch: same\n"
+                           "Installed-Size: lots\n\n"
+                           "Package: foo\nVersion: 9\nStatus: install ok installed"; // no final newline
 
 TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 {

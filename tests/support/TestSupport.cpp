@@ -175,15 +175,21 @@ LoopbackSocket::~LoopbackSocket()
         ::close(fd);
 }
 
+static sockaddr_in loopback(int port)
+{
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    return a;
+}
+
 int LoopbackSocket::listenOn(int* port)
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(*port));
+    sockaddr_in a = loopback(*port);
     if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 16) != 0) {
         ::close(fd);
         return -1;
@@ -199,10 +205,7 @@ int LoopbackSocket::connectTo(int port, int retryMs)
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(retryMs);
     for (;;) {
         const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        a.sin_port = htons(static_cast<uint16_t>(port));
+        sockaddr_in a = loopback(port);
         if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
             return fd;
         ::close(fd);
