@@ -19,6 +19,13 @@ TEST(HardwareInfoManager, FixtureMachinesMatchTheirExpectedBodies)
         invtest::Machine m(scenario);
         QJsonObject report;
         ASSERT_TRUE(m.manager->getHardwareInfo(report, QString()));
+        // dmidecode quiet, one type a run (the fixtures pick the type); lsblk with its two column sets.
+        for (const QStringList& call : m.tools.invocations("dmidecode"))
+            EXPECT_EQ(call.mid(0, 2), (QStringList{"-q", "-t"}));
+        EXPECT_EQ(m.tools.invocations("lsblk"),
+                  (QList<QStringList>{{"--output", "MODEL,SIZE,TYPE,SERIAL,PATH", "-J", "-e", "7"},
+                                      {"--output", "FSSIZE,FSAVAIL,NAME,UUID,FSTYPE,TYPE,HOTPLUG,MOUNTPOINT,LABEL,STATE",
+                                       "-J", "-e", "7"}}));
         const QJsonArray os = report.take("OperatingSystem").toArray();
         ASSERT_EQ(os.size(), 1);
         EXPECT_EQ(os[0].toObject().keys(),
