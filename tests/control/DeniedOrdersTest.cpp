@@ -12,10 +12,6 @@
 
 #include <functional>
 
-#include <csignal>
-#include <sys/wait.h>
-#include <unistd.h>
-
 // A refused order runs no tool and touches no process, yet the server hears
 // the same failure it would for an order that failed.
 TEST(DeniedOrders, RunNothingAndReportTheirUsualFailure)
@@ -24,21 +20,10 @@ TEST(DeniedOrders, RunNothingAndReportTheirUsualFailure)
     edrtest::FakeToolDir fakes;
     for (const char* tool : {"ufw", "systemctl", "ls"})
         fakes.addTool(QString::fromLatin1(tool), "");
-    const QString marker = peer.prefix.path() + QStringLiteral("/osquery-ran");
-    const QString osquery = Common::getRootPath() + QStringLiteral("/osquery/osquery");
-    ASSERT_TRUE(QDir().mkpath(Common::getRootPath() + QStringLiteral("/osquery")));
-    QFile script(osquery);
-    ASSERT_TRUE(script.open(QIODevice::WriteOnly));
-    script.write("#!/bin/sh\ntouch '" + QFile::encodeName(marker) + "'\necho '[]'\n");
-    script.close();
-    script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::execlp("sleep", "sleep", "100", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
+    fakes.addScript(QStringLiteral("osquery"), "echo '[]'\n");
+    ASSERT_TRUE(QDir().mkpath(Common::getRootPath() + QStringLiteral("/osquery")) &&
+                QFile::link(fakes.path() + QStringLiteral("/osquery"), OSQueryManager::osqueryPath()));
+    edrtest::Sleeper child;
 
     ProcessManager processes(HostPaths(), fakes.runner());
     ServiceManager services(fakes.runner());
@@ -52,7 +37,7 @@ TEST(DeniedOrders, RunNothingAndReportTheirUsualFailure)
         QByteArray route;
         QJsonObject result;
     } cases[] = {
-        {[&] { return processes.executeSendReportToServer(QStringLiteral("1|%1|k1").arg(child), false); }, action,
+        {[&] { return processes.executeSendReportToServer(QStringLiteral("1|%1|k1").arg(child.pid()), false); }, action,
          {{"_id", "k1"}, {"status", 1}, {"message", "Failed to Kill %s!"}}},
         {[&] { return services.executeSendReportToServer(QStringLiteral("1|ssh.service|s1"), false); }, action,
          {{"_id", "s1"}, {"status", 1}, {"message", "Failed to Perform Service %s Action!"}}},
@@ -75,11 +60,7 @@ TEST(DeniedOrders, RunNothingAndReportTheirUsualFailure)
     EXPECT_EQ(peer.server.requests().size(), posted);
     EXPECT_TRUE(peer.logHas("Failed to osquery output."));
 
-    for (const char* tool : {"ufw", "systemctl", "ls"})
+    for (const char* tool : {"ufw", "systemctl", "ls", "osquery"})
         EXPECT_TRUE(fakes.invocations(QString::fromLatin1(tool)).isEmpty()) << tool;
-    EXPECT_FALSE(QFile::exists(marker));
-    int status = 0;
-    EXPECT_EQ(::waitpid(child, &status, WNOHANG), 0); // still alive
-    ::kill(child, SIGKILL);
-    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(child.running());
 }

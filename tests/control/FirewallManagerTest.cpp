@@ -21,7 +21,7 @@ void addUfw(FakeToolDir& tools, const QByteArray& statusScenario, int changeExit
 
 TEST(FirewallManagerTest, StatusReportGivesPublicProfileAndSocIdWhenGiven)
 {
-    edrtest::ScopedTimeScale fast(0.01); // 30 s -> 300 ms
+    const edrtest::TimeScale fast(0.01); // 30 s -> 300 ms
     const struct {
         const char* scenario;
         const char* socId;

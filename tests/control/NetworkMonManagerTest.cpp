@@ -6,20 +6,6 @@ using edrtest::FakeToolDir;
 
 namespace {
 
-TEST(NetworkMonManagerTest, ReportFromCapturedLsofAndSs)
-{
-    FakeToolDir tools;
-    tools.addToolFromFixture(QStringLiteral("lsof"), QStringLiteral("commands/lsof/sockets.stdout"));
-    tools.addToolFromFixture(QStringLiteral("ss"), QStringLiteral("commands/ss/sockets.stdout"));
-    NetworkMonManager manager(HostPaths::fromFixtureRoot(edrtest::fixturePath(QStringLiteral("roots/network"))),
-                              tools.runner());
-    QJsonObject body;
-    ASSERT_TRUE(manager.collectReport(body));
-    EXPECT_EQ(body, edrtest::jsonFixture(QStringLiteral("expected/network/sockets.json")));
-    EXPECT_EQ(tools.invocations(QStringLiteral("lsof")), QList<QStringList>({{"-P", "-n", "-i"}}));
-    EXPECT_EQ(tools.invocations(QStringLiteral("ss")), QList<QStringList>({{"-tulnpH"}}));
-}
-
 TEST(NetworkMonManagerTest, ToolLinesOfEveryShape)
 {
     QJsonArray listening, connections;
@@ -97,18 +83,27 @@ TEST(NetworkMonManagerTest, ProcWayReadsKernelTables)
     EXPECT_EQ(l.last()["LocalPort"], 53);
 }
 
-TEST(NetworkMonManagerTest, MissingOrHangingToolsStillPostAReport)
+TEST(NetworkMonManagerTest, ReportFromCapturedToolsAndWithoutThem)
 {
-    edrtest::ServerUnderTest peer;
+    FakeToolDir tools;
+    tools.addToolFromFixture(QStringLiteral("lsof"), QStringLiteral("commands/lsof/sockets.stdout"));
+    tools.addToolFromFixture(QStringLiteral("ss"), QStringLiteral("commands/ss/sockets.stdout"));
+    NetworkMonManager manager(HostPaths::fromFixtureRoot(edrtest::fixturePath(QStringLiteral("roots/network"))),
+                              tools.runner());
+    QJsonObject body;
+    ASSERT_TRUE(manager.collectReport(body));
+    EXPECT_EQ(body, edrtest::jsonFixture(QStringLiteral("expected/network/sockets.json")));
+    EXPECT_EQ(tools.invocations(QStringLiteral("lsof")), QList<QStringList>({{"-P", "-n", "-i"}}));
+    EXPECT_EQ(tools.invocations(QStringLiteral("ss")), QList<QStringList>({{"-tulnpH"}}));
+
+    edrtest::ServerUnderTest peer; // no tools at all: an empty report still goes out
     FakeToolDir missing;
     EXPECT_TRUE(NetworkMonManager(HostPaths(), missing.runner()).sendRptToServer(QString()));
     EXPECT_EQ(peer.posted("machineInfo/addNwMonitoring"), QJsonObject());
     EXPECT_TRUE(peer.logHas("Successfully send Network Ports to server."));
 
-    FakeToolDir hanging; // lsof is killed at its limit; ss still answers
-    hanging.addHangingTool(QStringLiteral("lsof"));
-    hanging.addToolFromFixture(QStringLiteral("ss"), QStringLiteral("commands/ss/sockets.stdout"));
-    NetworkMonManager stuck(HostPaths(), hanging.runner());
+    tools.addHangingTool(QStringLiteral("lsof")); // killed at its limit; ss still answers
+    NetworkMonManager stuck(HostPaths(), tools.runner());
     stuck.setToolTimeoutMs(300);
     QJsonObject partial;
     EXPECT_TRUE(stuck.collectReport(partial));

@@ -32,7 +32,7 @@ TEST(OSQueryManagerTest, OutputAndArgumentParsing)
 
 TEST(OSQueryManagerTest, QueriesEndToEnd)
 {
-    edrtest::ScopedTimeScale fast(0.01); // 30 s -> 300 ms
+    const edrtest::TimeScale fast(0.01); // 30 s -> 300 ms
     const QByteArray dir = edrtest::fixturePath(QStringLiteral("commands/osquery")).toUtf8();
     const struct {
         const char* script; // nullptr: no osquery installed

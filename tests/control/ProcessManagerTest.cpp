@@ -20,16 +20,6 @@ QSet<QByteArray> recordSet(const QJsonArray& list)
     return out;
 }
 
-pid_t spawnSleeper()
-{
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::execlp("sleep", "sleep", "100", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    return pid;
-}
-
 TEST(ProcessManagerTest, FixtureTreeIsPostedWithItsQuirks)
 {
     edrtest::ServerUnderTest peer;
@@ -67,20 +57,16 @@ TEST(ProcessManagerTest, ParseStatusTakesRawTrimmedValues)
 
 TEST(ProcessManagerTest, ReportsRealProcesses)
 {
-    const pid_t child = spawnSleeper();
-    ASSERT_GT(child, 0);
-    for (int i = 0; i < 200 && ProcessInfo().getProcessNameByPID(child) != "sleep\n"; ++i)
-        ::usleep(10000); // until it has exec'd
+    edrtest::Sleeper child;
+    ASSERT_TRUE(edrtest::waitUntil([&] { return ProcessInfo().getProcessNameByPID(child.pid()) == "sleep\n"; }, 2000));
     QJsonObject body;
     ASSERT_TRUE(ProcessManager().collectReport(body));
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
     QMap<int, QJsonObject> byPid;
     for (const QJsonValue& v : body["Process"].toArray())
         byPid.insert(v["ProcessId"].toInt(), v.toObject());
     // "self" and the other non-numeric entries.
     EXPECT_EQ(byPid.value(0), QJsonObject({{"ProcessId", 0}, {"Name", "Unknown"}, {"CommandLine", "Unknown"}}));
-    const QJsonObject sleeper = byPid.value(child), mine = byPid.value(::getpid());
+    const QJsonObject sleeper = byPid.value(child.pid()), mine = byPid.value(::getpid());
     EXPECT_EQ(sleeper["Name"], "sleep\n");
     EXPECT_EQ(sleeper["CommandLine"], "sleep");
     EXPECT_EQ(sleeper["ParentProcessId"], QString::number(::getpid()));
@@ -97,14 +83,13 @@ TEST(ProcessManagerTest, KillOrdersPostTheirResult)
     while (::kill(unused, 0) == 0 || errno != ESRCH)
         --unused;
     // Every target below that names the bystander would kill it if it were accepted.
-    const pid_t victim = spawnSleeper(), bystander = spawnSleeper();
-    ASSERT_TRUE(victim > 0 && bystander > 0);
-    const QString b = QString::number(bystander);
+    edrtest::Sleeper victim, bystander;
+    const QString b = QString::number(bystander.pid());
     const QString orders[] = {
-        "1|" + QString::number(victim) + "|abc", // the one that succeeds
+        "1|" + QString::number(victim.pid()) + "|abc", // the one that succeeds
         "2|bash|abc", "9|" + b + "|r9", "1|" + QString::number(unused) + "|gone",
         "1|abc|r1", "1|0|r2", "1|-1|r3", "1||r4", // never kill(0), our own group, or kill(-1), everyone
-        "1|+" + b + "|r5", "1|" + b + "a|r7", "1|" + QString::number(4294967296LL + bystander) + "|r8",
+        "1|+" + b + "|r5", "1|" + b + "a|r7", "1|" + QString::number(4294967296LL + bystander.pid()) + "|r8",
         "1|1|r10", "1|" + QString::number(::getpid()) + "|r11", // init ignores SIGKILL; killing us loses the answer
         "1|" + b, "1", QString(), // no request id
     };
@@ -117,15 +102,12 @@ TEST(ProcessManagerTest, KillOrdersPostTheirResult)
             expected.insert("_id", order.section('|', 2, 2));
         EXPECT_EQ(peer.posted("settings/InvSettingsOutput", ++posted), expected) << qPrintable(order);
     }
-    int status = 0;
-    ASSERT_EQ(::waitpid(victim, &status, 0), victim);
+    EXPECT_TRUE(peer.logHas("Successfully Killed " + QByteArray::number(victim.pid()) + "!"));
+    const int status = victim.reap();
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-    EXPECT_TRUE(peer.logHas("Successfully Killed " + QByteArray::number(victim) + "!"));
     EXPECT_TRUE(peer.logHas("Successfully Send Process Action to server."));
     // We are still here and so is the bystander.
-    EXPECT_EQ(::waitpid(bystander, nullptr, WNOHANG), 0);
-    ::kill(bystander, SIGKILL);
-    ::waitpid(bystander, nullptr, 0);
+    EXPECT_TRUE(bystander.running());
 }
 
 TEST(ProcessManagerTest, SecondOrderWhilePostingIsRefused)

@@ -137,24 +137,24 @@ TEST(ServiceManagerTest, BrokenOrMissingSystemctl)
         // Garbage: every line is a name, the properties are ignored lines.
         {"printf '\\001\\002  \\377\\376\\n=\\n\\n'", 2, 2},
         {"exec sleep 600", 0, 1},
+        {QByteArray(), 0, 0}, // not installed
     };
     for (const auto& c : cases) {
+        edrtest::ServerUnderTest peer;
         FakeToolDir tools;
-        tools.addScript(QStringLiteral("systemctl"), c.script);
+        if (!c.script.isNull())
+            tools.addScript(QStringLiteral("systemctl"), c.script);
         ServiceManager manager(tools.runner());
         manager.setToolTimeoutMs(300);
-        QJsonObject body;
-        EXPECT_EQ(manager.collectReport(body), c.names > 0) << c.script.constData();
-        const QJsonArray services = body.value(QStringLiteral("Services")).toArray();
+        EXPECT_EQ(manager.sendRptToServer(QString()), c.names > 0) << c.script.constData();
+        EXPECT_EQ(peer.server.requests().size(), c.names > 0 ? 1 : 0);
+        const QJsonArray services =
+            c.names > 0 ? peer.posted("machineInfo/addServicess").value("Services").toArray() : QJsonArray();
         EXPECT_EQ(services.size(), c.names);
         EXPECT_EQ(tools.invocations(QStringLiteral("systemctl")).size(), c.runs);
         EXPECT_EQ(services, perUnitList(manager, services));
+        EXPECT_EQ(peer.logHas("Failed to Services Info."), c.names == 0);
     }
-    edrtest::ServerUnderTest peer;
-    FakeToolDir missing;
-    EXPECT_FALSE(ServiceManager(missing.runner()).sendRptToServer(QString()));
-    EXPECT_TRUE(peer.server.requests().isEmpty());
-    EXPECT_TRUE(peer.logHas("Failed to Services Info."));
 }
 
 TEST(ServiceManagerTest, OrdersRunTheRightVerbAndPostTheResult)

@@ -17,30 +17,14 @@ namespace {
 
 using invtest::jsonOf;
 
-const QByteArray kStatus = "Package: foo\n"
-                           "Status: install ok installed\n"
-                           "Installed-Size: 1024\n"
-                           "Architecture: amd64\n"
-                           "Version: 1.2-3\n"
-                           "Original-Maintainer: Jane Doe <jane@example.org>\n"
-                           "Description: first: second: third\n"
-                           " Continuation: ignored\n"
-                           "\n"
-                           "Package: gone\n"
-                           "Status: deinstall ok config-files\n"
-                           "\n\n\n"
-                           "Package: bare\n"
-                           "Status: install ok installed\n"
-                           "\n"
-                           "Package: libbar\n"
-                           "Status: install ok installed\n"
-                           "Architecture: i386\n"
-                           "Multi-Arch: same\n"
-                           "Installed-Size: lots\n"
-                           "\n"
-                           "Package: foo\n"
-                           "Version: 9\n"
-                           "Status: install ok installed"; // no final newline
+const QByteArray kStatus = "Package: foo\nStatus: install ok installed\nInstalled-Size: 1024\nArchitecture: amd64\n"
+                           "Version: 1.2-3\nOriginal-Maintainer: Jane Doe <jane@example.org>\n"
+                           "Description: first: second: third\n Continuation: ignored\n\n"
+                           "Package: gone\nStatus: deinstall ok config-files\n\n\n\n"
+                           "Package: bare\nStatus: install ok installed\n\n"
+                           "Package: libbar\nStatus: install ok installed\nArchitecture: i386\nMulti-Arch: same\n"
+                           "Installed-Size: lots\n\n"
+                           "Package: foo\nVersion: 9\nStatus: install ok installed"; // no final newline
 
 TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 {
@@ -88,26 +72,22 @@ TEST(InstallSoftManager, ReportDatesPackagesByTheirFileList)
         ASSERT_EQ(::utimes(QFile::encodeName(f.fileName()).constData(), times), 0);
     }
 
-    edrtest::FakeHttpServer server;
-    edrtest::ScratchPrefix prefix;
-    prefix.pointAtServer(server.port());
+    edrtest::ServerUnderTest peer;
     EXPECT_TRUE(InstallSoftManager(HostPaths::fromFixtureRoot(root.path()), ToolRunner(QStringList())).sendRptToServer("ignored"));
-    ASSERT_TRUE(server.waitForRequests(1, 5000));
-    EXPECT_TRUE(server.requests()[0].target.endsWith("machineInfo/addInstallSoft"));
-    const QJsonObject posted = jsonOf(server.requests()[0].body);
+    const QJsonObject posted = peer.posted("machineInfo/addInstallSoft");
     EXPECT_EQ(posted.keys(), QStringList{"InstallSoft"});
     QStringList dates;
     for (const QJsonValue& v : posted.value("InstallSoft").toArray())
         dates << v["InstallDate"].toString();
     EXPECT_EQ(dates, (QStringList{"20230304", "", "20211231", "20230304"}));
-    EXPECT_TRUE(prefix.traceLog().contains("Successfully send Installed software to server."));
+    EXPECT_TRUE(peer.logHas("Successfully send Installed software to server."));
 
     // No database: no report, and a line saying so.
     QJsonObject body;
     EXPECT_FALSE(InstallSoftManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
                      .getInstalledSoftwares(body));
     EXPECT_TRUE(body.isEmpty());
-    EXPECT_TRUE(prefix.traceLog().contains("Installed Software Not Found!"));
+    EXPECT_TRUE(peer.logHas("Installed Software Not Found!"));
 }
 
 TEST(InstallSoftManager, CopiedHostDatabase)

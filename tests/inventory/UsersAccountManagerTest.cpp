@@ -13,7 +13,7 @@ namespace {
 
 // The fixture machines' accounts are in their reports; these are the lines
 // no real account file holds.
-TEST(UsersAccountManager, MalformedLinesAreSkipped)
+TEST(UsersAccountManager, MalformedLinesAreSkippedAndAdministratorsNamedExactly)
 {
     UsersAccountManager::AccountFiles f;
     f.passwd = "short:x:1000\nbad:x:abc:1000::/home/bad:/bin/sh\n:x:1001:1001::/:/bin/sh\n"
@@ -29,11 +29,9 @@ TEST(UsersAccountManager, MalformedLinesAreSkipped)
         "Privileges":"1","PasswordChagedOn":"","PasswordAge":"","HomeDirPath":"/home/ok","Disabled":"false",
         "PasswordExpires":"false","PasswordRequired":"true","PasswordChangeable":"true","PasswordExpired":"false",
         "LastLogon":""})"));
-}
 
-TEST(UsersAccountManager, AdministratorsByExactGroupName)
-{
-    UsersAccountManager::AccountFiles f;
+    // Administrators by exact group name only.
+    f = UsersAccountManager::AccountFiles();
     f.passwd = "grootman:x:1000:1000::/h:/bin/sh\npseudo:x:1001:1001::/h:/bin/sh\nann:x:1002:27::/h:/bin/sh\n"
                "bob:x:1003:1003::/h:/bin/sh\n";
     f.group = "grootman:x:1000:\npseudo:x:1001:\nsudo:x:27:\nbob:x:1003:\nroot:x:0:bob\nsudoers:x:50:grootman\n";

@@ -1,11 +1,10 @@
 #include "support/AgentProcess.h"
 
-#include <QCoreApplication>
+#include "support/TestSupport.h"
+
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QThread>
 
 #include <csignal>
 
@@ -37,9 +36,7 @@ void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort,
                                   const QByteArray& extraServerKeys)
 {
     writeFile(settingsDir() + QStringLiteral("/serverip.ini"),
-              "[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +
-                  "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) +
-                  "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n" + extraServerKeys);
+              serverIni(httpPort, socketPort, listenPort, extraServerKeys));
 }
 
 void AgentProcess::prependPath(const QString& dir)
@@ -81,15 +78,7 @@ QByteArray AgentProcess::log() const
 
 bool AgentProcess::waitForLog(const QByteArray& text, int timeoutMs, int occurrences) const
 {
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < timeoutMs) {
-        if (log().count(text) >= occurrences)
-            return true;
-        QCoreApplication::processEvents();
-        QThread::msleep(20);
-    }
-    return log().count(text) >= occurrences;
+    return waitUntil([&] { return log().count(text) >= occurrences; }, timeoutMs);
 }
 
 } // namespace edrtest

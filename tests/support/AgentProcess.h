@@ -19,7 +19,6 @@ public:
     QString prefix() const { return m_dir.path(); }
     QString settingsDir() const { return prefix() + QStringLiteral("/etc/edr-agent"); }
     QString dataDir() const { return prefix() + QStringLiteral("/var/lib/edr-agent"); }
-    QString rootDir() const { return prefix() + QStringLiteral("/opt/edr-agent"); }
     QString logPath() const { return dataDir() + QStringLiteral("/EDR_Track.log"); }
 
     void writeServerIni(int httpPort, int socketPort, int listenPort,
@@ -32,7 +31,6 @@ public:
     bool start(const QStringList& extraArgs = {}, const QStringList& wrapper = {});
     bool waitForExit(int timeoutMs);
     int exitCode() const { return m_process.exitCode(); }
-    qint64 pid() const { return m_process.processId(); }
     void signal(int sig);
     QByteArray standardOutput() { return m_process.readAllStandardOutput(); }
     QByteArray standardError() { return m_process.readAllStandardError(); }

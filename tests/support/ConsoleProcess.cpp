@@ -1,16 +1,13 @@
 #include "support/ConsoleProcess.h"
 
-#include <QCoreApplication>
+#include "support/TestSupport.h"
+
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
-#include <QThread>
 
 #include <openssl/ssl.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,10 +25,7 @@ ConsoleProcess::ConsoleProcess(const QStringList& extraArgs)
     m_process.start(QStringLiteral(EDR_CONSOLE_BIN), args + extraArgs);
     if (!m_process.waitForStarted(10000))
         return;
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < 10000 && !QFile::exists(portFile))
-        QThread::msleep(20);
+    waitUntil([&] { return QFile::exists(portFile); }, 10000);
     QFile f(portFile);
     if (!f.open(QIODevice::ReadOnly))
         return;
@@ -49,13 +43,6 @@ ConsoleProcess::~ConsoleProcess()
             m_process.waitForFinished(5000);
         }
     }
-}
-
-void ConsoleProcess::writeSchedule(const QByteArray& xml)
-{
-    QFile f(schedulePath());
-    f.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    f.write(xml);
 }
 
 QList<QJsonObject> ConsoleProcess::requests(const QString& route) const
@@ -78,32 +65,20 @@ QList<QJsonObject> ConsoleProcess::requests(const QString& route) const
 
 bool ConsoleProcess::waitForRequests(const QString& route, int count, int timeoutMs) const
 {
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < timeoutMs) {
-        if (requests(route).size() >= count)
-            return true;
-        QCoreApplication::processEvents();
-        QThread::msleep(25);
-    }
-    return requests(route).size() >= count;
+    return waitUntil([&] { return requests(route).size() >= count; }, timeoutMs);
 }
 
 QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pathAndQuery, const QByteArray& body) const
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(m_httpPort));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const LoopbackSocket socket(LoopbackSocket::connectTo(m_httpPort));
+    const int fd = socket.fd;
     QByteArray reply;
     // The test's own admin client trusts whatever the console presents.
     SSL_CTX* ctx = m_tls ? SSL_CTX_new(TLS_client_method()) : nullptr;
     SSL* ssl = ctx ? SSL_new(ctx) : nullptr;
     const timeval timeout{5, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-        (!m_tls || (ssl && SSL_set_fd(ssl, fd) == 1 && SSL_connect(ssl) == 1))) {
+    if (fd >= 0 && (!m_tls || (ssl && SSL_set_fd(ssl, fd) == 1 && SSL_connect(ssl) == 1))) {
         const QByteArray request = method + ' ' + pathAndQuery + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" +
                                    "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
         if (ssl)
@@ -126,7 +101,6 @@ QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pat
         SSL_free(ssl);
     if (ctx)
         SSL_CTX_free(ctx);
-    ::close(fd);
     const int split = reply.indexOf("\r\n\r\n");
     return split >= 0 ? reply.mid(split + 4) : QByteArray();
 }

@@ -23,7 +23,6 @@ public:
     int socketPort() const { return m_socketPort; }
     QString dataDir() const { return m_dir.path() + QStringLiteral("/data"); }
     QString schedulePath() const { return m_dir.path() + QStringLiteral("/schedule.db"); }
-    void writeSchedule(const QByteArray& xml);
 
     // Stored requests, oldest first, optionally only those of one route.
     QList<QJsonObject> requests(const QString& route = QString()) const;

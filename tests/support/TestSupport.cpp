@@ -3,17 +3,23 @@
 #include "core/CLogger.h"
 #include "core/Common.h"
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QJsonDocument>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <csignal>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace edrtest {
@@ -28,6 +34,19 @@ QByteArray readFixture(const QString& relative)
     QFile f(fixturePath(relative));
     EXPECT_TRUE(f.open(QIODevice::ReadOnly)) << "missing fixture " << qPrintable(relative);
     return f.readAll();
+}
+
+QJsonObject jsonFixture(const QString& relative)
+{
+    return QJsonDocument::fromJson(readFixture(relative)).object();
+}
+
+QJsonObject ServerUnderTest::posted(const QByteArray& route, int count) const
+{
+    const QList<RecordedRequest> sent = server.requests();
+    EXPECT_EQ(sent.size(), count);
+    EXPECT_EQ(sent.value(count - 1).target, "/api/v1/" + route);
+    return QJsonDocument::fromJson(sent.value(count - 1).body).object();
 }
 
 FakeToolDir::FakeToolDir()
@@ -127,9 +146,27 @@ void ScratchPrefix::writeServerIni(const QByteArray& content)
 void ScratchPrefix::pointAtServer(int httpPort, int socketPort, int listenPort,
                                   const QByteArray& extraServerKeys)
 {
-    writeServerIni("[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +
-                   "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) +
-                   "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n" + extraServerKeys);
+    writeServerIni(serverIni(httpPort, socketPort, listenPort, extraServerKeys));
+}
+
+QByteArray serverIni(int httpPort, int socketPort, int listenPort, const QByteArray& extraServerKeys)
+{
+    return "[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +
+           "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) + "\nEDRSLPORT=" +
+           QByteArray::number(listenPort) + "\n" + extraServerKeys;
+}
+
+bool waitUntil(const std::function<bool()>& done, int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() >= timeoutMs)
+            return done();
+        QCoreApplication::processEvents();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
 }
 
 LoopbackSocket::~LoopbackSocket()
@@ -138,16 +175,22 @@ LoopbackSocket::~LoopbackSocket()
         ::close(fd);
 }
 
+static sockaddr_in loopback(int port)
+{
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    return a;
+}
+
 int LoopbackSocket::listenOn(int* port)
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(*port));
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 4) != 0) {
+    sockaddr_in a = loopback(*port);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 16) != 0) {
         ::close(fd);
         return -1;
     }
@@ -162,10 +205,7 @@ int LoopbackSocket::connectTo(int port, int retryMs)
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(retryMs);
     for (;;) {
         const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        a.sin_port = htons(static_cast<uint16_t>(port));
+        sockaddr_in a = loopback(port);
         if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
             return fd;
         ::close(fd);
@@ -198,14 +238,14 @@ int LoopbackSocket::freePort()
     return port;
 }
 
-TimeScale::TimeScale(double scale)
+TimeScale::TimeScale(double scale) : m_previous(Common::timeScale())
 {
     Common::setTimeScaleForTesting(scale);
 }
 
 TimeScale::~TimeScale()
 {
-    Common::setTimeScaleForTesting(1.0);
+    Common::setTimeScaleForTesting(m_previous);
 }
 
 QByteArray RecordedRequest::header(const QByteArray& name) const
@@ -218,27 +258,15 @@ QByteArray RecordedRequest::header(const QByteArray& name) const
 
 bool RecordedRequest::hasHeader(const QByteArray& name) const
 {
-    for (const auto& h : headers)
-        if (h.first.toLower() == name.toLower())
-            return true;
-    return false;
+    return std::any_of(headers.begin(), headers.end(),
+                       [&](const auto& h) { return h.first.toLower() == name.toLower(); });
 }
 
 FakeHttpServer::FakeHttpServer()
 {
     m_handler = [](const RecordedRequest&) { return CannedReply(); };
-    m_listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    ::setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    EXPECT_EQ(::bind(m_listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    EXPECT_EQ(::listen(m_listenFd, 16), 0);
-    socklen_t len = sizeof addr;
-    ::getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&addr), &len);
-    m_port = ntohs(addr.sin_port);
+    m_listenFd = LoopbackSocket::listenOn(&m_port);
+    EXPECT_GE(m_listenFd, 0);
     m_thread = std::thread([this] { serve(); });
 }
 
@@ -291,15 +319,9 @@ void FakeHttpServer::serve()
 
 static bool readMore(int fd, QByteArray& buf, int timeoutMs)
 {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, timeoutMs) <= 0)
-        return false;
-    char chunk[65536];
-    const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-    if (n <= 0)
-        return false;
-    buf.append(chunk, static_cast<int>(n));
-    return true;
+    const QByteArray got = LoopbackSocket::readSome(fd, timeoutMs);
+    buf += got;
+    return !got.isEmpty();
 }
 
 void FakeHttpServer::handle(int fd)
@@ -357,13 +379,45 @@ void FakeHttpServer::handle(int fd)
         m_heldOpen << fd; // the client gives up by itself
         return;
     }
-    if (!reply.close) {
-        QByteArray out = "HTTP/1.1 " + QByteArray::number(reply.status) + " X\r\nContent-Type: " + reply.contentType +
-                         "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
-                         "\r\nConnection: close\r\n\r\n" + reply.body;
+    const QByteArray out = "HTTP/1.1 " + QByteArray::number(reply.status) + " X\r\nContent-Type: " + reply.contentType +
+                           "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
+                           "\r\nConnection: close\r\n\r\n" + reply.body;
+    if (!reply.close)
         ::send(fd, out.constData(), static_cast<size_t>(out.size()), MSG_NOSIGNAL);
-    }
     ::close(fd);
+}
+
+Sleeper::Sleeper() : m_pid(::fork())
+{
+    if (m_pid == 0) {
+        ::execlp("sleep", "sleep", "100", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    EXPECT_GT(m_pid, 0);
+}
+
+Sleeper::~Sleeper()
+{
+    if (m_pid > 0) {
+        ::kill(m_pid, SIGKILL);
+        reap();
+    }
+}
+
+bool Sleeper::running()
+{
+    int status = 0;
+    if (m_pid > 0 && ::waitpid(m_pid, &status, WNOHANG) != 0)
+        m_pid = -1;
+    return m_pid > 0;
+}
+
+int Sleeper::reap()
+{
+    int status = 0;
+    ::waitpid(m_pid, &status, 0);
+    m_pid = -1;
+    return status;
 }
 
 int livingProcesses(const QByteArray& marker)

@@ -5,6 +5,7 @@
 #include "core/ToolRunner.h"
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QList>
 #include <QMutex>
 #include <QPair>
@@ -31,9 +32,29 @@ namespace edrtest {
 QString fixturePath(const QString& relative);   // tests/fixtures/<relative>
 QByteArray readFixture(const QString& relative); // fails the test when missing
 
+QByteArray serverIni(int httpPort, int socketPort, int listenPort, const QByteArray& extraServerKeys);
+// Polls done() while the event loop keeps running; its final answer.
+bool waitUntil(const std::function<bool()>& done, int timeoutMs);
+
 // Processes, zombies aside, whose command line (arguments joined by spaces)
 // contains the marker.
 int livingProcesses(const QByteArray& marker);
+
+// A child sleeping in the background; killed and reaped with the object
+// unless reap() has already waited for it.
+class Sleeper {
+public:
+    Sleeper();
+    ~Sleeper();
+    Sleeper(const Sleeper&) = delete;
+    Sleeper& operator=(const Sleeper&) = delete;
+    int pid() const { return m_pid; }
+    bool running(); // not yet ended (an ended one is reaped here)
+    int reap();           // waits for its end: the wait status
+
+private:
+    int m_pid = -1;
+};
 
 // A per-test folder of fake executables, handed to ToolRunner as its search
 // path (the global PATH never changes, so tests may run in parallel). Each
@@ -98,6 +119,9 @@ class TimeScale {
 public:
     explicit TimeScale(double scale);
     ~TimeScale();
+
+private:
+    double m_previous;
 };
 
 struct RecordedRequest {
@@ -145,5 +169,18 @@ private:
     std::function<CannedReply(const RecordedRequest&)> m_handler;
     QList<int> m_heldOpen;
 };
+
+// A scratch prefix whose serverip.ini points at a recording HTTP peer.
+struct ServerUnderTest {
+    ScratchPrefix prefix;
+    FakeHttpServer server;
+    ServerUnderTest() { prefix.pointAtServer(server.port()); }
+
+    // The JSON object of request number count, which must be the latest and have gone to route.
+    QJsonObject posted(const QByteArray& route, int count = 1) const;
+    bool logHas(const char* text) const { return prefix.traceLog().contains(text); }
+};
+
+QJsonObject jsonFixture(const QString& relative);
 
 } // namespace edrtest
