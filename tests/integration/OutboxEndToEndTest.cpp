@@ -1,5 +1,5 @@
-// End to end: an outage of the console's HTTP API, with orders pushed and the
-// agent restarted meanwhile, then recovery.
+// End to end: a refused registration, then an outage of the console's HTTP
+// API with orders pushed and the agent restarted meanwhile, then recovery.
 
 #include "support/AgentProcess.h"
 #include "support/ConsoleProcess.h"
@@ -40,7 +40,8 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
 {
     if (::getuid() != 0)
         GTEST_SKIP() << "the daemon runs as root only";
-    ConsoleProcess console;
+    // Registration refused at first: retried, and nothing else opened meanwhile.
+    ConsoleProcess console({QStringLiteral("--fault"), QStringLiteral("refuse")});
     ASSERT_TRUE(console.isRunning());
     AgentProcess agent;
     // A 2 s tick: the default schedule's next agent-information run is 30 s
@@ -48,6 +49,10 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
     agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("0.034"));
     agent.writeServerIni(console.httpPort(), console.socketPort(), 0);
     ASSERT_TRUE(agent.start());
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/registerAgent"), 3, 30000));
+    EXPECT_EQ(console.requests().size(), console.requests(QStringLiteral("machineInfo/registerAgent")).size());
+    EXPECT_TRUE(console.connections().isEmpty());
+    console.admin("POST", "/admin/fault?mode=none");
     ASSERT_TRUE(agent.waitForLog("Connected to server socket.", 30000)) << agent.log().constData();
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addProcesses"), 1, 60000));
 

@@ -115,43 +115,24 @@ TEST(Tls, UntrustedServersGetNothing)
         const char* httpReason;
         const char* pushReason;
     };
+    const QString& good = certs->serverCert;
+    // clang-format off
     const Case cases[] = {
-        {"wrong CA",
-         certs->serverCert,
-         certs->otherCaFile,
-         {},
-         "unable to get local issuer certificate",
+        {"wrong CA", good, certs->otherCaFile, {}, "unable to get local issuer certificate",
          "unable to get local issuer certificate"},
-        {"wrong host name",
-         certs->otherNameCert,
-         certs->caFile,
-         {},
-         "no alternative certificate subject name",
+        {"wrong host name", certs->otherNameCert, certs->caFile, {}, "no alternative certificate subject name",
          "IP address mismatch"},
-        {"expired certificate",
-         certs->expiredCert,
-         certs->caFile,
-         {},
-         "certificate has expired",
+        {"expired certificate", certs->expiredCert, certs->caFile, {}, "certificate has expired",
          "certificate has expired"},
-        {"wrong pin", certs->serverCert, certs->caFile, certs->otherPin, "does not match pinned public key",
+        {"wrong pin", good, certs->caFile, certs->otherPin, "does not match pinned public key",
          "does not match EDRPINNEDKEY"},
         {"plain server", {}, certs->caFile, {}, "wrong version number", "handshake timed out"},
-        {"garbage CA file",
-         certs->serverCert,
-         garbageCa,
-         {},
-         "error setting certificate",
-         "cannot load CA file"},
-        {"missing CA file",
-         certs->serverCert,
-         certs->dir + QStringLiteral("/none.pem"),
-         {},
-         "error setting certificate",
-         "cannot load CA file"},
-        {"pin in the wrong form", certs->serverCert, certs->caFile, "md5//AAAA", "is not sha256//<base64>",
+        {"garbage CA file", good, garbageCa, {}, "error setting certificate", "cannot load CA file"},
+        {"missing CA file", good, certs->dir + "/none.pem", {}, "error setting certificate", "cannot load CA file"},
+        {"pin in the wrong form", good, certs->caFile, "md5//AAAA", "is not sha256//<base64>",
          "is not sha256//<base64>"},
     };
+    // clang-format on
     TimeScale scale(0.05); // bounds the handshake with the plain server
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
