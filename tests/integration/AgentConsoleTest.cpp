@@ -1,13 +1,20 @@
-// End to end: the built agent against the reference console on loopback.
+// End to end: the built agent against the reference console on loopback,
+// over TLS with a throwaway CA.
 
+#include "comm/ApiManager.h"
+#include "comm/HttpManager.h"
 #include "core/EdrAgentConfig.h"
+#include "push/ServerSocketThread.h"
 #include "support/AgentProcess.h"
 #include "support/ConsoleProcess.h"
+#include "support/RecordingProxy.h"
+#include "support/TestCertificates.h"
 #include "support/TestSupport.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
+#include <QSignalSpy>
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -47,6 +54,19 @@ bool waitFor(const std::function<bool()>& condition, int timeoutMs)
     return condition();
 }
 
+QByteArray tlsKeys(const QString& caFile, const QByteArray& pin)
+{
+    QByteArray keys = "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(caFile) + "\n";
+    if (!pin.isEmpty())
+        keys += "EDRPINNEDKEY=" + pin + "\n";
+    return keys;
+}
+
+QStringList tlsArgs(const TestCertificates& c, const QString& cert)
+{
+    return {QStringLiteral("--tls-cert"), cert, QStringLiteral("--tls-key"), c.serverKey};
+}
+
 unsigned modeOf(const QString& path)
 {
     struct stat st {};
@@ -55,16 +75,21 @@ unsigned modeOf(const QString& path)
 } // namespace
 
 // One agent through registration, both command channels, a server-side close,
-// a stop, the one-shot commands and a restart.
-TEST(AgentConsole, FullLifecycle)
+// a stop, the one-shot commands and a restart, all over TLS through relays
+// that keep every byte: nothing may cross in clear.
+TEST(AgentConsole, FullLifecycleOverTls)
 {
     if (::getuid() != 0)
         GTEST_SKIP() << "the daemon runs as root only";
-    ConsoleProcess console;
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    ConsoleProcess console(tlsArgs(*certs, certs->serverCert));
     ASSERT_TRUE(console.isRunning());
+    RecordingProxy http(console.httpPort());
+    RecordingProxy socket(console.socketPort());
     AgentProcess agent;
     const int listenPort = LoopbackSocket::freePort();
-    agent.writeServerIni(console.httpPort(), console.socketPort(), listenPort);
+    agent.writeServerIni(http.port(), socket.port(), listenPort, tlsKeys(certs->caFile, certs->serverPin));
     // A data directory left readable, holding a secret, and a policy to print.
     const QString conf = agent.dataDir() + QStringLiteral("/agent.conf");
     const QString copy = agent.dataDir() + QStringLiteral("/reports/old-request.json");
@@ -100,8 +125,12 @@ TEST(AgentConsole, FullLifecycle)
     EXPECT_EQ(modeOf(conf), 0600u);
 
     // The server connection: handshake with the token, an order, keep-alives.
-    ASSERT_TRUE(waitFor([&] { return !console.connections().isEmpty(); }, 30000)) << agent.log().constData();
-    const QString handshake = console.connections().at(0).toObject().value(QStringLiteral("handshake")).toString();
+    const auto handshakeOf = [&](int i) {
+        const QJsonArray all = console.connections();
+        return i < all.size() ? all.at(i).toObject().value(QStringLiteral("handshake")).toString() : QString();
+    };
+    ASSERT_TRUE(waitFor([&] { return !handshakeOf(0).isEmpty(); }, 30000)) << agent.log().constData();
+    const QString handshake = handshakeOf(0);
     EXPECT_TRUE(handshake.startsWith(QStringLiteral("Connect#$#$"))) << qPrintable(handshake);
     EXPECT_TRUE(handshake.endsWith(QStringLiteral("#$#$") + token)) << qPrintable(handshake);
     ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
@@ -163,6 +192,8 @@ TEST(AgentConsole, FullLifecycle)
 
     // A restart keeps its token, does not register again and binds its
     // listener port at once although the last run's connections linger.
+    // Unscaled now: a terminal order's limit is 20 s, so a stop meets it running.
+    agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("1"));
     const int infos = console.requests(QStringLiteral("machineInfo/addMachineInfo")).size();
     ASSERT_TRUE(agent.start());
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), infos + 1, 30000));
@@ -171,27 +202,127 @@ TEST(AgentConsole, FullLifecycle)
     EXPECT_EQ(sendToListener(listenPort, "MOD#$#AGENT_CONFIG_CHANGE"), QByteArray("OK"));
     EXPECT_TRUE(agent.waitForLog("Agent Config!", 20000));
     EXPECT_FALSE(agent.log().contains("bind Failed!"));
-    agent.signal(SIGTERM);
-    ASSERT_TRUE(agent.waitForExit(10000));
-    EXPECT_EQ(agent.exitCode(), 0);
-    EXPECT_TRUE(agent.log().contains("void signal_handler(int) | Agent Service : terminate signal catched"));
-}
-
-TEST(AgentConsole, StopDuringATerminalOrderEndsItsProcessGroup)
-{
-    if (::getuid() != 0)
-        GTEST_SKIP() << "the daemon runs as root only";
-    ConsoleProcess console;
-    ASSERT_TRUE(console.isRunning());
-    AgentProcess agent;
-    agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("1")); // a 20 s limit
-    const int listenPort = LoopbackSocket::freePort();
-    agent.writeServerIni(console.httpPort(), console.socketPort(), listenPort);
-    ASSERT_TRUE(agent.start());
     const QByteArray marker = "sleep 999." + QByteArray::number(::getpid()); // unique to this run
     EXPECT_EQ(sendToListener(listenPort, "RPT#$#18#$#41|bash -c \"" + marker + "; true\""), QByteArray("OK"));
     ASSERT_TRUE(waitFor([&] { return livingProcesses(marker) == 2; }, 20000)); // bash and its sleep
     agent.signal(SIGTERM);
     ASSERT_TRUE(agent.waitForExit(15000));
-    EXPECT_EQ(livingProcesses(marker), 0);
+    EXPECT_EQ(livingProcesses(marker), 0); // the whole process group ended
+    EXPECT_EQ(agent.exitCode(), 0);
+    EXPECT_TRUE(agent.log().contains("void signal_handler(int) | Agent Service : terminate signal catched"));
+
+    const QByteArray wire = http.recorded() + socket.recorded();
+    EXPECT_GT(wire.size(), 2000);
+    for (const QByteArray& clear : {token.toUtf8(), QByteArray("AgentVersion"), QByteArray("Connect#$#"),
+                                    QByteArray("RPT#$#"), QByteArray("keep-alive"), QByteArray("machineInfo/")})
+        EXPECT_FALSE(wire.contains(clear)) << clear.constData();
+}
+
+// Each server the agent must not trust: both channels refuse it with one
+// Error line naming why, and nothing of the request reaches it.
+TEST(Tls, UntrustedServersGetNothing)
+{
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    const QString garbageCa = certs->dir + QStringLiteral("/garbage.pem");
+    {
+        QFile f(garbageCa);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("-----BEGIN CERTIFICATE-----\nnot base64 at all\n-----END CERTIFICATE-----\n");
+    }
+    struct Case {
+        const char* name;
+        QString consoleCert; // empty: a plain console
+        QString caFile;
+        QByteArray pin;
+        const char* httpReason;
+        const char* pushReason;
+    };
+    const QString& good = certs->serverCert;
+    // clang-format off
+    const Case cases[] = {
+        {"wrong CA", good, certs->otherCaFile, {}, "unable to get local issuer certificate",
+         "unable to get local issuer certificate"},
+        {"wrong host name", certs->otherNameCert, certs->caFile, {}, "no alternative certificate subject name",
+         "IP address mismatch"},
+        {"expired certificate", certs->expiredCert, certs->caFile, {}, "certificate has expired",
+         "certificate has expired"},
+        {"wrong pin", good, certs->caFile, certs->otherPin, "does not match pinned public key",
+         "does not match EDRPINNEDKEY"},
+        {"plain server", {}, certs->caFile, {}, "wrong version number", "handshake timed out"},
+        {"garbage CA file", good, garbageCa, {}, "error setting certificate", "cannot load CA file"},
+        {"missing CA file", good, certs->dir + "/none.pem", {}, "error setting certificate", "cannot load CA file"},
+        {"pin in the wrong form", good, certs->caFile, "md5//AAAA", "is not sha256//<base64>",
+         "is not sha256//<base64>"},
+    };
+    // clang-format on
+    TimeScale scale(0.05); // bounds the handshake with the plain server
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ConsoleProcess console(c.consoleCert.isEmpty() ? QStringList() : tlsArgs(*certs, c.consoleCert));
+        ASSERT_TRUE(console.isRunning());
+        ScratchPrefix prefix;
+        prefix.pointAtServer(console.httpPort(), console.socketPort(), 0, tlsKeys(c.caFile, c.pin));
+        EdrAgentConfig().setAuthCode(QStringLiteral("tok-secret"));
+        HttpManager::getInstance()->setAuthorizationToke(QStringLiteral("tok-secret"));
+
+        QString response = QStringLiteral("untouched");
+        EXPECT_FALSE(HttpManager::getInstance()->sendDataToServer(
+            true, ApiManager::getAPI(AGENT_INFO), 3, {{QStringLiteral("data"), QStringLiteral("{\"a\":1}")}},
+            response));
+        HttpManager::getInstance()->setAuthorizationToke(QString());
+        EXPECT_EQ(response, QStringLiteral("untouched"));
+
+        ServerSocketThread thread;
+        thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
+        thread.setServerSocketPort(console.socketPort());
+        QSignalSpy closed(&thread, &ServerSocketThread::socketClosed);
+        thread.start();
+        ASSERT_TRUE(thread.wait(20000));
+        EXPECT_EQ(closed.count(), 1);
+        EXPECT_FALSE(thread.getLastConnectionStatus());
+
+        const QByteArray log = prefix.traceLog();
+        EXPECT_TRUE(log.contains(c.httpReason)) << log.constData();
+        EXPECT_TRUE(log.contains("TLS connection to 127.0.0.1:" + QByteArray::number(console.socketPort()) +
+                                 " refused: "))
+            << log.constData();
+        EXPECT_TRUE(log.contains(c.pushReason)) << log.constData();
+        EXPECT_FALSE(log.contains("Connected to server socket.")) << log.constData();
+        EXPECT_TRUE(console.requests().isEmpty());
+        const QJsonArray messages = console.socketMessages();
+        for (const QJsonValue& m : messages)
+            EXPECT_FALSE(
+                m.toObject().value(QStringLiteral("text")).toString().contains(QStringLiteral("tok-secret")));
+    }
+}
+
+// A server that accepts and never answers the handshake holds the push thread
+// no longer than the handshake limit, and a stop ends the wait at once.
+TEST(Tls, StalledHandshakeIsBoundedAndStoppable)
+{
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    ScratchPrefix prefix;
+    int port = 0;
+    LoopbackSocket server(LoopbackSocket::listenOn(&port));
+    prefix.pointAtServer(LoopbackSocket::freePort(), port, 0, tlsKeys(certs->caFile, {}));
+    for (const bool stop : {false, true}) {
+        SCOPED_TRACE(stop ? "stopped" : "timed out");
+        TimeScale scale(stop ? 1.0 : 0.05);
+        ServerSocketThread thread;
+        thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
+        thread.setServerSocketPort(port);
+        thread.start();
+        LoopbackSocket peer(LoopbackSocket::acceptOne(server.fd, 10000));
+        ASSERT_GE(peer.fd, 0);
+        if (stop) {
+            ASSERT_FALSE(thread.wait(200)); // still in the handshake
+            thread.requestStop();
+        }
+        EXPECT_TRUE(thread.wait(5000));
+        EXPECT_TRUE(
+            prefix.traceLog().contains(stop ? "refused: handshake stopped" : "refused: handshake timed out"))
+            << prefix.traceLog().constData();
+    }
 }
