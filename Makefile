@@ -46,8 +46,17 @@ fuzz: deps
 install: build
 	$(CMAKE) --install $(BUILD)
 
-package: build
-	cd $(BUILD) && cpack
+# Debian packages (edr-agent, edr-console and their -dbgsym) in $(BUILD)/,
+# built from debian/ by dpkg-buildpackage in its own build tree.
+DEB_VERSION = $(shell dpkg-parsechangelog -S Version)
+DEB_ARCH    = $(shell dpkg-architecture -qDEB_HOST_ARCH)
+package: deps
+	mkdir -p $(BUILD)
+	EDR_DEB_DESTDIR=$(abspath $(BUILD)) dpkg-buildpackage -us -uc -b \
+	  --buildinfo-option=-u$(abspath $(BUILD)) --changes-option=-u$(abspath $(BUILD)) \
+	  --buildinfo-file=$(BUILD)/edr-agent_$(DEB_VERSION)_$(DEB_ARCH).buildinfo \
+	  --changes-file=$(BUILD)/edr-agent_$(DEB_VERSION)_$(DEB_ARCH).changes
+	@ls $(BUILD)/*_$(DEB_VERSION)_$(DEB_ARCH).deb
 
 format:
 	find src tests tools bench fuzz -name '*.cpp' -o -name '*.h' | xargs clang-format -i

@@ -14,6 +14,10 @@ PACKAGES=(
   dmidecode util-linux dpkg procps lsof iproute2 systemd passwd
   # benchmarks
   hyperfine
+  # Debian packages (make package) and their checks
+  debhelper dpkg-dev lintian
+  # system tests (tests/system)
+  jq
 )
 
 missing=()

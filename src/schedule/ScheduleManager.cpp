@@ -7,12 +7,12 @@
 #include "identity/AgentDetails.h"
 #include "identity/ServerDetails.h"
 #include "schedule/ScheduleReader.h"
+#include "schedule/UpdaterLauncher.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QMap>
-#include <QProcess>
 #include <QTimer>
 
 #include <cerrno>
@@ -304,9 +304,8 @@ bool ScheduleManager::runAgentUpdater()
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     const QString script = Common::getRootPath() + QStringLiteral("/edragentupd.sh");
-    // The script may stop and replace this process, so it is not waited for
-    // and not run through the tool runner.
-    const bool started = QProcess::startDetached(QStringLiteral("sh"), QStringList{script});
+    // The script may stop and replace this process, so it is not waited for.
+    const bool started = UpdaterLauncher().start(script) != UpdaterLauncher::Outcome::Failed;
     if (started)
         EDR_LOG->Info(Q_FUNC_INFO, "Sucessfully Started Agent Updater.");
     else

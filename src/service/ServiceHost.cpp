@@ -173,7 +173,7 @@ qint64 ServiceHost::registrationDelayMs(int attempt, double jitter01)
 void ServiceHost::attemptRegistration()
 {
     AgentManager* agent = AgentManager::getInstance();
-    if (agent && !agent->isAgentRegistered() && !agent->registerAgent()) {
+    if (agent && !agent->isAgentRegistered() && !registerWithServer(*agent)) {
         ++m_attempts;
         const qint64 delay = registrationDelayMs(m_attempts, QRandomGenerator::global()->generateDouble());
         const int scaled = Common::scaledMs(delay);
@@ -182,6 +182,27 @@ void ServiceHost::attemptRegistration()
         return;
     }
     continueStartup();
+}
+
+// A fresh install has no server address yet: that is said once, in the trace
+// log and on stderr (the journal), and no request goes to a host named "NA".
+bool ServiceHost::registerWithServer(AgentManager& agent)
+{
+    const ServerDetails* server = ServerDetails::getInstance();
+    if (server && server->getServerIP() == QLatin1String("NA")) {
+        if (!m_reportedNoServer) {
+            m_reportedNoServer = true;
+            const QByteArray text = "No server address: EDRIP and ACIP are NA in " +
+                                    (Common::getSettingsPath() + QStringLiteral("/serverip.ini")).toUtf8();
+            EDR_LOG->Error(Q_FUNC_INFO, EDESTADDRREQ, "%s", text.constData());
+            const QByteArray line = "edr-agent: " + text + '\n';
+            if (::write(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size())) < 0) {
+                // Nothing more to do when stderr is gone; the trace log has it.
+            }
+        }
+        return false;
+    }
+    return agent.registerAgent();
 }
 
 void ServiceHost::continueStartup()

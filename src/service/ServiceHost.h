@@ -6,6 +6,8 @@
 
 #include <initializer_list>
 
+class AgentManager;
+
 // Signal handling: the handler only writes the signal number to a self-pipe;
 // the main thread reads it, logs and quits the event loop.
 // False, with an Error line, when the signals cannot be caught.
@@ -40,8 +42,10 @@ private slots:
 
 private:
     void continueStartup();
+    bool registerWithServer(AgentManager& agent);
 
     QSocketNotifier* m_notifier = nullptr;
     QTimer m_retryTimer;
     int m_attempts = 0;
+    bool m_reportedNoServer = false;
 };

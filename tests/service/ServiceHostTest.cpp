@@ -77,3 +77,19 @@ TEST(ServiceBinary, SigtermEndsARegistrationWaitAtOnce)
         EXPECT_TRUE(agent.log().contains("Agent Service : terminate signal catched"));
     }
 }
+
+TEST(ServiceBinary, NoServerAddressIsOneErrorThenTheBackoff)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "the daemon runs as root only";
+    AgentProcess agent; // no serverip.ini: EDRIP and ACIP are NA
+    agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("0.002"));
+    ASSERT_TRUE(agent.start());
+    ASSERT_TRUE(agent.waitForLog("Registration failed; next attempt in", 20000, 3)) << agent.log().constData();
+    agent.signal(SIGTERM);
+    ASSERT_TRUE(agent.waitForExit(10000));
+    const QByteArray log = agent.log();
+    EXPECT_EQ(log.count("No server address: EDRIP and ACIP are NA in"), 1) << log.constData();
+    EXPECT_EQ(log.count(" ERROR ["), 1) << log.constData(); // no request to a host called NA
+    EXPECT_EQ(agent.standardError().count("No server address"), 1);
+}

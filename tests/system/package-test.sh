@@ -1,0 +1,265 @@
+#!/usr/bin/env bash
+# The Debian package under a real systemd (the throwaway sandbox): install,
+# reports at the reference console, stop time, restart without a second
+# registration, the updater restarting the agent, service orders on a real
+# unit, the services report against systemctl, and purge.
+#
+#   package-test.sh SOURCE_DIR BUILD_DIR
+#
+# Exit 77 (skipped) where the sandbox cannot run. Installing changes this
+# machine's package database, so everything installed is purged on every way
+# out.
+set -uo pipefail
+src=$(cd "$1" && pwd)
+build=$(cd "$2" && pwd)
+sandbox_tool=${EDR_SYSTEMD_SANDBOX:-$src/../shared/tools/systemd-sandbox}
+skip() { echo "SKIP: $*"; exit 77; }
+
+[ "$(id -u)" -eq 0 ] || skip "system tests need root"
+[ -x "$sandbox_tool" ] || skip "no systemd sandbox at $sandbox_tool"
+command -v dpkg-buildpackage >/dev/null || skip "dpkg-buildpackage missing (scripts/install-deps.sh)"
+if dpkg-query -W -f='${Status}' edr-agent 2>/dev/null | grep -q installed; then
+  skip "edr-agent is installed on this machine; the system tests would purge it"
+fi
+
+work=$build/system-tests
+rm -rf "$work"
+mkdir -p "$work/src" "$work/debs" "$work/console"
+console_pid=""; sandbox=""
+failures=0
+pass() { echo "ok - $*"; }
+fail() { echo "FAIL - $*"; failures=$((failures + 1)); }
+check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
+in_sandbox() { "$sandbox_tool" run "$sandbox" "$@"; }
+
+# Polls CMD every 0.2 s for up to SECONDS seconds.
+wait_for() {
+  local limit=$1; shift
+  local end=$((SECONDS + limit))
+  until "$@"; do [ $SECONDS -ge $end ] && return 1; sleep 0.2; done
+}
+
+cleanup() {
+  if [ -n "$sandbox" ]; then
+    in_sandbox dpkg --purge edr-agent >/dev/null 2>&1
+    in_sandbox systemctl disable --now edr-systest.service >/dev/null 2>&1
+    "$sandbox_tool" stop "$sandbox" 2>/dev/null
+  fi
+  # The sandbox shares /etc with this machine: whatever a test order left there goes.
+  rm -f /etc/systemd/system/edr-systest.service /etc/systemd/system/multi-user.target.wants/edr-systest.service
+  dpkg-query -W edr-agent >/dev/null 2>&1 && dpkg --purge edr-agent >/dev/null 2>&1
+  [ -n "$console_pid" ] && kill "$console_pid" 2>/dev/null && wait "$console_pid" 2>/dev/null
+  true
+}
+trap cleanup EXIT
+trap 'exit 1' INT TERM
+
+# --- the package, from the build tree ctest runs in (no second compile)
+# (debian/build is a `make package` tree, not needed here)
+tar -C "$src" --exclude=debian/build -cf - debian packaging | tar -C "$work/src" -xf -
+if ! (cd "$work/src" && EDR_DEB_PREBUILT="$build" EDR_DEB_DESTDIR="$work/debs" \
+      dpkg-buildpackage -us -uc -b -d --buildinfo-file="$work/debs/x.buildinfo" \
+      --changes-file="$work/debs/x.changes" --buildinfo-option=-u"$work/debs" \
+      --changes-option=-u"$work/debs") >"$work/package.log" 2>&1; then
+  tail -n 30 "$work/package.log"
+  echo "FAIL - the package builds"; exit 1
+fi
+deb=$(ls "$work"/debs/edr-agent_*.deb)
+
+sandbox=$("$sandbox_tool" start 2>"$work/sandbox.err") || { sandbox=""; skip "systemd sandbox cannot start here ($(head -n 1 "$work/sandbox.err"))"; }
+
+# --- the console on loopback (the sandbox shares the network)
+printf '<AgentInfo><Enabled>1</Enabled><Run_on_Start>1</Run_on_Start><Interval>15</Interval><Retry_Interval>15</Retry_Interval></AgentInfo>\n' >"$work/schedule.db"
+"$build/edr-console" --http-port 0 --socket-port 0 --data "$work/console" --schedule "$work/schedule.db" \
+  --port-file "$work/ports.json" >"$work/console.out" 2>&1 &
+console_pid=$!
+wait_for 10 test -s "$work/ports.json" || { echo "FAIL - console starts"; exit 1; }
+http_port=$(jq -r .http "$work/ports.json")
+socket_port=$(jq -r .socket "$work/ports.json")
+listen_port=$(( 20000 + RANDOM % 20000 ))
+
+count() { ls "$work/console/reports/"*"-${1//\//_}.json" 2>/dev/null | wc -l; }
+at_least() { [ "$(count "$1")" -ge "$2" ]; }
+errors() { log | grep -c ' ERROR \['; }
+log() { cat /var/lib/edr-agent/EDR_Track.log 2>/dev/null; }
+unit_is() { [ "$(in_sandbox systemctl "$1" "$2" 2>/dev/null)" = "$3" ]; }
+main_pid() { in_sandbox systemctl show -p MainPID --value edr-agent; }
+pid_changed() { [ "$(main_pid)" != "$1" ]; }
+in_request() { ss -tnH state established "dst 127.0.0.1:$http_port" | grep -q .; }
+# Milliseconds that `systemctl stop edr-agent` takes.
+stop_ms() {
+  local t0; t0=$(date +%s%N)
+  in_sandbox systemctl stop edr-agent
+  echo $(( ($(date +%s%N) - t0) / 1000000 ))
+}
+listening() { (exec 3<>"/dev/tcp/127.0.0.1/$listen_port") 2>/dev/null; }
+# Sends one command to the agent's local listener and expects "OK".
+order() {
+  local reply=""
+  exec 3<>"/dev/tcp/127.0.0.1/$listen_port" || return 1
+  printf '%s' "$1" >&3
+  read -r -t 10 -N 2 reply <&3
+  exec 3<&-
+  [ "$reply" = OK ]
+}
+# The posted action result for request id $1: "status message".
+action_result() {
+  local f out
+  for f in "$work/console/reports/"*-settings_InvSettingsOutput.json; do
+    [ -e "$f" ] || continue
+    out=$(jq -r --arg id "$1" 'select(.body._id == $id) | "\(.body.status) \(.body.message)"' "$f")
+    [ -n "$out" ] && { echo "$out"; return 0; }
+  done
+  return 1
+}
+
+# A container's policy-rc.d forbids starting services; a real machine has
+# none, so inside the sandbox (its own mounts) it allows everything.
+if [ -e /usr/sbin/policy-rc.d ]; then
+  printf '#!/bin/sh\nexit 0\n' >"$work/policy-rc.d"; chmod +x "$work/policy-rc.d"
+  in_sandbox mount --bind "$work/policy-rc.d" /usr/sbin/policy-rc.d
+fi
+
+has_result() { action_result "$1" >/dev/null; }
+
+# --- install: enabled and started, waiting for an address
+in_sandbox dpkg -i "$deb" >"$work/install.log" 2>&1
+check "package installs" grep -q 'install ok installed' <(dpkg-query -W -f='${Status}' edr-agent 2>/dev/null)
+check "unit enabled on install" unit_is is-enabled edr-agent enabled
+check "unit active on install" wait_for 10 unit_is is-active edr-agent active
+check "data directory is 0700" test "$(stat -c %a /var/lib/edr-agent)" = 700
+check "/opt/edr-agent exists" test -d /opt/edr-agent
+check "serverip.ini is a conffile" grep -qx /etc/edr-agent/serverip.ini /var/lib/dpkg/info/edr-agent.conffiles
+wait_for 10 sh -c 'grep -qs "No server address" /var/lib/edr-agent/EDR_Track.log'
+check "no address: one Error line" test "$(errors)" = 1
+sleep 1
+check "no address: still one Error line a second later, no spinning" test "$(errors)" = 1
+t=$(stop_ms); check "stop while waiting for an address takes $t ms (<= 3000)" test "$t" -le 3000
+
+# --- point it at the console: registration and start-up reports
+cat >/etc/edr-agent/serverip.ini <<INI
+[server]
+EDRIP=127.0.0.1
+ACIP=NA
+
+[Server]
+EDRPORT=$http_port
+EDRSAPIVER=v1
+EDRSPORT=$socket_port
+EDRSLPORT=$listen_port
+INI
+in_sandbox systemctl start edr-agent
+for route in machineInfo/registerAgent machineInfo/addMachineInfo machineInfo/addServicess machineInfo/addProcesses; do
+  check "console receives $route" wait_for 120 at_least "$route" 1
+done
+t=$(stop_ms); check "stop while running takes $t ms (<= 3000)" test "$t" -le 3000
+infos=$(count machineInfo/addMachineInfo)
+in_sandbox systemctl start edr-agent
+check "restart sends agent information again" wait_for 60 at_least machineInfo/addMachineInfo $((infos + 1))
+check "restart keeps the token (one registration)" test "$(count machineInfo/registerAgent)" = 1
+
+# Upgrade (the same version again): the unit restarts, the edited conffile stays.
+before=$(main_pid)
+in_sandbox dpkg -i "$deb" >"$work/upgrade.log" 2>&1
+check "upgrade restarts the agent" wait_for 10 pid_changed "$before"
+check "upgrade keeps the edited serverip.ini" grep -q "EDRPORT=$http_port" /etc/edr-agent/serverip.ini
+
+# A server that accepts and never answers holds the agent in a request.
+admin() { exec 3<>"/dev/tcp/127.0.0.1/$http_port" && printf 'POST %s HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n' "$1" >&3 && cat <&3 >/dev/null; exec 3<&-; }
+admin '/admin/fault?mode=silent'
+in_sandbox systemctl restart edr-agent
+wait_for 30 in_request
+t=$(stop_ms); check "stop while a request hangs takes $t ms (<= 3000)" test "$t" -le 3000
+admin '/admin/fault?mode=none'
+in_sandbox systemctl start edr-agent
+
+# --- the updater restarts the agent's unit and finishes its own work
+marker=$work/updater.marker
+cat >/opt/edr-agent/edragentupd.sh <<SH
+systemctl restart edr-agent
+echo finished > "$marker"
+SH
+wait_for 30 listening
+before=$(main_pid)
+# The updater may restart the agent before the listener's "OK" is out.
+order 'UPD#$#AGENT' || true
+check "updater finishes after restarting the agent" wait_for 60 test -s "$marker"
+check "agent active again after the update" wait_for 10 unit_is is-active edr-agent active
+check "agent was restarted by the updater" test "$(main_pid)" != "$before"
+check "still one registration after the update" test "$(count machineInfo/registerAgent)" = 1
+
+# --- service orders on a real unit
+in_sandbox sh -c 'cat >/run/systemd/system/edr-systest.service' <<'UNIT'
+[Unit]
+Description=edr-agent system test unit
+
+[Service]
+ExecStart=/bin/sleep infinity
+
+[Install]
+WantedBy=multi-user.target
+UNIT
+in_sandbox systemctl daemon-reload
+wait_for 30 listening
+# code, verb, what systemctl says afterwards
+n=0
+while read -r code verb query expect; do
+  n=$((n + 1))
+  id="systest-$n-$verb"
+  check "$verb order accepted" order "ACT#\$#2#\$#$code|edr-systest.service|$id"
+  check "$verb posts a result" wait_for 30 has_result "$id"
+  result=$(action_result "$id" || true)
+  check "$verb result is status 0 ($result)" test "${result%% *}" = 0
+  check "$verb leaves the unit $expect" wait_for 10 unit_is "$query" edr-systest.service "$expect"
+done <<'ORDERS'
+1 start is-active active
+2 stop is-active inactive
+3 restart is-active active
+5 enable is-enabled enabled
+6 disable is-enabled disabled
+4 mask is-enabled masked
+ORDERS
+id=systest-missing
+order "ACT#\$#2#\$#1|edr-no-such-unit.service|$id" && wait_for 30 has_result "$id"
+result=$(action_result "$id" || true)
+check "an order on a missing unit posts status 1 ($result)" test "${result%% *}" = 1
+
+# --- the services report equals one systemctl show per unit
+in_sandbox /usr/sbin/edr-agent report services >"$work/services.json" 2>/dev/null
+units=$(jq -r '.Services[].Name' "$work/services.json")
+check "services report lists units" test -n "$units"
+mismatched=0
+while IFS= read -r u; do
+  got=$(jq -c --arg u "$u" '.Services[] | select(.Name == $u) | [.Description, .ServiceType, .PathName, .State, .StartMode]' "$work/services.json")
+  # A unit systemctl cannot show (a template) has no properties in the report.
+  if show=$(in_sandbox systemctl show "$u" -p Description -p Type -p ExecStart -p ActiveState -p UnitFileState 2>/dev/null); then
+    want=$(printf '%s\n' "$show" | jq -R -s -c 'split("\n") | map(select(length > 0) | capture("^(?<key>[^=]+)=(?<value>.*)$")) | from_entries |
+      [.Description // "", .Type // "", .ExecStart // "", (if .ActiveState == "active" then "Running" else "Stopped" end),
+       (if .UnitFileState == "enabled" then "Auto" else "Manual" end)]')
+  else
+    want='["","","","",""]'
+  fi
+  if [ "$got" != "$want" ]; then
+    mismatched=$((mismatched + 1))
+    echo "  $u: report $got, systemctl $want"
+  fi
+done <<<"$units"
+check "services report equals systemctl show for each of $(echo "$units" | wc -w) units" test "$mismatched" = 0
+
+# --- purge leaves nothing
+files=$(dpkg-query -L edr-agent | while read -r f; do [ -d "$f" ] || echo "$f"; done)
+in_sandbox dpkg --purge edr-agent >"$work/purge.log" 2>&1
+check "purge removes the package" sh -c '! dpkg-query -W -f="\${Status}" edr-agent 2>/dev/null | grep -q installed'
+left=""
+for f in $files /usr/sbin/edr-agent /var/lib/edr-agent /opt/edr-agent /etc/edr-agent; do
+  [ -e "$f" ] && left="$left $f"
+done
+check "purge leaves no file (left:${left:- none})" test -z "$left"
+check "purge leaves no unit" test -z "$(in_sandbox systemctl list-unit-files --no-legend edr-agent.service)"
+check "purge leaves no enablement link" test ! -e /etc/systemd/system/multi-user.target.wants/edr-agent.service
+
+if [ "$failures" -gt 0 ]; then
+  echo "$failures check(s) failed; agent log tail:"; log | tail -n 30
+  exit 1
+fi
+echo "all system checks passed"
