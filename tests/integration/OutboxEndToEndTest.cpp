@@ -89,21 +89,21 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
 
     const QList<QJsonObject> all = console.requests();
     QMap<QString, QString> lastFailed; // report -> body of its last failed post
-    for (int i = outageStart; i < outageEnd; ++i)
-        if (all[i].value(QStringLiteral("route")).toString() != kResultRoute &&
-            all[i].value(QStringLiteral("method")).toString() == QLatin1String("POST"))
-            lastFailed[reportKey(all[i])] = all[i].value(QStringLiteral("raw_body")).toString();
-    ASSERT_GE(lastFailed.size(), 2) << "agent information and processes at least";
-
     QMap<QString, QStringList> delivered;
     QStringList results;
-    for (int i = outageEnd; i < all.size(); ++i) {
-        if (all[i].value(QStringLiteral("route")).toString() == kResultRoute)
-            results
-                << all[i].value(QStringLiteral("body")).toObject().value(QStringLiteral("_id")).toString();
-        else if (all[i].value(QStringLiteral("method")).toString() == QLatin1String("POST"))
-            delivered[reportKey(all[i])] << all[i].value(QStringLiteral("raw_body")).toString();
+    for (int i = outageStart; i < all.size(); ++i) {
+        const QString raw = all[i].value(QStringLiteral("raw_body")).toString();
+        if (all[i].value(QStringLiteral("route")).toString() == kResultRoute) {
+            if (i >= outageEnd)
+                results << all[i].value(QStringLiteral("body")).toObject().value(QStringLiteral("_id")).toString();
+        } else if (all[i].value(QStringLiteral("method")).toString() == QLatin1String("POST")) {
+            if (i < outageEnd)
+                lastFailed[reportKey(all[i])] = raw;
+            else
+                delivered[reportKey(all[i])] << raw;
+        }
     }
+    ASSERT_GE(lastFailed.size(), 2) << "agent information and processes at least";
     EXPECT_EQ(results, (QStringList{QStringLiteral("order-A"), QStringLiteral("order-B"),
                                     QStringLiteral("order-C"), QStringLiteral("order-D")}));
     EXPECT_EQ(delivered.keys(), lastFailed.keys());

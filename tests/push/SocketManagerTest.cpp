@@ -52,7 +52,7 @@ protected:
 };
 } // namespace
 
-TEST_F(SocketManagerTest, ReportCommandsReachTheDispatcherAndShortOnesAreLogged)
+TEST_F(SocketManagerTest, DispatchesReportsConfigChangeAndUpdate)
 {
     manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#$0#$#0"));
     manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#x"));
@@ -62,13 +62,12 @@ TEST_F(SocketManagerTest, ReportCommandsReachTheDispatcherAndShortOnesAreLogged)
     EXPECT_EQ(server.requests().size(), 2);
     EXPECT_TRUE(prefix.traceLog().contains("Ignored RPT command without a subject"));
     EXPECT_EQ(prefix.traceLog().count("command for unknown task"), 3); // 25, -1, 4096
-}
 
-TEST_F(SocketManagerTest, ConfigChangeDownloadsTheScheduleAndUpdateStartsTheScript)
-{
+    // A configuration change downloads the schedule; an update starts the script.
     server.setReply({200, "<AgentInfo><Interval>7</Interval></AgentInfo>", "application/xml"});
     manager->processCommand(QString(), QStringLiteral("MOD#$#AGENT_CONFIG_CHANGE#$#ignored"));
     ASSERT_EQ(requestsTo("settings/getConfigFile").size(), 1);
+    EXPECT_EQ(server.requests().size(), 3);
     EXPECT_TRUE(prefix.traceLog().contains("Successfully Downloaded Updated Agent Config!"));
 
     const QString marker = prefix.path() + QStringLiteral("/updater-ran");
