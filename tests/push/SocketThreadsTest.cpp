@@ -4,6 +4,7 @@
 #include "push/ListenerAllowList.h"
 #include "push/ServerSocketThread.h"
 
+#include "support/TestCertificates.h"
 #include "support/TestSupport.h"
 
 #include <QElapsedTimer>
@@ -101,7 +102,7 @@ TEST(ServerSocketThread, HandshakeMessagesKeepAlivesHalfCloseAndStop)
 // No address, a closed port, and a server whose full accept queue drops
 // further SYNs: each ends the run; the last gives up after its (scaled) 5 s,
 // and a stop meanwhile ends it without the "unreachable" line.
-TEST(ServerSocketThread, UnreachableServersEndTheRunAndConnectIsBounded)
+TEST(ServerSocketThread, UnreachableOrStalledServersEndTheRunOrAStop)
 {
     ScratchPrefix prefix;
     ServerSocketThread thread;
@@ -142,6 +143,23 @@ TEST(ServerSocketThread, UnreachableServersEndTheRunAndConnectIsBounded)
     thread.requestStop();
     ASSERT_TRUE(thread.wait(3000));
     EXPECT_EQ(prefix.traceLog().count("unreachable"), unreachable);
+
+    // Over TLS, a server that accepts and never answers the handshake holds
+    // the run until a stop (its time-out is the plain-server refusal case).
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    port = 0;
+    LoopbackSocket silent(LoopbackSocket::listenOn(&port));
+    prefix.pointAtServer(1, port, 0, "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(certs->caFile) + "\n");
+    aim(thread, port);
+    thread.clearStop();
+    thread.start();
+    LoopbackSocket peer(LoopbackSocket::acceptOne(silent.fd, 10000));
+    ASSERT_GE(peer.fd, 0);
+    ASSERT_FALSE(thread.wait(200)); // still in the handshake
+    thread.requestStop();
+    EXPECT_TRUE(thread.wait(5000));
+    EXPECT_TRUE(prefix.traceLog().contains("refused: handshake stopped")) << prefix.traceLog().constData();
 }
 
 // The starter clears the stop before start(); the run itself must not, or a
