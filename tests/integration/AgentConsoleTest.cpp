@@ -140,6 +140,12 @@ TEST(AgentConsole, FullLifecycleOverTls)
     ASSERT_TRUE(audit.open(QIODevice::ReadOnly));
     EXPECT_TRUE(audit.readAll().startsWith(R"({"channel":"push","command":"RPT#$#$0#$#0","peer":"127.0.0.1","task":0,)"));
 
+    // A connection the server ends is made again after the pause.
+    console.admin("POST", "/admin/close-connections");
+    ASSERT_TRUE(agent.waitForLog("Lan Server Socket Closed! Sleeping for 10 seconds.", 20000));
+    ASSERT_TRUE(waitFor([&] { return console.connections().size() >= 2; }, 20000));
+    EXPECT_TRUE(console.connections().at(1).toObject().value(QStringLiteral("open")).toBool());
+
     // The listener answers OK to anything, garbage included.
     EXPECT_EQ(sendToListener(listenPort, QByteArray(5000, '\x01')), QByteArray("OK"));
     EXPECT_EQ(sendToListener(listenPort, "RPT#$#x"), QByteArray("OK"));
@@ -150,17 +156,11 @@ TEST(AgentConsole, FullLifecycleOverTls)
     EXPECT_EQ(console.requests(QStringLiteral("cmdAndPS/cmdOutput")).at(0).value(QStringLiteral("body")).toObject().value(QStringLiteral("status")).toInt(), 1);
     EXPECT_EQ(livingProcesses("sleep 999.3125"), 0);
 
-    // A connection the server ends is made again after the pause.
-    console.admin("POST", "/admin/close-connections");
-    ASSERT_TRUE(agent.waitForLog("Lan Server Socket Closed! Sleeping for 10 seconds.", 20000));
-    ASSERT_TRUE(waitFor([&] { return console.connections().size() >= 2; }, 20000));
-    EXPECT_TRUE(console.connections().at(1).toObject().value(QStringLiteral("open")).toBool());
-
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addInstallSoft"), 1, 60000));
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addStartupApps"), 1, 60000));
     agent.signal(SIGHUP);
     ASSERT_TRUE(agent.waitForExit(10000));
-    EXPECT_EQ(agent.exitCode(), 0);
+    EXPECT_EQ(agent.exitCode(), 0) << agent.standardError().constData();
     EXPECT_TRUE(agent.log().contains("void signal_handler(int) | Agent Service : hangup signal catched"));
     EXPECT_EQ(modeOf(agent.logPath()), 0600u);
 
