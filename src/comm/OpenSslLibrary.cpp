@@ -1,4 +1,5 @@
 #include "comm/OpenSslLibrary.h"
+#include "comm/DynamicSymbol.h"
 
 #include <dlfcn.h>
 #include <mutex>
@@ -9,14 +10,6 @@ namespace
 OpenSslLibrary g_library;
 const OpenSslLibrary* g_loaded = nullptr;
 std::string g_error;
-
-template <typename T> bool bind(void* handle, const char* name, T& slot)
-{
-    slot = reinterpret_cast<T>(::dlsym(handle, name));
-    if (!slot)
-        g_error = std::string("missing symbol ") + name;
-    return slot != nullptr;
-}
 
 void load()
 {
@@ -29,7 +22,7 @@ void load()
         return;
     }
     OpenSslLibrary& l = g_library;
-#define EDR_BIND(handle, name) bind(handle, #name, l.name)
+#define EDR_BIND(handle, name) bindSymbol(handle, #name, l.name, g_error)
     const bool ok =
         EDR_BIND(crypto, ERR_get_error) && EDR_BIND(crypto, ERR_peek_error) &&
         EDR_BIND(crypto, ERR_clear_error) && EDR_BIND(crypto, ERR_error_string_n) &&

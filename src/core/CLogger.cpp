@@ -29,21 +29,6 @@ const char* levelName(CLogger::Level level)
     }
     return "?";
 }
-
-bool writeAll(int fd, const char* data, size_t len)
-{
-    while (len > 0) {
-        ssize_t n = ::write(fd, data, len);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        data += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
 } // namespace
 
 CLogger* CLogger::getInstance()
@@ -152,9 +137,9 @@ void CLogger::write(Level level, const char* origin, const int* err, const char*
         m_warnedStderr = true;
         const QByteArray warn =
             "edr-agent: cannot write " + QFile::encodeName(m_file.path()) + ", logging to stderr\n";
-        writeAll(STDERR_FILENO, warn.constData(), static_cast<size_t>(warn.size()));
+        RotatingFile::writeAll(STDERR_FILENO, warn.constData(), static_cast<size_t>(warn.size()));
     }
-    writeAll(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
+    RotatingFile::writeAll(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
     m_lastOnStderr = true;
 }
 

@@ -7,8 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
-bool writeAll(int fd, const char* data, size_t len)
+bool RotatingFile::writeAll(int fd, const char* data, size_t len)
 {
     while (len > 0) {
         const ssize_t n = ::write(fd, data, len);
@@ -22,7 +21,6 @@ bool writeAll(int fd, const char* data, size_t len)
     }
     return true;
 }
-} // namespace
 
 RotatingFile::RotatingFile(const QString& path) : m_path(path) {}
 

@@ -32,6 +32,9 @@ public:
     void sync();
     void close();
 
+    // write(2) until everything is out or a real error (EINTR retried).
+    static bool writeAll(int fd, const char* data, size_t len);
+
 private:
     bool ensureOpen();
     void rotate();

@@ -18,6 +18,10 @@ skip() { echo "SKIP: $*"; exit 77; }
 [ "$(id -u)" -eq 0 ] || skip "system tests need root"
 [ -x "$sandbox_tool" ] || skip "no systemd sandbox at $sandbox_tool"
 command -v dpkg-buildpackage >/dev/null || skip "dpkg-buildpackage missing (scripts/install-deps.sh)"
+# The package lands in this machine's /etc, /var/lib and package database, so
+# two checkouts testing at once would purge each other's install: take turns.
+exec 9>/run/lock/edr-agent-system-tests.lock
+flock -w 1800 9 || skip "another system test run held the lock for 30 minutes"
 if dpkg-query -W -f='${Status}' edr-agent 2>/dev/null | grep -q installed; then
   skip "edr-agent is installed on this machine; the system tests would purge it"
 fi
