@@ -1,15 +1,28 @@
-// End to end: the built agent against the reference console on loopback, and
-// `edr-agent report NAME` against what the daemon posted.
+// End to end: the built agent against the reference console on loopback,
+// over TLS with a throwaway CA.
 
+#include "comm/ApiManager.h"
+#include "comm/HttpManager.h"
+#include "core/EdrAgentConfig.h"
+#include "push/ServerSocketThread.h"
 #include "support/AgentProcess.h"
 #include "support/ConsoleProcess.h"
+#include "support/RecordingProxy.h"
+#include "support/TestCertificates.h"
+#include "support/TestSupport.h"
 
+#include <QElapsedTimer>
+#include <QFile>
 #include <QJsonArray>
-#include <QJsonDocument>
+#include <QSignalSpy>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <functional>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace edrtest;
@@ -24,92 +37,264 @@ QString header(const QJsonObject& request, const QString& name)
     return QString();
 }
 
-class AgentConsole : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (::getuid() != 0)
-            GTEST_SKIP() << "the daemon runs as root only";
-        ASSERT_TRUE(console.isRunning());
-        agent.writeServerIni(console.httpPort(), console.socketPort(), 0);
-    }
-    void TearDown() override
-    {
-        agent.signal(SIGTERM);
-        agent.waitForExit(10000);
-    }
-    ConsoleProcess console;
-    AgentProcess agent;
-};
+// Sends one command to the local listener; returns what came back.
+QByteArray sendToListener(int port, const QByteArray& command)
+{
+    LoopbackSocket client(LoopbackSocket::connectTo(port, 10000));
+    ::send(client.fd, command.constData(), static_cast<size_t>(command.size()), MSG_NOSIGNAL);
+    return LoopbackSocket::readSome(client.fd, 10000);
+}
+
+bool waitFor(const std::function<bool()>& condition, int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!condition() && clock.elapsed() < timeoutMs)
+        QThread::msleep(20);
+    return condition();
+}
+
+QByteArray tlsKeys(const QString& caFile, const QByteArray& pin)
+{
+    QByteArray keys = "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(caFile) + "\n";
+    if (!pin.isEmpty())
+        keys += "EDRPINNEDKEY=" + pin + "\n";
+    return keys;
+}
+
+QStringList tlsArgs(const TestCertificates& c, const QString& cert)
+{
+    return {QStringLiteral("--tls-cert"), cert, QStringLiteral("--tls-key"), c.serverKey};
+}
+
+unsigned modeOf(const QString& path)
+{
+    struct stat st {};
+    return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
 } // namespace
 
-TEST_F(AgentConsole, RegistersThenReportsWithItsToken)
+// One agent through registration, both command channels, a server-side close,
+// a stop, the one-shot commands and a restart, all over TLS through relays
+// that keep every byte: nothing may cross in clear.
+TEST(AgentConsole, FullLifecycleOverTls)
 {
+    if (::getuid() != 0)
+        GTEST_SKIP() << "the daemon runs as root only";
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    ConsoleProcess console(tlsArgs(*certs, certs->serverCert));
+    ASSERT_TRUE(console.isRunning());
+    RecordingProxy http(console.httpPort());
+    RecordingProxy socket(console.socketPort());
+    AgentProcess agent;
+    const int listenPort = LoopbackSocket::freePort();
+    agent.writeServerIni(http.port(), socket.port(), listenPort, tlsKeys(certs->caFile, certs->serverPin));
+    // A data directory left readable, holding a secret, and a policy to print.
+    const QString conf = agent.dataDir() + QStringLiteral("/agent.conf");
+    const QString copy = agent.dataDir() + QStringLiteral("/reports/old-request.json");
+    agent.writeFile(conf, "[Policy]\nKill=deny\nUpdate=later\n");
+    agent.writeFile(copy, "{\"token\":\"tok-1\"}");
+    const QStringList dirs{agent.dataDir(), agent.dataDir() + QStringLiteral("/reports")};
+    for (const QString& path : dirs + QStringList{conf, copy})
+        ::chmod(QFile::encodeName(path).constData(), 0755);
+
+    ASSERT_TRUE(agent.start({QStringLiteral("policy")}));
+    ASSERT_TRUE(agent.waitForExit(10000));
+    EXPECT_EQ(agent.exitCode(), 0);
+    const QByteArray policy = agent.standardOutput();
+    EXPECT_TRUE(policy.startsWith("Terminal=allow\nOsquery=allow\nKill=deny\n")) << policy.constData();
+    EXPECT_TRUE(policy.contains("Update=deny (unknown value \"later\")\n")) << policy.constData();
+
     ASSERT_TRUE(agent.start());
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 1, 30000)) << agent.log().constData();
     const QList<QJsonObject> registration = console.requests(QStringLiteral("machineInfo/registerAgent"));
     ASSERT_EQ(registration.size(), 1);
     EXPECT_TRUE(header(registration[0], QStringLiteral("Authorization")).isEmpty());
     EXPECT_EQ(registration[0].value(QStringLiteral("body")).toObject().value(QStringLiteral("agent_id")).toString().size(), 36);
-
     const QJsonObject info = console.requests(QStringLiteral("machineInfo/addMachineInfo")).first();
     const QString token = header(info, QStringLiteral("Authorization"));
     EXPECT_EQ(token.size(), 32);
+    EXPECT_EQ(EdrAgentConfig(conf).getAuthCode(), token);
     EXPECT_EQ(header(info, QStringLiteral("Cookie")), QStringLiteral("AspxAutoDetectCookieSupport=1"));
     EXPECT_EQ(info.value(QStringLiteral("body")).toObject().keys(),
               (QStringList{QStringLiteral("AgentVersion"), QStringLiteral("IpAddress")}));
+    EXPECT_TRUE(waitFor([&] { return modeOf(copy) == 0600u; }, 20000));
+    for (const QString& dir : dirs)
+        EXPECT_EQ(modeOf(dir), 0700u) << qPrintable(dir);
+    EXPECT_EQ(modeOf(conf), 0600u);
 
-    // `edr-agent report NAME` prints byte for byte what the daemon posted.
+    // The server connection: handshake with the token, an order.
+    const auto handshakeOf = [&](int i) {
+        const QJsonArray all = console.connections();
+        return i < all.size() ? all.at(i).toObject().value(QStringLiteral("handshake")).toString() : QString();
+    };
+    ASSERT_TRUE(waitFor([&] { return !handshakeOf(0).isEmpty(); }, 30000)) << agent.log().constData();
+    const QString handshake = handshakeOf(0);
+    EXPECT_TRUE(handshake.startsWith(QStringLiteral("Connect#$#$"))) << qPrintable(handshake);
+    EXPECT_TRUE(handshake.endsWith(QStringLiteral("#$#$") + token)) << qPrintable(handshake);
+    ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 20000));
+    QFile audit(agent.dataDir() + QStringLiteral("/audit.log"));
+    ASSERT_TRUE(waitFor([&] { return audit.exists(); }, 10000));
+    ASSERT_TRUE(audit.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(audit.readAll().startsWith(R"({"channel":"push","command":"RPT#$#$0#$#0","peer":"127.0.0.1","task":0,)"));
+
+    // A connection the server ends is made again after the pause.
+    console.admin("POST", "/admin/close-connections");
+    ASSERT_TRUE(agent.waitForLog("Lan Server Socket Closed! Sleeping for 10 seconds.", 20000));
+    ASSERT_TRUE(waitFor([&] { return console.connections().size() >= 2; }, 20000));
+    EXPECT_TRUE(console.connections().at(1).toObject().value(QStringLiteral("open")).toBool());
+
+    // The listener answers OK to anything, garbage included.
+    EXPECT_EQ(sendToListener(listenPort, QByteArray(5000, '\x01')), QByteArray("OK"));
+    EXPECT_EQ(sendToListener(listenPort, "RPT#$#x"), QByteArray("OK"));
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 3, 20000));
+    // A terminal order at its (scaled) limit is killed with its grandchild.
+    EXPECT_EQ(sendToListener(listenPort, "RPT#$#18#$#31|bash -c \"sleep 999.3125; true\""), QByteArray("OK"));
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("cmdAndPS/cmdOutput"), 1, 20000)) << agent.log().constData();
+    EXPECT_EQ(console.requests(QStringLiteral("cmdAndPS/cmdOutput")).at(0).value(QStringLiteral("body")).toObject().value(QStringLiteral("status")).toInt(), 1);
+    EXPECT_EQ(livingProcesses("sleep 999.3125"), 0);
+
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addInstallSoft"), 1, 60000));
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addStartupApps"), 1, 60000));
-    agent.signal(SIGTERM);
+    agent.signal(SIGHUP);
     ASSERT_TRUE(agent.waitForExit(10000));
-    const QPair<const char*, const char*> stable[] = {{"software", "machineInfo/addInstallSoft"},
-                                                      {"startup", "machineInfo/addStartupApps"}};
-    for (const auto& report : stable) {
-        AgentProcess command;
-        ASSERT_TRUE(command.start({QStringLiteral("report"), QLatin1String(report.first)}));
-        ASSERT_TRUE(command.waitForExit(60000));
-        EXPECT_EQ(command.exitCode(), 0) << report.first;
-        const QString posted = console.requests(QLatin1String(report.second)).first().value("raw_body").toString();
-        EXPECT_EQ(QString::fromUtf8(command.standardOutput()), posted + QLatin1Char('\n')) << report.first;
-    }
-    // Without ufw the daemon still posts an empty object, so that is the output; an unknown name is refused.
-    AgentProcess firewall, unknown;
-    firewall.setEnv(QStringLiteral("PATH"), QStringLiteral("/nonexistent"));
-    ASSERT_TRUE(firewall.start({QStringLiteral("report"), QStringLiteral("firewall")}));
-    ASSERT_TRUE(unknown.start({QStringLiteral("report"), QStringLiteral("registry")}));
-    ASSERT_TRUE(firewall.waitForExit(10000) && unknown.waitForExit(10000));
-    EXPECT_EQ(firewall.exitCode(), 0);
-    EXPECT_EQ(firewall.standardOutput(), "{}\n");
-    EXPECT_EQ(unknown.exitCode(), 1);
-    EXPECT_TRUE(unknown.standardOutput().isEmpty());
-    EXPECT_TRUE(unknown.standardError().contains("unknown report 'registry'"));
+    EXPECT_EQ(agent.exitCode(), 0) << agent.standardError().constData();
+    EXPECT_TRUE(agent.log().contains("void signal_handler(int) | Agent Service : hangup signal catched"));
+    EXPECT_EQ(modeOf(agent.logPath()), 0600u);
 
-    // A restart with the stored token does not register again.
+    // `edr-agent report NAME` prints byte for byte what the daemon posted;
+    // without ufw the daemon posts an empty object, so that is the output; an
+    // unknown name is refused.
+    const struct {
+        const char* name;
+        const char* route; // whose first body is the output; else `output`
+        QByteArray output;
+        int exitCode;
+        const char* error;
+    } reports[] = {{"software", "machineInfo/addInstallSoft", {}, 0, ""},
+                   {"startup", "machineInfo/addStartupApps", {}, 0, ""},
+                   {"firewall", nullptr, "{}\n", 0, ""},
+                   {"registry", nullptr, {}, 1, "unknown report 'registry'"}};
+    for (const auto& report : reports) {
+        AgentProcess command;
+        if (QByteArray(report.name) == "firewall")
+            command.setEnv(QStringLiteral("PATH"), QStringLiteral("/nonexistent"));
+        ASSERT_TRUE(command.start({QStringLiteral("report"), QLatin1String(report.name)}));
+        ASSERT_TRUE(command.waitForExit(60000));
+        EXPECT_EQ(command.exitCode(), report.exitCode) << report.name;
+        const QByteArray want =
+            report.route
+                ? console.requests(QLatin1String(report.route)).first().value("raw_body").toString().toUtf8() + '\n'
+                : report.output;
+        EXPECT_EQ(command.standardOutput(), want) << report.name;
+        EXPECT_TRUE(command.standardError().contains(report.error)) << report.name;
+    }
+
+    // A restart keeps its token, does not register again and binds its
+    // listener port at once although the last run's connections linger.
+    // Unscaled now: a terminal order's limit is 20 s, so a stop meets it running.
+    agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("1"));
+    const int infos = console.requests(QStringLiteral("machineInfo/addMachineInfo")).size();
     ASSERT_TRUE(agent.start());
-    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 30000));
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), infos + 1, 30000));
     EXPECT_EQ(console.requests(QStringLiteral("machineInfo/registerAgent")).size(), 1);
     EXPECT_EQ(header(console.requests(QStringLiteral("machineInfo/addMachineInfo")).last(), QStringLiteral("Authorization")), token);
+    EXPECT_EQ(sendToListener(listenPort, "MOD#$#AGENT_CONFIG_CHANGE"), QByteArray("OK"));
+    EXPECT_TRUE(agent.waitForLog("Agent Config!", 20000));
+    EXPECT_FALSE(agent.log().contains("bind Failed!"));
+    const QByteArray marker = "sleep 999." + QByteArray::number(::getpid()); // unique to this run
+    EXPECT_EQ(sendToListener(listenPort, "RPT#$#18#$#41|bash -c \"" + marker + "; true\""), QByteArray("OK"));
+    ASSERT_TRUE(waitFor([&] { return livingProcesses(marker) == 2; }, 20000)); // bash and its sleep
+    agent.signal(SIGTERM);
+    ASSERT_TRUE(agent.waitForExit(15000));
+    EXPECT_EQ(livingProcesses(marker), 0); // the whole process group ended
+    EXPECT_EQ(agent.exitCode(), 0);
+    EXPECT_TRUE(agent.log().contains("void signal_handler(int) | Agent Service : terminate signal catched"));
+
+    const QByteArray wire = http.recorded() + socket.recorded();
+    EXPECT_GT(wire.size(), 2000);
+    for (const QByteArray& clear : {token.toUtf8(), QByteArray("AgentVersion"), QByteArray("Connect#$#"),
+                                    QByteArray("RPT#$#"), QByteArray("keep-alive"), QByteArray("machineInfo/")})
+        EXPECT_FALSE(wire.contains(clear)) << clear.constData();
 }
 
-TEST(AgentConsoleFaults, RefusedRegistrationOpensNothingAndRetries)
+// Each server the agent must not trust: both channels refuse it with one
+// Error line naming why, and nothing of the request reaches it.
+TEST(Tls, UntrustedServersGetNothing)
 {
-    if (::getuid() != 0)
-        GTEST_SKIP() << "the daemon runs as root only";
-    ConsoleProcess console({QStringLiteral("--fault"), QStringLiteral("refuse")});
-    ASSERT_TRUE(console.isRunning());
-    AgentProcess agent;
-    agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("0.002"));
-    agent.writeServerIni(console.httpPort(), console.socketPort(), 0);
-    ASSERT_TRUE(agent.start());
-    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/registerAgent"), 3, 30000));
-    EXPECT_EQ(console.requests().size(), console.requests(QStringLiteral("machineInfo/registerAgent")).size());
-    EXPECT_TRUE(console.connections().isEmpty());
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    const QString garbageCa = certs->dir + QStringLiteral("/garbage.pem");
+    {
+        QFile f(garbageCa);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("-----BEGIN CERTIFICATE-----\nnot base64 at all\n-----END CERTIFICATE-----\n");
+    }
+    struct Case {
+        const char* name;
+        QString consoleCert; // empty: a plain console
+        QString caFile;
+        QByteArray pin;
+        const char* httpReason;
+        const char* pushReason;
+    };
+    const QString& good = certs->serverCert;
+    // clang-format off
+    const Case cases[] = {
+        {"wrong CA", good, certs->otherCaFile, {}, "unable to get local issuer certificate",
+         "unable to get local issuer certificate"},
+        {"wrong host name", certs->otherNameCert, certs->caFile, {}, "no alternative certificate subject name",
+         "IP address mismatch"},
+        {"expired certificate", certs->expiredCert, certs->caFile, {}, "certificate has expired",
+         "certificate has expired"},
+        {"wrong pin", good, certs->caFile, certs->otherPin, "does not match pinned public key",
+         "does not match EDRPINNEDKEY"},
+        {"plain server", {}, certs->caFile, {}, "wrong version number", "handshake timed out"},
+        {"garbage CA file", good, garbageCa, {}, "error setting certificate", "cannot load CA file"},
+        {"missing CA file", good, certs->dir + "/none.pem", {}, "error setting certificate", "cannot load CA file"},
+        {"pin in the wrong form", good, certs->caFile, "md5//AAAA", "is not sha256//<base64>",
+         "is not sha256//<base64>"},
+    };
+    // clang-format on
+    TimeScale scale(0.05); // bounds the handshake with the plain server
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ConsoleProcess console(c.consoleCert.isEmpty() ? QStringList() : tlsArgs(*certs, c.consoleCert));
+        ASSERT_TRUE(console.isRunning());
+        ScratchPrefix prefix;
+        prefix.pointAtServer(console.httpPort(), console.socketPort(), 0, tlsKeys(c.caFile, c.pin));
+        EdrAgentConfig().setAuthCode(QStringLiteral("tok-secret"));
+        HttpManager::getInstance()->setAuthorizationToke(QStringLiteral("tok-secret"));
 
-    console.admin("POST", "/admin/fault?mode=none");
-    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 1, 30000)) << agent.log().constData();
-    agent.signal(SIGTERM);
-    ASSERT_TRUE(agent.waitForExit(10000));
-    EXPECT_EQ(agent.exitCode(), 0);
+        QString response = QStringLiteral("untouched");
+        EXPECT_FALSE(HttpManager::getInstance()->sendDataToServer(
+            true, ApiManager::getAPI(AGENT_INFO), 3, {{QStringLiteral("data"), QStringLiteral("{\"a\":1}")}},
+            response));
+        HttpManager::getInstance()->setAuthorizationToke(QString());
+        EXPECT_EQ(response, QStringLiteral("untouched"));
+
+        ServerSocketThread thread;
+        thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
+        thread.setServerSocketPort(console.socketPort());
+        QSignalSpy closed(&thread, &ServerSocketThread::socketClosed);
+        thread.start();
+        ASSERT_TRUE(thread.wait(20000));
+        EXPECT_EQ(closed.count(), 1);
+        EXPECT_FALSE(thread.getLastConnectionStatus());
+
+        const QByteArray log = prefix.traceLog();
+        EXPECT_TRUE(log.contains(c.httpReason)) << log.constData();
+        EXPECT_TRUE(log.contains("TLS connection to 127.0.0.1:" + QByteArray::number(console.socketPort()) +
+                                 " refused: "))
+            << log.constData();
+        EXPECT_TRUE(log.contains(c.pushReason)) << log.constData();
+        EXPECT_FALSE(log.contains("Connected to server socket.")) << log.constData();
+        EXPECT_TRUE(console.requests().isEmpty());
+        const QJsonArray messages = console.socketMessages();
+        for (const QJsonValue& m : messages)
+            EXPECT_FALSE(
+                m.toObject().value(QStringLiteral("text")).toString().contains(QStringLiteral("tok-secret")));
+    }
 }

@@ -1,5 +1,5 @@
-// End to end: an outage of the console's HTTP API, with orders pushed and the
-// agent restarted meanwhile, then recovery.
+// End to end: a refused registration, then an outage of the console's HTTP
+// API with orders pushed and the agent restarted meanwhile, then recovery.
 
 #include "support/AgentProcess.h"
 #include "support/ConsoleProcess.h"
@@ -40,7 +40,8 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
 {
     if (::getuid() != 0)
         GTEST_SKIP() << "the daemon runs as root only";
-    ConsoleProcess console;
+    // Registration refused at first: retried, and nothing else opened meanwhile.
+    ConsoleProcess console({QStringLiteral("--fault"), QStringLiteral("refuse")});
     ASSERT_TRUE(console.isRunning());
     AgentProcess agent;
     // A 2 s tick: the default schedule's next agent-information run is 30 s
@@ -48,6 +49,10 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
     agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("0.034"));
     agent.writeServerIni(console.httpPort(), console.socketPort(), 0);
     ASSERT_TRUE(agent.start());
+    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/registerAgent"), 3, 30000));
+    EXPECT_EQ(console.requests().size(), console.requests(QStringLiteral("machineInfo/registerAgent")).size());
+    EXPECT_TRUE(console.connections().isEmpty());
+    console.admin("POST", "/admin/fault?mode=none");
     ASSERT_TRUE(agent.waitForLog("Connected to server socket.", 30000)) << agent.log().constData();
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addProcesses"), 1, 60000));
 
@@ -84,21 +89,21 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
 
     const QList<QJsonObject> all = console.requests();
     QMap<QString, QString> lastFailed; // report -> body of its last failed post
-    for (int i = outageStart; i < outageEnd; ++i)
-        if (all[i].value(QStringLiteral("route")).toString() != kResultRoute &&
-            all[i].value(QStringLiteral("method")).toString() == QLatin1String("POST"))
-            lastFailed[reportKey(all[i])] = all[i].value(QStringLiteral("raw_body")).toString();
-    ASSERT_GE(lastFailed.size(), 2) << "agent information and processes at least";
-
     QMap<QString, QStringList> delivered;
     QStringList results;
-    for (int i = outageEnd; i < all.size(); ++i) {
-        if (all[i].value(QStringLiteral("route")).toString() == kResultRoute)
-            results
-                << all[i].value(QStringLiteral("body")).toObject().value(QStringLiteral("_id")).toString();
-        else if (all[i].value(QStringLiteral("method")).toString() == QLatin1String("POST"))
-            delivered[reportKey(all[i])] << all[i].value(QStringLiteral("raw_body")).toString();
+    for (int i = outageStart; i < all.size(); ++i) {
+        const QString raw = all[i].value(QStringLiteral("raw_body")).toString();
+        if (all[i].value(QStringLiteral("route")).toString() == kResultRoute) {
+            if (i >= outageEnd)
+                results << all[i].value(QStringLiteral("body")).toObject().value(QStringLiteral("_id")).toString();
+        } else if (all[i].value(QStringLiteral("method")).toString() == QLatin1String("POST")) {
+            if (i < outageEnd)
+                lastFailed[reportKey(all[i])] = raw;
+            else
+                delivered[reportKey(all[i])] << raw;
+        }
     }
+    ASSERT_GE(lastFailed.size(), 2) << "agent information and processes at least";
     EXPECT_EQ(results, (QStringList{QStringLiteral("order-A"), QStringLiteral("order-B"),
                                     QStringLiteral("order-C"), QStringLiteral("order-D")}));
     EXPECT_EQ(delivered.keys(), lastFailed.keys());

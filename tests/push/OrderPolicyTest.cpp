@@ -1,7 +1,5 @@
 #include "push/OrderPolicy.h"
 
-#include "support/TestSupport.h"
-
 #include <gtest/gtest.h>
 
 TEST(OrderPolicy, EachOrderHasItsKeyAndNothingElseIsGoverned)
@@ -20,19 +18,4 @@ TEST(OrderPolicy, EachOrderHasItsKeyAndNothingElseIsGoverned)
     for (const auto& c : cases)
         EXPECT_EQ(OrderPolicy::keyFor(PushCommand::parse(QString::fromLatin1(c.message))), QLatin1String(c.key))
             << c.message;
-}
-
-TEST(OrderPolicy, UnsetAllowsAndUnknownValuesDeny)
-{
-    edrtest::ScratchPrefix prefix;
-    EdrAgentConfig config;
-    config.setSetting(QStringLiteral("Policy/Kill"), QStringLiteral(" DENY "));
-    config.setSetting(QStringLiteral("Policy/Firewall"), QStringLiteral("Allow"));
-    config.setSetting(QStringLiteral("Policy/Update"), QStringLiteral("no"));
-    const OrderPolicy policy(config);
-    EXPECT_FALSE(policy.allows(QStringLiteral("Kill")));
-    EXPECT_TRUE(policy.allows(QStringLiteral("Firewall")));
-    EXPECT_TRUE(policy.allows(QStringLiteral("Terminal"))); // unset: allowed
-    EXPECT_FALSE(policy.allows(QStringLiteral("Update")));
-    EXPECT_TRUE(prefix.traceLog().contains("Policy Update has the unknown value 'no'; treated as deny"));
 }

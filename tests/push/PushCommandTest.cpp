@@ -11,26 +11,16 @@ TEST(PushCommand, ParsesTheCommandTable)
         int task;
         const char* parameter;
     } cases[] = {
-        {"RPT#$#$7#$#0", K::Report, 7, ""},
-        {"RPT#$#7", K::Report, 7, ""},
-        {"RPT#$#$7#$#$0", K::Report, 7, ""},
-        {"RPT#$#$3#$#$$x|y", K::Report, 3, "$x|y"},
-        {"RPT#$#x", K::Report, 0, ""},
-        {"RPT#$#99999999999999999999", K::Report, 0, ""},
-        {"RPT#$##$#", K::Report, 0, ""},
-        {"ACT#$#22#$#$enable", K::Action, 22, "$enable"},
-        {"ACT#$#$3#$#1|42|r", K::Action, 0, "1|42|r"},
-        {"ACT#$#3#$#0", K::Action, 3, ""},
-        {"MOD#$#AGENT_CONFIG_CHANGE#$#whatever", K::ConfigChange, 0, ""},
-        {"UPD#$#AGENT", K::Update, 0, ""},
-        {"RESET#$#TRACE_LOG", K::ResetTraceLog, 0, ""},
-        {"MOD#$#agent_config_change", K::Ignored, 0, ""},
-        {"RESET#$#trace_log", K::Ignored, 0, ""},
-        {"rpt#$#0", K::Ignored, 0, ""},
-        {"keep-alive", K::Ignored, 0, ""},
-        {"", K::Ignored, 0, ""},
-        {"RPT", K::TooShort, 0, ""},
-        {"RESET", K::TooShort, 0, ""},
+        {"RPT#$#$7#$#0", K::Report, 7, ""}, {"RPT#$#7", K::Report, 7, ""},
+        {"RPT#$#$7#$#$0", K::Report, 7, ""}, {"RPT#$#$3#$#$$x|y", K::Report, 3, "$x|y"},
+        {"RPT#$#x", K::Report, 0, ""}, {"RPT#$#99999999999999999999", K::Report, 0, ""},
+        {"RPT#$##$#", K::Report, 0, ""}, {"ACT#$#22#$#$enable", K::Action, 22, "$enable"},
+        {"ACT#$#$3#$#1|42|r", K::Action, 0, "1|42|r"}, {"ACT#$#3#$#0", K::Action, 3, ""},
+        {"MOD#$#AGENT_CONFIG_CHANGE#$#whatever", K::ConfigChange, 0, ""}, {"UPD#$#AGENT", K::Update, 0, ""},
+        {"RESET#$#TRACE_LOG", K::ResetTraceLog, 0, ""}, {"MOD#$#agent_config_change", K::Ignored, 0, ""},
+        {"RESET#$#trace_log", K::Ignored, 0, ""}, {"rpt#$#0", K::Ignored, 0, ""},
+        {"keep-alive", K::Ignored, 0, ""}, {"", K::Ignored, 0, ""},
+        {"RPT", K::TooShort, 0, ""}, {"RESET", K::TooShort, 0, ""},
     };
     for (const auto& c : cases) {
         const PushCommand command = PushCommand::parse(QString::fromUtf8(c.message));

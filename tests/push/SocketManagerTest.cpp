@@ -52,7 +52,7 @@ protected:
 };
 } // namespace
 
-TEST_F(SocketManagerTest, ReportCommandsReachTheDispatcherAndShortOnesAreLogged)
+TEST_F(SocketManagerTest, DispatchesReportsConfigChangeAndUpdate)
 {
     manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#$0#$#0"));
     manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#x"));
@@ -62,13 +62,12 @@ TEST_F(SocketManagerTest, ReportCommandsReachTheDispatcherAndShortOnesAreLogged)
     EXPECT_EQ(server.requests().size(), 2);
     EXPECT_TRUE(prefix.traceLog().contains("Ignored RPT command without a subject"));
     EXPECT_EQ(prefix.traceLog().count("command for unknown task"), 3); // 25, -1, 4096
-}
 
-TEST_F(SocketManagerTest, ConfigChangeDownloadsTheScheduleAndUpdateStartsTheScript)
-{
+    // A configuration change downloads the schedule; an update starts the script.
     server.setReply({200, "<AgentInfo><Interval>7</Interval></AgentInfo>", "application/xml"});
     manager->processCommand(QString(), QStringLiteral("MOD#$#AGENT_CONFIG_CHANGE#$#ignored"));
     ASSERT_EQ(requestsTo("settings/getConfigFile").size(), 1);
+    EXPECT_EQ(server.requests().size(), 3);
     EXPECT_TRUE(prefix.traceLog().contains("Successfully Downloaded Updated Agent Config!"));
 
     const QString marker = prefix.path() + QStringLiteral("/updater-ran");
@@ -83,43 +82,6 @@ TEST_F(SocketManagerTest, ConfigChangeDownloadsTheScheduleAndUpdateStartsTheScri
     while (!QFile::exists(marker) && clock.elapsed() < 10000)
         QThread::msleep(20);
     EXPECT_TRUE(QFile::exists(marker));
-}
-
-TEST_F(SocketManagerTest, ActionCommandKillsAndPostsItsResult)
-{
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::execlp("sleep", "sleep", "100", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    manager->processCommand(QString(), QStringLiteral("ACT#$#3#$#1|%1|req-42").arg(child));
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-    const QList<RecordedRequest> results = requestsTo("settings/InvSettingsOutput");
-    ASSERT_EQ(results.size(), 1);
-    const QJsonObject result = QJsonDocument::fromJson(results.first().body).object();
-    EXPECT_EQ(result.value(QStringLiteral("_id")).toString(), QStringLiteral("req-42"));
-    EXPECT_EQ(result.value(QStringLiteral("status")).toInt(), 0);
-    EXPECT_EQ(result.value(QStringLiteral("message")).toString(), QStringLiteral("Successfully Killed %s!"));
-
-    // "ACT" strips no "$": a kill target of "$1" is no process id.
-    manager->processCommand(QString(), QStringLiteral("ACT#$#3#$#1|$%1|req-43").arg(::getpid()));
-    const QJsonObject refused =
-        QJsonDocument::fromJson(requestsTo("settings/InvSettingsOutput").last().body).object();
-    EXPECT_EQ(refused.value(QStringLiteral("status")).toInt(), 1);
-}
-
-TEST_F(SocketManagerTest, TraceLogResetAndItsFailure)
-{
-    EDR_LOG->Info("test", "something to delete");
-    manager->processCommand(QString(), QStringLiteral("RESET#$#TRACE_LOG"));
-    EXPECT_FALSE(prefix.traceLog().contains("something to delete"));
-    EXPECT_TRUE(prefix.traceLog().contains("Successfully Deleted Trace Log!"));
-    ASSERT_TRUE(QFile::remove(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log")));
-    manager->processCommand(QString(), QStringLiteral("RESET#$#TRACE_LOG"));
-    EXPECT_TRUE(prefix.traceLog().contains("Failed to Delete Trace Log!"));
 }
 
 TEST_F(SocketManagerTest, ReconnectPauseLeavesTheEventLoopRunning)
@@ -164,24 +126,12 @@ TEST(SocketManagerSend, SendsRawTextCutToItsBuffer)
     EXPECT_EQ(received, QByteArray(4095, 'a')); // the text and its terminator fit 4096 bytes
 }
 
-namespace {
-QList<QJsonObject> auditRecords()
-{
-    QFile file(Common::getEdrDirPath() + QStringLiteral("/audit.log"));
-    QList<QJsonObject> out;
-    if (!file.open(QIODevice::ReadOnly))
-        return out;
-    for (const QByteArray& line : file.readAll().split('\n'))
-        if (!line.isEmpty())
-            out << QJsonDocument::fromJson(line).object();
-    return out;
-}
-} // namespace
-
-TEST_F(SocketManagerTest, PolicyRefusesOrdersAndEveryCommandIsAudited)
+// Orders the policy refuses run nothing and post a failure; once allowed
+// (the policy is read at every order) they run. Every command is audited.
+TEST_F(SocketManagerTest, PolicyGovernsOrdersAndEveryCommandIsAudited)
 {
     EdrAgentConfig config;
-    config.setSetting(QStringLiteral("Policy/Kill"), QStringLiteral("deny"));
+    config.setSetting(QStringLiteral("Policy/Kill"), QStringLiteral(" DENY "));
     config.setSetting(QStringLiteral("Policy/Update"), QStringLiteral("Deny"));
     config.setSetting(QStringLiteral("Policy/TraceLogReset"), QStringLiteral("deny"));
     config.setSetting(QStringLiteral("Policy/Terminal"), QStringLiteral("maybe"));
@@ -208,8 +158,6 @@ TEST_F(SocketManagerTest, PolicyRefusesOrdersAndEveryCommandIsAudited)
     manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#18#$#t1|ls"));
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, WNOHANG), 0);
-    ::kill(child, SIGKILL);
-    ::waitpid(child, &status, 0);
 
     const QByteArray log = prefix.traceLog();
     EXPECT_TRUE(log.contains("kept by the refused reset"));
@@ -217,23 +165,37 @@ TEST_F(SocketManagerTest, PolicyRefusesOrdersAndEveryCommandIsAudited)
     for (const char* key : {"Kill", "Update", "TraceLogReset", "Terminal"})
         EXPECT_TRUE(log.contains(QByteArray("refused: policy ") + key + " does not allow it")) << key;
     EXPECT_TRUE(log.contains("Policy Terminal has the unknown value 'maybe'; treated as deny"));
-    const QList<RecordedRequest> results = server.requests();
-    ASSERT_EQ(results.size(), 2);
-    EXPECT_EQ(QJsonDocument::fromJson(results.at(0).body).object(),
+    EXPECT_EQ(log.count("has the unknown value"), 1); // " DENY " and "Deny" are known
+    ASSERT_EQ(server.requests().size(), 2);
+    EXPECT_EQ(QJsonDocument::fromJson(server.requests().at(0).body).object(),
               QJsonObject({{"_id", "req-1"}, {"status", 1}, {"message", "Failed to Kill %s!"}}));
-    EXPECT_EQ(QJsonDocument::fromJson(results.at(1).body).object(),
+    EXPECT_EQ(QJsonDocument::fromJson(server.requests().at(1).body).object(),
               QJsonObject({{"_id", "t1"}, {"cmd", "ls"}, {"status", 1}, {"Error", 0}}));
 
-    // The policy is read at every order; the audit log outlives a reset.
+    config.setSetting(QStringLiteral("Policy/Kill"), QStringLiteral("Allow"));
     config.setSetting(QStringLiteral("Policy/TraceLogReset"), QStringLiteral("allow"));
+    const QString kill2 = QStringLiteral("ACT#$#3#$#1|%1|req-2").arg(child);
+    manager->processCommand(QStringLiteral("192.0.2.1"), kill2, AuditLog::Push);
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_EQ(QJsonDocument::fromJson(server.requests().last().body).object(),
+              QJsonObject({{"_id", "req-2"}, {"status", 0}, {"message", "Successfully Killed %s!"}}));
+    // "ACT" strips no "$": a kill target of "$1" is no process id.
+    const QString kill3 = QStringLiteral("ACT#$#3#$#1|$%1|req-3").arg(::getpid());
+    manager->processCommand(QStringLiteral("127.0.0.1"), kill3);
+    EXPECT_EQ(QJsonDocument::fromJson(server.requests().last().body).object().value("status").toInt(), 1);
     manager->processCommand(QStringLiteral("10.0.0.5"), QStringLiteral("RPT#$#$0#$#0"), AuditLog::Push);
     EXPECT_TRUE(auditSeenByServer.endsWith("\"outcome\":\"pending\"     }\n")) << auditSeenByServer.constData();
     manager->processCommand(QStringLiteral("10.0.0.5"), QStringLiteral("keep-alive"), AuditLog::Push);
-    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT"));
-    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("hello"));
-    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#5"));
-    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RESET#$#TRACE_LOG"));
+    for (const char* command : {"RPT", "hello", "RPT#$#5", "RESET#$#TRACE_LOG"})
+        manager->processCommand(QStringLiteral("127.0.0.1"), QString::fromLatin1(command));
+    // The reset cleared the trace log; the audit log outlives it. A trace log
+    // that cannot be deleted fails the reset.
     EXPECT_FALSE(prefix.traceLog().contains("kept by the refused reset"));
+    EXPECT_TRUE(prefix.traceLog().contains("Successfully Deleted Trace Log!"));
+    ASSERT_TRUE(QFile::remove(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log")));
+    manager->processCommand(QStringLiteral("127.0.0.1"), QStringLiteral("RESET#$#TRACE_LOG"));
+    EXPECT_TRUE(prefix.traceLog().contains("Failed to Delete Trace Log!"));
 
     const struct {
         const char* channel;
@@ -246,18 +208,24 @@ TEST_F(SocketManagerTest, PolicyRefusesOrdersAndEveryCommandIsAudited)
         {"listener", "127.0.0.1", QStringLiteral("UPD#$#AGENT"), QJsonValue::Null, "denied"},
         {"listener", "127.0.0.1", QStringLiteral("RESET#$#TRACE_LOG"), QJsonValue::Null, "denied"},
         {"listener", "127.0.0.1", QStringLiteral("RPT#$#18#$#t1|ls"), 18, "denied"},
+        {"push", "192.0.2.1", kill2, 3, "done"},
+        {"listener", "127.0.0.1", kill3, 3, "done"}, // its failure was reported
         {"push", "10.0.0.5", QStringLiteral("RPT#$#$0#$#0"), 0, "done"},
         {"listener", "127.0.0.1", QStringLiteral("RPT"), QJsonValue::Null, "malformed"},
         {"listener", "127.0.0.1", QStringLiteral("hello"), QJsonValue::Null, "malformed"},
         {"listener", "127.0.0.1", QStringLiteral("RPT#$#5"), 5, "failed"},
         {"listener", "127.0.0.1", QStringLiteral("RESET#$#TRACE_LOG"), QJsonValue::Null, "done"},
+        {"listener", "127.0.0.1", QStringLiteral("RESET#$#TRACE_LOG"), QJsonValue::Null, "failed"},
     };
-    const QList<QJsonObject> records = auditRecords();
+    QFile file(Common::getEdrDirPath() + QStringLiteral("/audit.log"));
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QList<QByteArray> records = file.readAll().trimmed().split('\n');
     ASSERT_EQ(records.size(), static_cast<int>(std::size(expected)));
     for (int i = 0; i < records.size(); ++i) {
         const auto& e = expected[i];
+        const QJsonObject record = QJsonDocument::fromJson(records[i]).object();
         const QJsonObject want{{"channel", e.channel}, {"peer", e.peer}, {"command", e.command},
-                               {"task", e.task},       {"outcome", e.outcome}, {"time", records[i]["time"]}};
-        EXPECT_EQ(records[i], want) << i;
+                               {"task", e.task},       {"outcome", e.outcome}, {"time", record["time"]}};
+        EXPECT_EQ(record, want) << records[i].constData();
     }
 }
