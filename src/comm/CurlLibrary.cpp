@@ -20,20 +20,13 @@ void load()
         return;
     }
     CurlLibrary& l = g_library;
-    const bool ok = bindSymbol(handle, "curl_global_init", l.global_init, g_error) &&
-                    bindSymbol(handle, "curl_easy_init", l.easy_init, g_error) &&
-                    bindSymbol(handle, "curl_easy_setopt", l.easy_setopt, g_error) &&
-                    bindSymbol(handle, "curl_easy_perform", l.easy_perform, g_error) &&
-                    bindSymbol(handle, "curl_easy_cleanup", l.easy_cleanup, g_error) &&
-                    bindSymbol(handle, "curl_slist_append", l.slist_append, g_error) &&
-                    bindSymbol(handle, "curl_slist_free_all", l.slist_free_all, g_error) &&
-                    bindSymbol(handle, "curl_mime_init", l.mime_init, g_error) &&
-                    bindSymbol(handle, "curl_mime_addpart", l.mime_addpart, g_error) &&
-                    bindSymbol(handle, "curl_mime_name", l.mime_name, g_error) &&
-                    bindSymbol(handle, "curl_mime_data", l.mime_data, g_error) &&
-                    bindSymbol(handle, "curl_mime_filedata", l.mime_filedata, g_error) &&
-                    bindSymbol(handle, "curl_mime_free", l.mime_free, g_error) &&
-                    bindSymbol(handle, "curl_easy_getinfo", l.easy_getinfo, g_error);
+#define EDR_BIND(name) bindSymbol(handle, "curl_" #name, l.name, g_error)
+    const bool ok = EDR_BIND(global_init) && EDR_BIND(easy_init) && EDR_BIND(easy_setopt) &&
+                    EDR_BIND(easy_perform) && EDR_BIND(easy_cleanup) && EDR_BIND(slist_append) &&
+                    EDR_BIND(slist_free_all) && EDR_BIND(mime_init) && EDR_BIND(mime_addpart) &&
+                    EDR_BIND(mime_name) && EDR_BIND(mime_data) && EDR_BIND(mime_filedata) &&
+                    EDR_BIND(mime_free) && EDR_BIND(easy_getinfo);
+#undef EDR_BIND
     if (!ok)
         return;
     if (l.global_init(CURL_GLOBAL_ALL) != CURLE_OK) {
