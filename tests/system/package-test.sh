@@ -33,7 +33,7 @@ console_pid=""; sandbox=""
 failures=0
 pass() { echo "ok - $*"; }
 fail() { echo "FAIL - $*"; failures=$((failures + 1)); }
-check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
+check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; return 1; fi; }
 in_sandbox() { "$sandbox_tool" run "$sandbox" "$@"; }
 
 # Polls CMD every 0.2 s for up to SECONDS seconds.
@@ -84,7 +84,11 @@ listen_port=$(( 20000 + RANDOM % 20000 ))
 
 count() { ls "$work/console/reports/"*"-${1//\//_}.json" 2>/dev/null | wc -l; }
 at_least() { [ "$(count "$1")" -ge "$2" ]; }
-errors() { log | grep -c ' ERROR \['; }
+# Error lines since the install: a log left behind by an interrupted earlier
+# run (or kept by `apt remove`) must not count.
+new_log() { log | tail -n +$((log_base + 1)); }
+errors() { new_log | grep -c ' ERROR \['; }
+said_no_address() { new_log | grep -q "No server address"; }
 log() { cat /var/lib/edr-agent/EDR_Track.log 2>/dev/null; }
 unit_is() { [ "$(in_sandbox systemctl "$1" "$2" 2>/dev/null)" = "$3" ]; }
 main_pid() { in_sandbox systemctl show -p MainPID --value edr-agent; }
@@ -127,6 +131,7 @@ fi
 has_result() { action_result "$1" >/dev/null; }
 
 # --- install: enabled and started, waiting for an address
+log_base=$(log | wc -l)
 in_sandbox dpkg -i "$deb" >"$work/install.log" 2>&1
 check "package installs" grep -q 'install ok installed' <(dpkg-query -W -f='${Status}' edr-agent 2>/dev/null)
 check "unit enabled on install" unit_is is-enabled edr-agent enabled
@@ -134,8 +139,9 @@ check "unit active on install" wait_for 10 unit_is is-active edr-agent active
 check "data directory is 0700" test "$(stat -c %a /var/lib/edr-agent)" = 700
 check "/opt/edr-agent exists" test -d /opt/edr-agent
 check "serverip.ini is a conffile" grep -qx /etc/edr-agent/serverip.ini /var/lib/dpkg/info/edr-agent.conffiles
-wait_for 10 sh -c 'grep -qs "No server address" /var/lib/edr-agent/EDR_Track.log'
-check "no address: one Error line" test "$(errors)" = 1
+wait_for 10 said_no_address
+check "no address: one Error line" test "$(errors)" = 1 ||
+  { new_log | grep ' ERROR \['; in_sandbox systemctl status --no-pager edr-agent | head -n 12; } >&2
 sleep 1
 check "no address: still one Error line a second later, no spinning" test "$(errors)" = 1
 t=$(stop_ms); check "stop while waiting for an address takes $t ms (<= 3000)" test "$t" -le 3000
