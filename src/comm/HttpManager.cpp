@@ -133,13 +133,6 @@ QString HttpManager::authorizationToken() const
     return m_token;
 }
 
-size_t HttpManager::write_CallbackFunc_StdString(void* data, size_t size, size_t nmemb, std::string* out)
-{
-    const size_t total = size * nmemb;
-    out->append(static_cast<const char*>(data), total);
-    return total;
-}
-
 QString HttpManager::requestCopyPath(const QString& url)
 {
     const int slash = url.lastIndexOf(QLatin1Char('/'));

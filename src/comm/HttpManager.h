@@ -5,7 +5,6 @@
 #include <QMutex>
 #include <QString>
 
-#include <string>
 
 // Every request to the server's HTTP API goes through here (libcurl, one easy
 // handle per request). Body modes: 1 form, 2 multipart, 3 JSON, other none.
@@ -39,8 +38,6 @@ public:
 
     bool checkPort(const char* ip, int port);
     bool isServerReachable(const QString& ip, int port);
-
-    static size_t write_CallbackFunc_StdString(void* data, size_t size, size_t nmemb, std::string* out);
 
     static constexpr qint64 kMaxReplyBytes = 4 * 1024 * 1024;
 
