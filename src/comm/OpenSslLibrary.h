@@ -40,6 +40,7 @@ struct OpenSslLibrary {
     const EVP_MD* (*EVP_sha256)();
     int (*EVP_Digest)(const void*, size_t, unsigned char*, unsigned int*, const EVP_MD*, ENGINE*);
     void (*CRYPTO_free)(void*, const char*, int);
+    void (*OPENSSL_thread_stop)();
 
     // Loaded once per process; null when it cannot be (the reason is in error()).
     static const OpenSslLibrary* get();

@@ -1,5 +1,7 @@
 #include "push/ServerSocketThread.h"
 
+#include "comm/OpenSslLibrary.h"
+
 #include "core/CLogger.h"
 #include "core/Common.h"
 #include "identity/AgentDetails.h"
@@ -57,6 +59,12 @@ void ServerSocketThread::run()
 void ServerSocketThread::startSocket()
 {
     connectToServerSocket();
+    // OpenSSL frees this thread's state from a thread-exit hook, which may run
+    // after a waiting stop has already returned and the process has ended:
+    // free it here, while the thread is still ours.
+    if (m_usedTls)
+        if (const OpenSslLibrary* api = OpenSslLibrary::get())
+            api->OPENSSL_thread_stop();
     emit socketClosed();
 }
 
@@ -87,6 +95,7 @@ bool ServerSocketThread::startTls(int fd)
     const TlsSettings settings = TlsSettings::current();
     if (!settings.enabled)
         return true;
+    m_usedTls = true;
     auto channel = std::make_unique<TlsChannel>();
     const int limitMs = qMax(kTlsHandshakeFloorMs, Common::scaledMs(kTlsHandshakeTimeoutMs));
     if (!channel->connect(fd, settings, m_serverIp, m_wait, limitMs)) {

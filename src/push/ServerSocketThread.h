@@ -63,4 +63,5 @@ private:
     EdrAgentConfig m_config;
     StoppableWait m_wait;
     std::unique_ptr<TlsChannel> m_tls; // this run's TLS stream, null in clear
+    bool m_usedTls = false;            // OpenSSL holds state for this thread
 };
