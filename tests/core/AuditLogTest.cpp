@@ -1,14 +1,12 @@
 #include "core/AuditLog.h"
+#include "core/HostPaths.h"
 
-#include <QDir>
-#include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-
-#include <sys/stat.h>
 
 namespace {
 QJsonObject parse(const QByteArray& line)
@@ -19,13 +17,13 @@ QJsonObject parse(const QByteArray& line)
     return object;
 }
 
-QList<QByteArray> lines(const QString& path)
+// The outcome of each record in an audit file, oldest first.
+QStringList outcomes(const QString& path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    QList<QByteArray> out = file.readAll().split('\n');
-    out.removeAll(QByteArray());
+    QStringList out;
+    for (const QByteArray& line : HostPaths::readFile(path).split('\n'))
+        if (!line.isEmpty())
+            out << parse(line)["outcome"].toString();
     return out;
 }
 } // namespace
@@ -33,8 +31,7 @@ QList<QByteArray> lines(const QString& path)
 TEST(AuditLog, RecordFieldsTimeAndCutCommands)
 {
     const QDateTime when(QDate(2026, 3, 4), QTime(5, 6, 7, 89), Qt::OffsetFromUTC, -(3 * 3600 + 30 * 60));
-    const QByteArray line = AuditLog::recordHead(when, AuditLog::Push, QStringLiteral("10.0.0.1"),
-                                                 QStringLiteral("RPT#$#18#$#1|echo \"hi\""), 18) +
+    const QByteArray line = AuditLog::recordHead(when, AuditLog::Push, "10.0.0.1", "RPT#$#18#$#1|echo \"hi\"", 18) +
                             AuditLog::recordTail(AuditLog::RefusedPeer);
     EXPECT_TRUE(line.endsWith("\"outcome\":\"refused-peer\"}\n")) << line.constData();
     EXPECT_EQ(parse(line), QJsonObject({{"time", "2026-03-04T05:06:07.089-03:30"},
@@ -50,9 +47,9 @@ TEST(AuditLog, RecordFieldsTimeAndCutCommands)
         int keptBytes;
         bool cut;
     } cases[] = {
-        {QString(4096, QLatin1Char('a')), 4096, false},
-        {QString(4095, QLatin1Char('a')) + QStringLiteral("\u00e9"), 4095, true},
-        {QStringLiteral("a") + QString(2048, QChar(0xe9)), 4095, true},
+        {QString(4096, 'a'), 4096, false},
+        {QString(4095, 'a') + QChar(0xe9), 4095, true},
+        {'a' + QString(2048, QChar(0xe9)), 4095, true},
     };
     for (const auto& c : cases) {
         const QJsonObject record = parse(AuditLog::recordHead(QDateTime::currentDateTime(), AuditLog::Listener,
@@ -68,34 +65,26 @@ TEST(AuditLog, RecordFieldsTimeAndCutCommands)
 TEST(AuditLog, PendingLineIsCompletedInPlaceOrAfterARotation)
 {
     QTemporaryDir dir;
-    const QString path = dir.path() + QStringLiteral("/audit.log");
+    const QString path = dir.path() + "/audit.log";
     AuditLog* audit = AuditLog::getInstance();
     audit->setFilePath(path);
 
-    const AuditLog::Entry first = audit->begin(AuditLog::Push, QStringLiteral("p"), QStringLiteral("RPT#$#7"), 7);
-    ASSERT_EQ(lines(path).size(), 1);
-    EXPECT_EQ(parse(lines(path).at(0))["outcome"].toString(), QStringLiteral("pending")); // what a crash would leave
-    audit->record(AuditLog::Listener, QStringLiteral("q"), QString(), std::nullopt, AuditLog::RefusedPeer);
+    const AuditLog::Entry first = audit->begin(AuditLog::Push, "p", "RPT#$#7", 7);
+    EXPECT_EQ(outcomes(path), QStringList{"pending"}); // what a crash would leave
+    audit->record(AuditLog::Listener, "q", QString(), std::nullopt, AuditLog::RefusedPeer);
     audit->finish(first, AuditLog::Failed);
-    QList<QByteArray> got = lines(path);
-    ASSERT_EQ(got.size(), 2);
-    EXPECT_EQ(parse(got.at(0))["outcome"].toString(), QStringLiteral("failed"));
-    EXPECT_EQ(parse(got.at(1))["outcome"].toString(), QStringLiteral("refused-peer"));
-    struct stat st {};
-    ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(outcomes(path), (QStringList{"failed", "refused-peer"}));
+    EXPECT_EQ(QFileInfo(path).permissions(), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
 
-    // The pending line rotates away: the outcome comes as a whole new line.
-    const AuditLog::Entry second = audit->begin(AuditLog::Push, QStringLiteral("p"), QStringLiteral("MOD"), {});
+    // The pending line rotates away (twice): the outcome comes as a whole new line.
+    const AuditLog::Entry second = audit->begin(AuditLog::Push, "p", "MOD", {});
     audit->setRotation(1, 2);
-    audit->record(AuditLog::Push, QStringLiteral("p"), QStringLiteral("x"), std::nullopt, AuditLog::Malformed);
+    audit->record(AuditLog::Push, "p", "x", std::nullopt, AuditLog::Malformed);
     audit->finish(second, AuditLog::Done);
-    got = lines(path);
-    ASSERT_EQ(got.size(), 1); // rotated again before the outcome line
-    EXPECT_EQ(parse(lines(path + QStringLiteral(".1")).at(0))["outcome"].toString(), QStringLiteral("malformed"));
-    EXPECT_EQ(parse(got.at(0))["command"].toString(), QStringLiteral("MOD"));
-    EXPECT_EQ(parse(got.at(0))["outcome"].toString(), QStringLiteral("done"));
-    EXPECT_EQ(parse(lines(path + QStringLiteral(".2")).last())["outcome"].toString(), QStringLiteral("pending"));
+    EXPECT_EQ(outcomes(path + ".2"), (QStringList{"failed", "refused-peer", "pending"}));
+    EXPECT_EQ(outcomes(path + ".1"), QStringList{"malformed"});
+    EXPECT_EQ(outcomes(path), QStringList{"done"});
+    EXPECT_EQ(parse(HostPaths::readFile(path))["command"], "MOD");
 
     audit->setRotation(10 * 1024 * 1024, 3);
     audit->setFilePath(QString());

@@ -1,13 +1,12 @@
 #include "core/CLogger.h"
+#include "core/HostPaths.h"
 
-#include <QDir>
-#include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <thread>
 #include <vector>
 
@@ -19,9 +18,6 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(dir.isValid());
-        path = dir.path() + QStringLiteral("/EDR_Track.log");
-        previous = EDR_LOG->filePath();
-        previousLevel = EDR_LOG->level();
         EDR_LOG->setFilePath(path);
         EDR_LOG->setLevel(CLogger::LEVEL_TRACE);
     }
@@ -31,16 +27,14 @@ protected:
         EDR_LOG->setLevel(previousLevel);
         EDR_LOG->setFilePath(previous);
     }
-    QStringList lines(const QString& file) const
+    static QStringList lines(const QString& file)
     {
-        QFile f(file);
-        if (!f.open(QIODevice::ReadOnly))
-            return {};
-        return QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        return QString::fromUtf8(HostPaths::readFile(file)).split('\n', Qt::SkipEmptyParts);
     }
     QTemporaryDir dir;
-    QString path, previous;
-    CLogger::Level previousLevel = CLogger::LEVEL_INFO;
+    const QString path = dir.path() + "/EDR_Track.log";
+    const QString previous = EDR_LOG->filePath();
+    const CLogger::Level previousLevel = EDR_LOG->level();
 };
 } // namespace
 
@@ -56,21 +50,17 @@ TEST_F(LoggerTest, LineFormatThresholdModeAndRecreation)
     const QRegularExpression info(QStringLiteral(
         R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} INFO \[\d+\] bool HttpManager::send\(int\) \| sent 3 of x$)"));
     EXPECT_TRUE(info.match(got[0]).hasMatch()) << qPrintable(got[0]);
-    EXPECT_TRUE(got[1].contains(QStringLiteral(" ERROR [")));
-    EXPECT_TRUE(got[1].endsWith(QStringLiteral("| Failed to open a (errno 2: No such file or directory)")))
-        << qPrintable(got[1]);
-    struct stat st {};
-    ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_TRUE(got[1].contains(" ERROR ["));
+    EXPECT_TRUE(got[1].endsWith("| Failed to open a (errno 2: No such file or directory)")) << qPrintable(got[1]);
+    EXPECT_EQ(QFileInfo(path).permissions(), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
 
     ASSERT_TRUE(QFile::remove(path));
     EDR_LOG->Info("o", "after");
     EXPECT_EQ(lines(path).size(), 1);
 
-    CLogger::Level level;
-    EXPECT_TRUE(CLogger::parseLevel(QStringLiteral("DEBUG"), &level));
-    EXPECT_EQ(level, CLogger::LEVEL_DEBUG);
-    EXPECT_FALSE(CLogger::parseLevel(QStringLiteral("verbose"), &level));
+    CLogger::Level level = CLogger::LEVEL_INFO;
+    EXPECT_TRUE(CLogger::parseLevel("DEBUG", &level) && level == CLogger::LEVEL_DEBUG);
+    EXPECT_FALSE(CLogger::parseLevel("verbose", &level));
 }
 
 TEST_F(LoggerTest, RotatesBySizeKeepingOldFiles)
@@ -79,9 +69,9 @@ TEST_F(LoggerTest, RotatesBySizeKeepingOldFiles)
     for (int i = 0; i < 100; ++i)
         EDR_LOG->Info("o", "line %03d with some padding to fill the file", i);
     EXPECT_LE(QFileInfo(path).size(), 2000);
-    EXPECT_TRUE(QFile::exists(path + QStringLiteral(".2")));
-    EXPECT_FALSE(QFile::exists(path + QStringLiteral(".3")));
-    const QStringList current = lines(path), older = lines(path + QStringLiteral(".1"));
+    EXPECT_TRUE(QFile::exists(path + ".2"));
+    EXPECT_FALSE(QFile::exists(path + ".3"));
+    const QStringList current = lines(path), older = lines(path + ".1");
     ASSERT_FALSE(current.isEmpty() || older.isEmpty());
     EXPECT_TRUE(current.last().endsWith(QStringLiteral("line 099 with some padding to fill the file")));
     auto number = [](const QString& line) { return line.section(QLatin1String("| line "), 1).left(3).toInt(); };
@@ -108,9 +98,8 @@ TEST_F(LoggerTest, ConcurrentWritersNeverInterleave)
 
 TEST_F(LoggerTest, UnwritableDirectoryFallsBackWithoutFailing)
 {
-    EDR_LOG->setFilePath(QStringLiteral("/nonexistent-dir/sub/EDR_Track.log"));
+    EDR_LOG->setFilePath("/nonexistent-dir/sub/EDR_Track.log");
     testing::internal::CaptureStderr();
     EDR_LOG->Info("o", "still logged");
-    const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("still logged"), std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("still logged"), std::string::npos);
 }

@@ -20,9 +20,7 @@ void make(const QString& path, mode_t mode)
 {
     QFile file(path);
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write("secret");
-    file.close();
-    ::chmod(QFile::encodeName(path).constData(), mode);
+    ASSERT_EQ(::fchmod(file.handle(), mode), 0);
 }
 } // namespace
 
@@ -30,26 +28,23 @@ void make(const QString& path, mode_t mode)
 TEST(DataDirModes, WideModesAreClosedUpAndLinksLeftAlone)
 {
     QTemporaryDir root;
-    const QString data = root.path() + QStringLiteral("/data");
-    const QString pending = data + QStringLiteral("/reports/edr/pending");
-    ASSERT_TRUE(QDir().mkpath(pending));
-    for (const QString& dir : {data, data + QStringLiteral("/reports"), pending})
+    const QString data = root.path() + "/data", outside = root.path() + "/outside";
+    const QStringList dirs = {data, data + "/reports", data + "/reports/edr/pending"};
+    ASSERT_TRUE(QDir().mkpath(dirs.last()));
+    for (const QString& dir : dirs)
         ::chmod(QFile::encodeName(dir).constData(), 0755);
-    make(data + QStringLiteral("/agent.conf"), 0644);
-    make(data + QStringLiteral("/.hidden"), 0666);
-    make(data + QStringLiteral("/audit.log"), 0600);
-    make(pending + QStringLiteral("/1.rpt"), 0640);
-    const QString outside = root.path() + QStringLiteral("/outside");
+    make(data + "/agent.conf", 0644);
+    make(data + "/.hidden", 0666);
+    make(data + "/audit.log", 0600);
+    make(data + "/reports/edr/pending/1.rpt", 0640);
     make(outside, 0644);
-    ASSERT_EQ(::symlink(QFile::encodeName(outside).constData(),
-                        QFile::encodeName(data + QStringLiteral("/link")).constData()),
-              0);
+    ASSERT_EQ(::symlink(QFile::encodeName(outside).constData(), QFile::encodeName(data + "/link").constData()), 0);
 
     EXPECT_EQ(DataDirModes::tighten(data), 7); // four directories, three files
-    for (const QString& dir : {data, data + QStringLiteral("/reports"), pending})
+    for (const QString& dir : dirs)
         EXPECT_EQ(modeOf(dir), 0700u) << qPrintable(dir);
     for (const char* file : {"/agent.conf", "/.hidden", "/audit.log", "/reports/edr/pending/1.rpt"})
-        EXPECT_EQ(modeOf(data + QString::fromLatin1(file)), 0600u) << file;
+        EXPECT_EQ(modeOf(data + file), 0600u) << file;
     EXPECT_EQ(modeOf(outside), 0644u);
     EXPECT_EQ(DataDirModes::tighten(data), 0);
 }

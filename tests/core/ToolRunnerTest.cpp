@@ -12,22 +12,21 @@ TEST(ToolRunner, RunsByNameFromItsSearchPathOnlyInTheCLocale)
 {
     FakeToolDir tools;
     const QByteArray output("line one\n\0binary\xff tail", 21);
-    tools.addTool(QStringLiteral("lister"), output, 3);
-    const ToolResult r = tools.runner().run(QStringLiteral("lister"), {QStringLiteral("-a"), QStringLiteral("b c")}, 5000);
-    EXPECT_TRUE(r.started && r.finished);
-    EXPECT_FALSE(r.ok());
+    tools.addTool("lister", output, 3);
+    const ToolResult r = tools.runner().run("lister", {"-a", "b c"}, 5000);
+    EXPECT_TRUE(r.started && r.finished && !r.ok());
     EXPECT_EQ(r.exitCode, 3);
     EXPECT_EQ(r.standardOutput, output);
-    EXPECT_EQ(tools.invocations(QStringLiteral("lister")), (QList<QStringList>{{QStringLiteral("-a"), QStringLiteral("b c")}}));
+    EXPECT_EQ(tools.invocations("lister"), (QList<QStringList>{{"-a", "b c"}}));
 
-    const ToolResult missing = tools.runner().run(QStringLiteral("dmidecode"), {}, 1000);
+    const ToolResult missing = tools.runner().run("dmidecode", {}, 1000);
     EXPECT_FALSE(missing.started || missing.ok());
     EXPECT_FALSE(missing.errorText.isEmpty());
     // Only the search path counts: a tool elsewhere on PATH is not found.
-    EXPECT_FALSE(ToolRunner(QStringList()).run(QStringLiteral("sh"), {}, 1000).started);
+    EXPECT_FALSE(ToolRunner(QStringList()).run("sh", {}, 1000).started);
 
-    tools.addScript(QStringLiteral("locale-echo"), "printf '%s' \"$LC_ALL\"\n");
-    EXPECT_EQ(tools.runner().run(QStringLiteral("locale-echo"), {}, 5000).standardOutput, QByteArray("C"));
+    tools.addScript("locale-echo", "printf '%s' \"$LC_ALL\"\n");
+    EXPECT_EQ(tools.runner().run("locale-echo", {}, 5000).standardOutput, "C");
 }
 
 TEST(ToolRunner, EndsTheChildsWholeProcessGroupAtItsLimit)
@@ -35,20 +34,17 @@ TEST(ToolRunner, EndsTheChildsWholeProcessGroupAtItsLimit)
     FakeToolDir tools;
     const QByteArray marker = "sleep 987." + QByteArray::number(::getpid());
     // A shell waiting on a grandchild; the grandchild ignores SIGTERM.
-    tools.addScript(QStringLiteral("stuck"), "sh -c 'trap \"\" TERM; exec " + marker + "' &\n" + marker + "; true\n");
-    const ToolResult r = tools.runner().run(QStringLiteral("stuck"), {}, 300);
-    EXPECT_TRUE(r.started);
-    EXPECT_TRUE(r.timedOut);
-    EXPECT_FALSE(r.finished);
+    tools.addScript("stuck", "sh -c 'trap \"\" TERM; exec " + marker + "' &\n" + marker + "; true\n");
+    const ToolResult r = tools.runner().run("stuck", {}, 300);
+    EXPECT_TRUE(r.started && r.timedOut && !r.finished);
     EXPECT_EQ(edrtest::livingProcesses(marker), 0);
 }
 
 TEST(ToolRunner, CapsFloodingOutputAndStderrIsNotRead)
 {
     FakeToolDir tools;
-    tools.addScript(QStringLiteral("flood"), "echo to-stderr >&2\nhead -c 300000 /dev/zero | tr '\\0' a\n");
-    const ToolResult r = tools.runner().run(QStringLiteral("flood"), {}, 10000, 1000);
-    EXPECT_TRUE(r.finished);
-    EXPECT_TRUE(r.outputTruncated);
+    tools.addScript("flood", "echo to-stderr >&2\nhead -c 300000 /dev/zero | tr '\\0' a\n");
+    const ToolResult r = tools.runner().run("flood", {}, 10000, 1000);
+    EXPECT_TRUE(r.finished && r.outputTruncated);
     EXPECT_EQ(r.standardOutput, QByteArray(1000, 'a'));
 }
