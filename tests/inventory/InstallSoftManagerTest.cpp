@@ -3,19 +3,18 @@
 
 #include <QDateTime>
 #include <QDir>
-#include <QFile>
 #include <QHash>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <filesystem>
 
 #include <sys/time.h>
 
-namespace {
-
 using invtest::jsonOf;
+
+namespace {
 
 const QByteArray kStatus = "Package: foo\nStatus: install ok installed\nInstalled-Size: 1024\nArchitecture: amd64\n"
                            "Version: 1.2-3\nOriginal-Maintainer: Jane Doe <jane@example.org>\n"
@@ -25,6 +24,76 @@ const QByteArray kStatus = "Package: foo\nStatus: install ok installed\nInstalle
                            "Package: libbar\nStatus: install ok installed\nArchitecture: i386\nMulti-Arch: same\n"
                            "Installed-Size: lots\n\n"
                            "Package: foo\nVersion: 9\nStatus: install ok installed"; // no final newline
+
+// Git keeps neither file sizes of hundreds of megabytes nor modification
+// times, so the desktop tree's are set here.
+const struct {
+    const char* path;
+    qint64 size; // -1: leave as it is
+    QDate date;
+} kStamps[] = {
+    {"var/lib/dpkg/info/foo.list", -1, {2023, 3, 4}},
+    {"var/lib/dpkg/info/libbar:i386.list", -1, {2021, 12, 31}},
+    {"var/lib/snapd/snaps/bare_5.snap", 4096, {2023, 4, 18}},
+    {"var/lib/snapd/snaps/core20_2264.snap", 67108864, {2024, 3, 1}},
+    {"var/lib/snapd/snaps/core22_1380.snap", 77848576, {2024, 4, 12}},
+    {"var/lib/snapd/snaps/firefox_4173.snap", 281018368, {2024, 5, 2}},
+    {"var/lib/snapd/snaps/gnome-42-2204_176.snap", 531628032, {2024, 1, 25}},
+    {"var/lib/snapd/snaps/gtk-common-themes_1535.snap", 95416320, {2023, 11, 9}},
+    {"var/lib/snapd/snaps/snapd_21465.snap", 40509440, {2024, 4, 29}},
+    {"var/lib/snapd/snaps/thunderbird_472.snap", 103215104, {2024, 4, 30}},
+    {"var/lib/snapd/snaps/code_159.snap", 1610612736, {2024, 5, 10}},
+    {"var/lib/flatpak/app/org.mozilla.firefox/current", -1, {2024, 5, 3}},
+    {"var/lib/flatpak/app/org.libreoffice.LibreOffice/current", -1, {2024, 3, 28}},
+    {"var/lib/flatpak/app/org.gnome.Calculator/current", -1, {2024, 3, 21}},
+    {"var/lib/flatpak/app/com.github.tchx84.Flatseal/current", -1, {2023, 12, 31}},
+    {"var/lib/flatpak/app/fr.example.Ecrivain/current", -1, {2024, 1, 1}},
+};
+
+// A writable copy of the apps-desktop tree with kStatus as its dpkg database,
+// and file lists for two of its packages.
+struct DesktopRoot {
+    DesktopRoot()
+    {
+        namespace fs = std::filesystem;
+        fs::copy(edrtest::fixturePath("roots/apps-desktop").toStdString(), dir.path().toStdString(),
+                 fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+        EXPECT_TRUE(QDir().mkpath(dir.path() + "/var/lib/dpkg/info"));
+        QFile status(dir.path() + "/var/lib/dpkg/status");
+        EXPECT_TRUE(status.open(QIODevice::WriteOnly) && status.write(kStatus) == kStatus.size());
+        for (const char* list : {"foo.list", "libbar:i386.list"})
+            EXPECT_TRUE(QFile(dir.path() + "/var/lib/dpkg/info/" + list).open(QIODevice::WriteOnly));
+        for (const auto& s : kStamps) {
+            const QString file = dir.path() + '/' + s.path;
+            EXPECT_TRUE(s.size < 0 || QFile::resize(file, s.size)) << s.path;
+            const time_t t = QDateTime(s.date, QTime(12, 0)).toSecsSinceEpoch();
+            const struct timeval times[2] = {{t, 0}, {t, 0}};
+            EXPECT_EQ(::utimes(QFile::encodeName(file).constData(), times), 0) << s.path;
+        }
+    }
+    HostPaths host() const { return HostPaths::fromFixtureRoot(dir.path()); }
+    QTemporaryDir dir;
+};
+
+QVariantList softwareOf(const HostPaths& host, const ToolRunner& runner)
+{
+    QJsonObject body;
+    EXPECT_TRUE(InstallSoftManager(host, runner).collectReport(body));
+    return body.value("InstallSoft").toArray().toVariantList();
+}
+
+QVariantList expectedDesktop() // its ten snaps, then its flatpaks
+{
+    return QJsonDocument::fromJson(edrtest::readFixture("expected/software/apps-desktop.json")).toVariant().toList();
+}
+
+// Indented text, so a mismatch shows which record differs.
+QString textOf(const QVariantList& records)
+{
+    return QString::fromUtf8(QJsonDocument::fromVariant(records).toJson());
+}
+
+} // namespace
 
 TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 {
@@ -54,33 +123,27 @@ TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
             << c.first;
 }
 
-// Dates come from the file lists, multi-arch ones included; the report goes to its route.
-TEST(InstallSoftManager, ReportDatesPackagesByTheirFileList)
+// The dpkg packages dated by their file lists, multi-arch ones included, then
+// the active snaps and the flatpaks with their file facts, on the report's route.
+TEST(InstallSoftManager, PostsDpkgPackagesThenSnapsThenFlatpaks)
 {
-    QTemporaryDir root;
-    const QString info = root.path() + "/var/lib/dpkg/info/";
-    ASSERT_TRUE(QDir().mkpath(info));
-    QFile status(root.path() + "/var/lib/dpkg/status");
-    ASSERT_TRUE(status.open(QIODevice::WriteOnly) && status.write(kStatus) == kStatus.size());
-    status.close();
-    for (const auto& list : {std::make_pair("foo.list", QDateTime(QDate(2023, 3, 4), QTime(12, 0))),
-                             std::make_pair("libbar:i386.list", QDateTime(QDate(2021, 12, 31), QTime(23, 30)))}) {
-        QFile f(info + list.first);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        f.close();
-        const struct timeval times[2] = {{time_t(list.second.toSecsSinceEpoch()), 0}, {time_t(list.second.toSecsSinceEpoch()), 0}};
-        ASSERT_EQ(::utimes(QFile::encodeName(f.fileName()).constData(), times), 0);
-    }
-
+    DesktopRoot root;
+    edrtest::FakeToolDir tools;
+    tools.addToolFromFixture("snap", "commands/snap/desktop.stdout");
+    tools.addToolFromFixture("flatpak", "commands/flatpak/desktop.stdout");
     edrtest::ServerUnderTest peer;
-    EXPECT_TRUE(InstallSoftManager(HostPaths::fromFixtureRoot(root.path()), ToolRunner(QStringList())).sendRptToServer("ignored"));
+    EXPECT_TRUE(InstallSoftManager(root.host(), tools.runner()).sendRptToServer("ignored"));
     const QJsonObject posted = peer.posted("machineInfo/addInstallSoft");
     EXPECT_EQ(posted.keys(), QStringList{"InstallSoft"});
+    const QVariantList records = posted.value("InstallSoft").toArray().toVariantList();
     QStringList dates;
-    for (const QJsonValue& v : posted.value("InstallSoft").toArray())
-        dates << v["InstallDate"].toString();
+    for (const QVariant& v : records.mid(0, 4))
+        dates << v.toMap().value("InstallDate").toString();
     EXPECT_EQ(dates, (QStringList{"20230304", "", "20211231", "20230304"}));
-    EXPECT_TRUE(peer.logHas("Successfully send Installed software to server."));
+    EXPECT_EQ(textOf(records.mid(4)), textOf(expectedDesktop()));
+    EXPECT_EQ(tools.invocations("snap"), (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
+    EXPECT_EQ(tools.invocations("flatpak"),
+              (QList<QStringList>{{"list", "--app", "--columns=application,version,size,name,description"}}));
 
     // No database: no report, and a line saying so.
     QJsonObject body;
@@ -90,15 +153,40 @@ TEST(InstallSoftManager, ReportDatesPackagesByTheirFileList)
     EXPECT_TRUE(peer.logHas("Installed Software Not Found!"));
 }
 
-TEST(InstallSoftManager, CopiedHostDatabase)
+// A source that cannot be read (not installed, hanging, failing, printing
+// garbage) leaves the report to the others, with one Debug line naming it.
+TEST(InstallSoftManager, BrokenSnapOrFlatpakLeavesTheOtherRecords)
 {
-    const QVector<InstallSoftManager::Package> packages =
-        InstallSoftManager::parseDpkgStatus(edrtest::readFixture("roots/dpkg-host/var/lib/dpkg/status"));
-    EXPECT_GT(packages.size(), 800);
-    const auto bash = std::find_if(packages.begin(), packages.end(), [](const auto& p) { return p.name == "bash"; });
-    ASSERT_TRUE(bash != packages.end());
-    EXPECT_EQ(bash->toJson(), jsonOf(R"({"Name":"bash","PackageName":"bash","InstallDate":"",
-                "Version":"5.2.15-2+b8","Size":"6 MB","Description":"GNU Bourne Again SHell"})"));
+    DesktopRoot root;
+    const QVariantList dpkg = softwareOf(root.host(), ToolRunner(QStringList()));
+    const QVariantList snaps = expectedDesktop().mid(0, 10), flatpaks = expectedDesktop().mid(10);
+    ASSERT_EQ(dpkg.size(), 4);
+    using Setup = std::function<void(edrtest::FakeToolDir&, const QString&)>;
+    const Setup good = [](edrtest::FakeToolDir& t, const QString& tool) {
+        t.addToolFromFixture(tool, "commands/" + tool + "/desktop.stdout");
+    };
+    const Setup broken[] = {
+        [](edrtest::FakeToolDir&, const QString&) {},
+        [](edrtest::FakeToolDir& t, const QString& tool) { t.addHangingTool(tool); },
+        [](edrtest::FakeToolDir& t, const QString& tool) {
+            t.addToolFromFixture(tool, "commands/" + tool + "/desktop.stdout", 1);
+        },
+        [](edrtest::FakeToolDir& t, const QString& tool) {
+            t.addTool(tool, "error: cannot communicate with server\n\x01\xff\t\t\t\t\n<html>Name Version</html>\n");
+        },
+    };
+    const edrtest::TimeScale scale(0.01); // a 300 ms limit instead of 30 s
+    for (size_t m = 0; m < std::size(broken); ++m) {
+        for (const bool snapBroken : {true, false}) {
+            SCOPED_TRACE(testing::Message() << "mode " << m << (snapBroken ? ", snap broken" : ", flatpak broken"));
+            edrtest::ScratchPrefix prefix;
+            edrtest::FakeToolDir tools;
+            (snapBroken ? broken[m] : good)(tools, "snap");
+            (snapBroken ? good : broken[m])(tools, "flatpak");
+            EXPECT_EQ(textOf(softwareOf(root.host(), tools.runner())), textOf(dpkg + (snapBroken ? flatpaks : snaps)));
+            EXPECT_TRUE(prefix.traceLog().contains(snapBroken ? "no snaps reported" : "no flatpaks reported"));
+        }
+    }
 }
 
 // The report of this machine holds every package dpkg-query lists, with its version and a date.
@@ -124,5 +212,3 @@ TEST(InstallSoftManager, LiveMachineMatchesDpkgQuery)
     }
     EXPECT_GT(checked, 0);
 }
-
-} // namespace
