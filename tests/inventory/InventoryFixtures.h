@@ -40,18 +40,12 @@ inline void addScenarioTools(edrtest::FakeToolDir& tools, const QString& scenari
 inline NetworkAdapterInfo adaptersOf(const QString& scenario)
 {
     QList<NetworkAdapterInfo::InterfaceEntry> list;
-    const QJsonObject machine = jsonOf(edrtest::readFixture("machines/" + scenario + ".json"));
-    for (const QJsonValue& v : machine.value("interfaces").toArray()) {
+    for (const QJsonValue& v : edrtest::jsonFixture("machines/" + scenario + ".json").value("interfaces").toArray()) {
+        const QString name = v["name"].toString();
         const QStringList flags = v["flags"].toString().split(' ');
-        NetworkAdapterInfo::InterfaceEntry e;
-        e.name = e.humanReadableName = v["name"].toString();
-        e.hardwareAddress = v["mac"].toString();
-        e.up = flags.contains("up");
-        e.running = flags.contains("running");
-        e.loopback = flags.contains("loopback");
-        for (const QJsonValue& a : v["addresses"].toArray())
-            e.addresses << a.toString();
-        list << e;
+        list << NetworkAdapterInfo::InterfaceEntry{name, name, v["mac"].toString(), flags.contains("up"),
+                                                   flags.contains("running"), flags.contains("loopback"),
+                                                   v["addresses"].toVariant().toStringList()};
     }
     return NetworkAdapterInfo(rootOf(scenario), [list] { return list; });
 }
@@ -64,11 +58,9 @@ struct Machine {
         addScenarioTools(tools, scenario);
         users.setToday(QDate(2024, 5, 20));
         manager = std::make_unique<HardwareInfoManager>(rootOf(scenario), tools.runner(), &users, adaptersOf(scenario));
-        const QJsonObject m = jsonOf(edrtest::readFixture("machines/" + scenario + ".json"));
-        HardwareInfoManager::SystemNames names;
-        names.hostName = m.value("hostName").toString();
-        names.domainName = m.value("domainName").toString();
-        names.machine = m.value("machine").toString();
+        const QJsonObject m = edrtest::jsonFixture("machines/" + scenario + ".json");
+        const HardwareInfoManager::SystemNames names{m.value("hostName").toString(), m.value("domainName").toString(),
+                                                     m.value("machine").toString()};
         manager->setSystemNamesSource([names] { return names; });
     }
     edrtest::FakeToolDir tools;

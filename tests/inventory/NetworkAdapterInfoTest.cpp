@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
 // Whole adapter lists are in the fixture machines' reports.
 TEST(NetworkAdapterInfo, TextHelpersAndMissingSysfs)
 {
@@ -25,9 +23,8 @@ TEST(NetworkAdapterInfo, TextHelpersAndMissingSysfs)
     NetworkAdapterInfo info(invtest::rootOf("laptop"));
     EXPECT_EQ(info.getAdapterManufacturer("tun0"), "NA");
     EXPECT_EQ(info.getAdapterSpeed("tun0"), "NA");
-    QNetworkAddressEntry v4;
+    QNetworkAddressEntry v4, v6;
     v4.setIp(QHostAddress("192.0.2.1"));
-    QNetworkAddressEntry v6;
     v6.setIp(QHostAddress("2001:db8::1"));
     EXPECT_EQ(info.getNetworkAddressesOfQNetworkInterface({v4, v6}), "192.0.2.1, 2001:db8::1");
     EXPECT_EQ(info.getNetworkAddressesOfQNetworkInterface({}), "");
@@ -48,5 +45,3 @@ TEST(NetworkAdapterInfo, LiveLoopbackIsListed)
     }
     EXPECT_EQ(loopbacks, 1);
 }
-
-} // namespace

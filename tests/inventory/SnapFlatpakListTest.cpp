@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
 // Cells found by the header's columns: wide tables, order, blank cells, rows
 // that do not line up, names that could leave a folder, disabled revisions.
 TEST(SnapList, ColumnsComeFromTheHeader)
@@ -106,5 +104,3 @@ TEST(FlatpakList, ApplicationLines)
     EXPECT_EQ(skipped, 4);
     EXPECT_FALSE(FlatpakList::parse("error: unknown option\nUsage: flatpak list\n").has_value());
 }
-
-} // namespace
