@@ -1,7 +1,7 @@
 #include "core/AuditLog.h"
 #include "core/HostPaths.h"
 
-#include <QFileInfo>
+#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
@@ -74,7 +74,7 @@ TEST(AuditLog, PendingLineIsCompletedInPlaceOrAfterARotation)
     audit->record(AuditLog::Listener, "q", QString(), std::nullopt, AuditLog::RefusedPeer);
     audit->finish(first, AuditLog::Failed);
     EXPECT_EQ(outcomes(path), (QStringList{"failed", "refused-peer"}));
-    EXPECT_EQ(QFileInfo(path).permissions(), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+    EXPECT_EQ(QFile::permissions(path), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
 
     // The pending line rotates away (twice): the outcome comes as a whole new line.
     const AuditLog::Entry second = audit->begin(AuditLog::Push, "p", "MOD", {});

@@ -52,7 +52,7 @@ TEST_F(LoggerTest, LineFormatThresholdModeAndRecreation)
     EXPECT_TRUE(info.match(got[0]).hasMatch()) << qPrintable(got[0]);
     EXPECT_TRUE(got[1].contains(" ERROR ["));
     EXPECT_TRUE(got[1].endsWith("| Failed to open a (errno 2: No such file or directory)")) << qPrintable(got[1]);
-    EXPECT_EQ(QFileInfo(path).permissions(), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+    EXPECT_EQ(QFile::permissions(path), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
 
     ASSERT_TRUE(QFile::remove(path));
     EDR_LOG->Info("o", "after");

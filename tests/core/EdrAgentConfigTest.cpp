@@ -21,8 +21,7 @@ TEST(EdrAgentConfig, StoresValuesPrivatelyAndReadsHandWrittenOrGarbledFiles)
     ASSERT_TRUE(config.setTaskLastRunTime("AgentInfo", when));
     EXPECT_EQ(config.getTaskLastRunTime("AgentInfo"), when);
     EXPECT_FALSE(config.getTaskLastRunTime("StartUp").isValid());
-    EXPECT_EQ(QFileInfo(config.path()).permissions(),
-              QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+    EXPECT_EQ(QFile::permissions(config.path()), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
 
     const QString path = dir.path() + "/agent.conf";
     const auto written = [&path](const QByteArray& content) {

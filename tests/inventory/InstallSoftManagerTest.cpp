@@ -25,6 +25,15 @@ const QByteArray kStatus = "Package: foo\nStatus: install ok installed\nInstalle
                            "Installed-Size: lots\n\n"
                            "Package: foo\nVersion: 9\nStatus: install ok installed"; // no final newline
 
+// kStatus's packages as reported, the file lists giving the dates; the same
+// name twice gives two records.
+const QByteArray kDpkgRecords = R"([
+    {"Name":"foo","PackageName":"foo","InstallDate":"20230304","Version":"1.2-3","Size":"1 MB",
+     "Vendor":"Jane Doe <jane@example.org>","Description":"first"},
+    {"Name":"bare","PackageName":"bare","InstallDate":""},
+    {"Name":"libbar","PackageName":"libbar","InstallDate":"20211231","Size":"0 Bytes"},
+    {"Name":"foo","PackageName":"foo","InstallDate":"20230304","Version":"9"}])";
+
 // Git keeps neither file sizes of hundreds of megabytes nor modification
 // times, so the desktop tree's are set here.
 const struct {
@@ -82,9 +91,9 @@ QVariantList softwareOf(const HostPaths& host, const ToolRunner& runner)
     return body.value("InstallSoft").toArray().toVariantList();
 }
 
-QVariantList expectedDesktop() // its ten snaps, then its flatpaks
+QVariantList listOf(const QByteArray& json)
 {
-    return QJsonDocument::fromJson(edrtest::readFixture("expected/software/apps-desktop.json")).toVariant().toList();
+    return QJsonDocument::fromJson(json).toVariant().toList();
 }
 
 // Indented text, so a mismatch shows which record differs.
@@ -95,16 +104,9 @@ QString textOf(const QVariantList& records)
 
 } // namespace
 
+// Whole records are in the posted report below.
 TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 {
-    const QVector<InstallSoftManager::Package> packages = InstallSoftManager::parseDpkgStatus(kStatus);
-    ASSERT_EQ(packages.size(), 4);
-    EXPECT_EQ(packages[0].toJson("D"), jsonOf(R"({"Name":"foo","PackageName":"foo","InstallDate":"D","Version":"1.2-3",
-        "Size":"1 MB","Vendor":"Jane Doe <jane@example.org>","Description":"first"})"));
-    EXPECT_EQ(packages[1].toJson(), jsonOf(R"({"Name":"bare","PackageName":"bare","InstallDate":""})"));
-    EXPECT_EQ(packages[2].toJson(), jsonOf(R"({"Name":"libbar","PackageName":"libbar","InstallDate":"","Size":"0 Bytes"})"));
-    EXPECT_EQ(packages[3].version, "9"); // the same name twice gives two objects
-
     const std::pair<const char*, const char*> odd[] = {
         {"Status: install ok installed\n", "{}"},
         {"Package\nStatus: install ok installed\n", R"({"Name":"","PackageName":"","InstallDate":""})"},
@@ -134,13 +136,10 @@ TEST(InstallSoftManager, PostsDpkgPackagesThenSnapsThenFlatpaks)
     edrtest::ServerUnderTest peer;
     EXPECT_TRUE(InstallSoftManager(root.host(), tools.runner()).sendRptToServer("ignored"));
     const QJsonObject posted = peer.posted("machineInfo/addInstallSoft");
+    const QVariantList desktop = listOf(edrtest::readFixture("expected/software/apps-desktop.json"));
     EXPECT_EQ(posted.keys(), QStringList{"InstallSoft"});
-    const QVariantList records = posted.value("InstallSoft").toArray().toVariantList();
-    QStringList dates;
-    for (const QVariant& v : records.mid(0, 4))
-        dates << v.toMap().value("InstallDate").toString();
-    EXPECT_EQ(dates, (QStringList{"20230304", "", "20211231", "20230304"}));
-    EXPECT_EQ(textOf(records.mid(4)), textOf(expectedDesktop()));
+    EXPECT_EQ(textOf(posted.value("InstallSoft").toArray().toVariantList()),
+              textOf(listOf(kDpkgRecords) + desktop));
     EXPECT_EQ(tools.invocations("snap"), (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
     EXPECT_EQ(tools.invocations("flatpak"),
               (QList<QStringList>{{"list", "--app", "--columns=application,version,size,name,description"}}));
@@ -158,9 +157,9 @@ TEST(InstallSoftManager, PostsDpkgPackagesThenSnapsThenFlatpaks)
 TEST(InstallSoftManager, BrokenSnapOrFlatpakLeavesTheOtherRecords)
 {
     DesktopRoot root;
-    const QVariantList dpkg = softwareOf(root.host(), ToolRunner(QStringList()));
-    const QVariantList snaps = expectedDesktop().mid(0, 10), flatpaks = expectedDesktop().mid(10);
-    ASSERT_EQ(dpkg.size(), 4);
+    const QVariantList dpkg = listOf(kDpkgRecords);
+    const QVariantList desktop = listOf(edrtest::readFixture("expected/software/apps-desktop.json"));
+    const QVariantList snaps = desktop.mid(0, 10), flatpaks = desktop.mid(10); // its ten snaps, then its flatpaks
     using Setup = std::function<void(edrtest::FakeToolDir&, const QString&)>;
     const Setup good = [](edrtest::FakeToolDir& t, const QString& tool) {
         t.addToolFromFixture(tool, "commands/" + tool + "/desktop.stdout");
