@@ -9,12 +9,9 @@
 #include <gtest/gtest.h>
 
 namespace {
-QJsonObject parse(const QByteArray& line)
+QJsonObject parse(const QByteArray& line) // not JSON: an empty object, which no expectation matches
 {
-    QJsonParseError error{};
-    const QJsonObject object = QJsonDocument::fromJson(line, &error).object();
-    EXPECT_EQ(error.error, QJsonParseError::NoError) << line.constData();
-    return object;
+    return QJsonDocument::fromJson(line).object();
 }
 
 // The outcome of each record in an audit file, oldest first.

@@ -46,21 +46,17 @@ TEST(ServerDetails, EveryKeyComesFromTheFileAtEachCall)
 
 TEST(SizeOperation, BytesToTextAndTextToBytesWithItsQuirks)
 {
-    const struct {
-        long long bytes;
-        const char* text;
-    } out[] = {{1023, "1023 Bytes"}, {1024, "1 KB"},        {1048575, "1023 KB"}, {1048576, "1 MB"},
-               {1073741824, "1 GB"}, {-5, "-5 Bytes"}, {5LL << 40, "5120 GB"}, {0, "0 Bytes"}};
-    for (const auto& c : out)
-        EXPECT_EQ(SizeOperation::getBytesSizeInString(c.bytes), QLatin1String(c.text)) << c.bytes;
-    const struct {
-        const char* text;
-        long long bytes;
-    } in[] = {{"1.5 GB", 1610612736}, {"7.8G", 8375186227LL}, {"512 KB", 524288}, {"12G", 12884901888LL},
-              {"1.5M", 1572864},      {"512 Bytes", 0},       {"2 gb", 0},       {"0 MB", 0},
-              {"", 0},                {"G", 0},               {"1e400 G", 0}};
-    for (const auto& c : in)
-        EXPECT_EQ(SizeOperation::getStringSizeInBytes(QLatin1String(c.text)), c.bytes) << c.text;
+    const std::pair<long long, const char*> out[] = {
+        {1023, "1023 Bytes"}, {1024, "1 KB"},   {1048575, "1023 KB"},  {1048576, "1 MB"},
+        {1073741824, "1 GB"}, {-5, "-5 Bytes"}, {5LL << 40, "5120 GB"}, {0, "0 Bytes"}};
+    for (const auto& [bytes, text] : out)
+        EXPECT_EQ(SizeOperation::getBytesSizeInString(bytes), QLatin1String(text)) << bytes;
+    const std::pair<const char*, long long> in[] = {
+        {"1.5 GB", 1610612736}, {"7.8G", 8375186227LL}, {"512 KB", 524288}, {"12G", 12884901888LL},
+        {"1.5M", 1572864},      {"512 Bytes", 0},       {"2 gb", 0},       {"0 MB", 0},
+        {"", 0},                {"G", 0},               {"1e400 G", 0}};
+    for (const auto& [text, bytes] : in)
+        EXPECT_EQ(SizeOperation::getStringSizeInBytes(QLatin1String(text)), bytes) << text;
 }
 
 // The id comes from the live boot id; reloading the cards never duplicates one.

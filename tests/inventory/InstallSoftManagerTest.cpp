@@ -84,13 +84,6 @@ struct DesktopRoot {
     QTemporaryDir dir;
 };
 
-QVariantList softwareOf(const HostPaths& host, const ToolRunner& runner)
-{
-    QJsonObject body;
-    EXPECT_TRUE(InstallSoftManager(host, runner).collectReport(body));
-    return body.value("InstallSoft").toArray().toVariantList();
-}
-
 QVariantList listOf(const QByteArray& json)
 {
     return QJsonDocument::fromJson(json).toVariant().toList();
@@ -182,7 +175,10 @@ TEST(InstallSoftManager, BrokenSnapOrFlatpakLeavesTheOtherRecords)
             edrtest::FakeToolDir tools;
             (snapBroken ? broken[m] : good)(tools, "snap");
             (snapBroken ? good : broken[m])(tools, "flatpak");
-            EXPECT_EQ(textOf(softwareOf(root.host(), tools.runner())), textOf(dpkg + (snapBroken ? flatpaks : snaps)));
+            QJsonObject body;
+            EXPECT_TRUE(InstallSoftManager(root.host(), tools.runner()).collectReport(body));
+            EXPECT_EQ(textOf(body.value("InstallSoft").toArray().toVariantList()),
+                      textOf(dpkg + (snapBroken ? flatpaks : snaps)));
             EXPECT_TRUE(prefix.traceLog().contains(snapBroken ? "no snaps reported" : "no flatpaks reported"));
         }
     }

@@ -24,19 +24,6 @@ inline HostPaths rootOf(const QString& scenario)
     return HostPaths::fromFixtureRoot(edrtest::fixturePath("roots/" + scenario));
 }
 
-// dmidecode prints dmidecode/<scenario>/<type>.stdout, exiting 1 on an empty
-// one as it does without tables; lsblk picks its listing by the columns asked for.
-inline void addScenarioTools(edrtest::FakeToolDir& tools, const QString& scenario)
-{
-    const QByteArray dir = edrtest::fixturePath("commands/").toUtf8();
-    const QByteArray s = scenario.toUtf8();
-    tools.addScript("dmidecode", "f='" + dir + "dmidecode/" + s + "'/\"$3\".stdout\n[ -s \"$f\" ] || exit 1\ncat \"$f\"\n");
-    tools.addScript("lsblk", "case \"$2\" in MODEL,*) l=disks ;; *) l=partitions ;; esac\ncat '" + dir + "lsblk/" + s +
-                                 "'-$l.stdout\n");
-    tools.addToolFromFixture("who", "commands/who/" + scenario + ".stdout");
-    tools.addToolFromFixture("last", "commands/last/" + scenario + ".stdout");
-}
-
 inline NetworkAdapterInfo adaptersOf(const QString& scenario)
 {
     QList<NetworkAdapterInfo::InterfaceEntry> list;
@@ -51,11 +38,18 @@ inline NetworkAdapterInfo adaptersOf(const QString& scenario)
 }
 
 // One fixture machine: its tools, its root, its interfaces, its names; the
-// password ages are judged on 2024-05-20.
+// password ages are judged on 2024-05-20. dmidecode prints
+// dmidecode/<scenario>/<type>.stdout, exiting 1 on an empty one as it does
+// without tables; lsblk picks its listing by the columns asked for.
 struct Machine {
     explicit Machine(const QString& scenario) : users(rootOf(scenario), tools.runner())
     {
-        addScenarioTools(tools, scenario);
+        const QByteArray dir = edrtest::fixturePath("commands/").toUtf8(), s = scenario.toUtf8();
+        tools.addScript("dmidecode", "f='" + dir + "dmidecode/" + s + "'/\"$3\".stdout\n[ -s \"$f\" ] || exit 1\ncat \"$f\"\n");
+        tools.addScript("lsblk", "case \"$2\" in MODEL,*) l=disks ;; *) l=partitions ;; esac\ncat '" + dir + "lsblk/" + s +
+                                     "'-$l.stdout\n");
+        tools.addToolFromFixture("who", "commands/who/" + scenario + ".stdout");
+        tools.addToolFromFixture("last", "commands/last/" + scenario + ".stdout");
         users.setToday(QDate(2024, 5, 20));
         manager = std::make_unique<HardwareInfoManager>(rootOf(scenario), tools.runner(), &users, adaptersOf(scenario));
         const QJsonObject m = edrtest::jsonFixture("machines/" + scenario + ".json");

@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-// The fixture machines' accounts are in their reports; these are the lines
-// no real account file holds.
+// The fixture machines' accounts are in their reports (the tools' runs and
+// limits in the hardware report's tests); these are the lines no real file holds.
 TEST(UsersAccountManager, MalformedLinesAreSkippedAndAdministratorsNamedExactly)
 {
     UsersAccountManager::AccountFiles f;
@@ -36,6 +36,13 @@ TEST(UsersAccountManager, MalformedLinesAreSkippedAndAdministratorsNamedExactly)
     for (const UserInfo& u : UsersAccountManager::parseAccounts(f, QDate(2024, 5, 20)))
         privileges << u.getName() + '=' + u.toJson().value("Privileges").toString();
     EXPECT_EQ(privileges, QStringList({"grootman=1", "pseudo=1", "ann=2", "bob=2"}));
+
+    EXPECT_EQ(UsersAccountManager::parseWhoOutput("\n   \n  root\tpts/0  2024-05-20 10:00\n"), "|root");
+    EXPECT_EQ(UsersAccountManager::parseWhoOutput(""), "");
+    QJsonObject none; // no account files at all
+    EXPECT_FALSE(UsersAccountManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
+                     .getUsersAccountInfo(none));
+    EXPECT_EQ(none.value("Users"), QJsonValue(QJsonArray()));
 }
 
 // Shadow's day numbers are UTC days: a password changed on today's UTC day is
@@ -64,16 +71,4 @@ TEST(UsersAccountManager, PasswordAgeCountsUtcDays)
     ASSERT_EQ(users.size(), 1);
     EXPECT_EQ(users[0].toJson().value("PasswordAge"), "0");
     EXPECT_EQ(users[0].toJson().value("PasswordChangeable"), "false"); // minimum age of one day not yet over
-}
-
-// The tools' invocations and limits are in the hardware report's tests.
-TEST(UsersAccountManager, OddWhoLinesAndNoAccountFiles)
-{
-    EXPECT_EQ(UsersAccountManager::parseWhoOutput("\n   \n  root\tpts/0  2024-05-20 10:00\n"), "|root");
-    EXPECT_EQ(UsersAccountManager::parseWhoOutput(""), "");
-    edrtest::FakeToolDir noTools;
-    UsersAccountManager nowhere(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), noTools.runner());
-    QJsonObject empty;
-    EXPECT_FALSE(nowhere.getUsersAccountInfo(empty));
-    EXPECT_EQ(empty.value("Users"), QJsonValue(QJsonArray()));
 }
