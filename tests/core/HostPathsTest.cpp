@@ -17,7 +17,7 @@ TEST(HostPaths, ReadsProcfsToEndWithCap)
     EXPECT_FALSE(ok);
 }
 
-// The live machine's id is checked through the agent's own id.
+// The live machine's id is checked in the agent's registration body.
 TEST(SystemInformation, BootIdNeedsExactly36Bytes)
 {
     QTemporaryDir dir;

@@ -49,23 +49,21 @@ TEST(UsersAccountManager, MalformedLinesAreSkippedAndAdministratorsNamedExactly)
 // 0 days old whatever the local zone, here one whose date is not UTC's.
 TEST(UsersAccountManager, PasswordAgeCountsUtcDays)
 {
-    const qint64 utcDay = std::time(nullptr) / 86400;
+    const qint64 now = std::time(nullptr);
     const QByteArray zone = qgetenv("TZ");
-    const bool morning = (std::time(nullptr) % 86400) < 10 * 3600;
-    qputenv("TZ", morning ? "XYZ+12" : "XYZ-14"); // local date a day behind, or ahead
+    qputenv("TZ", now % 86400 < 10 * 3600 ? "XYZ+12" : "XYZ-14"); // local date a day behind, or ahead
     ::tzset();
     QTemporaryDir root;
     ASSERT_TRUE(QDir().mkpath(root.path() + "/etc"));
-    const QPair<const char*, QByteArray> files[] = {
+    const std::pair<const char*, QByteArray> files[] = {
         {"/etc/passwd", "ann:x:1000:1000::/h:/bin/sh\n"},
-        {"/etc/shadow", "ann:pw:" + QByteArray::number(utcDay) + ":1:99999:7:::\n"}};
-    for (const auto& file : files) {
-        QFile out(root.path() + file.first);
-        ASSERT_TRUE(out.open(QIODevice::WriteOnly) && out.write(file.second) == file.second.size());
+        {"/etc/shadow", "ann:pw:" + QByteArray::number(now / 86400) + ":1:99999:7:::\n"}};
+    for (const auto& [name, text] : files) {
+        QFile out(root.path() + name);
+        ASSERT_TRUE(out.open(QIODevice::WriteOnly) && out.write(text) == text.size());
     }
-    edrtest::FakeToolDir noTools;
     const QList<UserInfo> users =
-        UsersAccountManager(HostPaths::fromFixtureRoot(root.path()), noTools.runner()).getUsersAccounts();
+        UsersAccountManager(HostPaths::fromFixtureRoot(root.path()), ToolRunner(QStringList())).getUsersAccounts();
     zone.isNull() ? qunsetenv("TZ") : qputenv("TZ", zone);
     ::tzset();
     ASSERT_EQ(users.size(), 1);
