@@ -89,10 +89,10 @@ QVariantList listOf(const QByteArray& json)
     return QJsonDocument::fromJson(json).toVariant().toList();
 }
 
-// Indented text, so a mismatch shows which record differs.
-QString textOf(const QVariantList& records)
+// Indented text, so a mismatch shows as a diff.
+std::string textOf(const QVariantList& records)
 {
-    return QString::fromUtf8(QJsonDocument::fromVariant(records).toJson());
+    return QJsonDocument::fromVariant(records).toJson().toStdString();
 }
 
 } // namespace
