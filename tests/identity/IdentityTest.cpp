@@ -1,4 +1,3 @@
-#include "comm/ApiManager.h"
 #include "identity/AgentDetails.h"
 #include "identity/ServerDetails.h"
 #include "identity/SizeOperation.h"
@@ -10,7 +9,7 @@
 #include <utility>
 
 // Every key is read from the file at each call; the group spelling matters; garbage gives defaults.
-// The routes themselves are checked where each report is posted.
+// The URLs built from them are checked where each report is posted.
 TEST(ServerDetails, EveryKeyComesFromTheFileAtEachCall)
 {
     edrtest::ScratchPrefix prefix;
@@ -20,7 +19,6 @@ TEST(ServerDetails, EveryKeyComesFromTheFileAtEachCall)
                QStringLiteral(" %1 %2").arg(s->getServerSocketPort()).arg(s->getAgentListenPort());
     };
     EXPECT_EQ(values(), "NA 7777 v1 3098 3097");
-    EXPECT_EQ(ApiManager::getAPI(PROCESSES), "http://NA:7777/api/v1/machineInfo/addProcesses");
     const std::pair<QByteArray, const char*> cases[] = {
         {"[server]\nEDRIP=NA\nACIP=10.0.0.5\n[Server]\nEDRPORT=8080\nEDRSAPIVER=v2\nEDRSPORT=4000\nEDRSLPORT=4001\n",
          "10.0.0.5 8080 v2 4000 4001"},
