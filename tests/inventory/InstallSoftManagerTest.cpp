@@ -119,35 +119,10 @@ TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 }
 
 // The dpkg packages dated by their file lists, multi-arch ones included, then
-// the active snaps and the flatpaks with their file facts, on the report's route.
-TEST(InstallSoftManager, PostsDpkgPackagesThenSnapsThenFlatpaks)
-{
-    DesktopRoot root;
-    edrtest::FakeToolDir tools;
-    tools.addToolFromFixture("snap", "commands/snap/desktop.stdout");
-    tools.addToolFromFixture("flatpak", "commands/flatpak/desktop.stdout");
-    edrtest::ServerUnderTest peer;
-    EXPECT_TRUE(InstallSoftManager(root.host(), tools.runner()).sendRptToServer("ignored"));
-    const QJsonObject posted = peer.posted("machineInfo/addInstallSoft");
-    const QVariantList desktop = listOf(edrtest::readFixture("expected/software/apps-desktop.json"));
-    EXPECT_EQ(posted.keys(), QStringList{"InstallSoft"});
-    EXPECT_EQ(textOf(posted.value("InstallSoft").toArray().toVariantList()),
-              textOf(listOf(kDpkgRecords) + desktop));
-    EXPECT_EQ(tools.invocations("snap"), (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
-    EXPECT_EQ(tools.invocations("flatpak"),
-              (QList<QStringList>{{"list", "--app", "--columns=application,version,size,name,description"}}));
-
-    // No database: no report, and a line saying so.
-    QJsonObject body;
-    EXPECT_FALSE(InstallSoftManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
-                     .getInstalledSoftwares(body));
-    EXPECT_TRUE(body.isEmpty());
-    EXPECT_TRUE(peer.logHas("Installed Software Not Found!"));
-}
-
-// A source that cannot be read (not installed, hanging, failing, printing
-// garbage) leaves the report to the others, with one Debug line naming it.
-TEST(InstallSoftManager, BrokenSnapOrFlatpakLeavesTheOtherRecords)
+// the active snaps and the flatpaks with their file facts, on the report's
+// route. A source that cannot be read (not installed, hanging, failing,
+// printing garbage) leaves the report to the others, with a Debug line naming it.
+TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
 {
     DesktopRoot root;
     const QVariantList dpkg = listOf(kDpkgRecords);
@@ -157,6 +132,27 @@ TEST(InstallSoftManager, BrokenSnapOrFlatpakLeavesTheOtherRecords)
     const Setup good = [](edrtest::FakeToolDir& t, const QString& tool) {
         t.addToolFromFixture(tool, "commands/" + tool + "/desktop.stdout");
     };
+    {
+        edrtest::FakeToolDir tools;
+        good(tools, "snap");
+        good(tools, "flatpak");
+        edrtest::ServerUnderTest peer;
+        EXPECT_TRUE(InstallSoftManager(root.host(), tools.runner()).sendRptToServer("ignored"));
+        const QJsonObject posted = peer.posted("machineInfo/addInstallSoft");
+        EXPECT_EQ(posted.keys(), QStringList{"InstallSoft"});
+        EXPECT_EQ(textOf(posted.value("InstallSoft").toArray().toVariantList()), textOf(dpkg + desktop));
+        EXPECT_EQ(tools.invocations("snap"), (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
+        EXPECT_EQ(tools.invocations("flatpak"),
+                  (QList<QStringList>{{"list", "--app", "--columns=application,version,size,name,description"}}));
+
+        // No database: no report, and a line saying so.
+        QJsonObject body;
+        EXPECT_FALSE(InstallSoftManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
+                         .getInstalledSoftwares(body));
+        EXPECT_TRUE(body.isEmpty());
+        EXPECT_TRUE(peer.logHas("Installed Software Not Found!"));
+    }
+
     const Setup broken[] = {
         [](edrtest::FakeToolDir&, const QString&) {},
         [](edrtest::FakeToolDir& t, const QString& tool) { t.addHangingTool(tool); },
