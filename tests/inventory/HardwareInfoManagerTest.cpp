@@ -71,19 +71,16 @@ TEST(HardwareInfoManager, PostedOnceAndGatheredPerSelector)
 // Every tool hanging: each costs its own part of the report and no more than its limit.
 TEST(HardwareInfoManager, HangingToolsStillGiveAReport)
 {
-    edrtest::FakeToolDir tools;
+    invtest::Machine m("laptop");
     for (const char* tool : {"dmidecode", "lsblk", "who", "last"})
-        tools.addHangingTool(tool);
-    const HostPaths root = invtest::rootOf("laptop");
-    UsersAccountManager users(root, tools.runner());
-    users.setTimeoutMs(300);
-    HardwareInfoManager manager(root, tools.runner(), &users, invtest::adaptersOf("laptop"));
-    manager.setToolTimeoutMs(300);
+        m.tools.addHangingTool(tool); // in place of the fixture's
+    m.users.setTimeoutMs(300);
+    m.manager->setToolTimeoutMs(300);
     QElapsedTimer t;
     t.start();
     QJsonObject report;
-    ASSERT_TRUE(manager.getHardwareInfo(report, QString()));
-    EXPECT_EQ(users.getCurrentLoginUsers(), ""); // who is not asked without a computer record
+    ASSERT_TRUE(m.manager->getHardwareInfo(report, QString()));
+    EXPECT_EQ(m.users.getCurrentLoginUsers(), ""); // who is not asked without a computer record
     EXPECT_LT(t.elapsed(), 20000);
     EXPECT_FALSE(report.contains("ComputerSystem"));
     for (const char* key : {"PhysicalMemory", "Processor", "Disk", "Volumes", "BIOS", "Battery"})

@@ -24,19 +24,6 @@ inline HostPaths rootOf(const QString& scenario)
     return HostPaths::fromFixtureRoot(edrtest::fixturePath("roots/" + scenario));
 }
 
-inline NetworkAdapterInfo adaptersOf(const QString& scenario)
-{
-    QList<NetworkAdapterInfo::InterfaceEntry> list;
-    for (const QJsonValue& v : edrtest::jsonFixture("machines/" + scenario + ".json").value("interfaces").toArray()) {
-        const QString name = v["name"].toString();
-        const QStringList flags = v["flags"].toString().split(' ');
-        list << NetworkAdapterInfo::InterfaceEntry{name, name, v["mac"].toString(), flags.contains("up"),
-                                                   flags.contains("running"), flags.contains("loopback"),
-                                                   v["addresses"].toVariant().toStringList()};
-    }
-    return NetworkAdapterInfo(rootOf(scenario), [list] { return list; });
-}
-
 // One fixture machine: its tools, its root, its interfaces, its names; the
 // password ages are judged on 2024-05-20. dmidecode prints
 // dmidecode/<scenario>/<type>.stdout, exiting 1 on an empty one as it does
@@ -51,8 +38,17 @@ struct Machine {
         tools.addToolFromFixture("who", "commands/who/" + scenario + ".stdout");
         tools.addToolFromFixture("last", "commands/last/" + scenario + ".stdout");
         users.setToday(QDate(2024, 5, 20));
-        manager = std::make_unique<HardwareInfoManager>(rootOf(scenario), tools.runner(), &users, adaptersOf(scenario));
         const QJsonObject m = edrtest::jsonFixture("machines/" + scenario + ".json");
+        QList<NetworkAdapterInfo::InterfaceEntry> interfaces;
+        for (const QJsonValue& v : m.value("interfaces").toArray()) {
+            const QString name = v["name"].toString();
+            const QStringList flags = v["flags"].toString().split(' ');
+            interfaces << NetworkAdapterInfo::InterfaceEntry{name, name, v["mac"].toString(), flags.contains("up"),
+                                                             flags.contains("running"), flags.contains("loopback"),
+                                                             v["addresses"].toVariant().toStringList()};
+        }
+        manager = std::make_unique<HardwareInfoManager>(rootOf(scenario), tools.runner(), &users,
+                                                        NetworkAdapterInfo(rootOf(scenario), [interfaces] { return interfaces; }));
         const HardwareInfoManager::SystemNames names{m.value("hostName").toString(), m.value("domainName").toString(),
                                                      m.value("machine").toString()};
         manager->setSystemNamesSource([names] { return names; });
