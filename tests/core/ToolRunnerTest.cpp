@@ -20,8 +20,7 @@ TEST(ToolRunner, RunsByNameFromItsSearchPathOnlyInTheCLocale)
     EXPECT_EQ(tools.invocations("lister"), (QList<QStringList>{{"-a", "b c"}}));
 
     const ToolResult missing = tools.runner().run("dmidecode", {}, 1000);
-    EXPECT_FALSE(missing.started || missing.ok());
-    EXPECT_FALSE(missing.errorText.isEmpty());
+    EXPECT_TRUE(!missing.started && !missing.errorText.isEmpty());
     // Only the search path counts: a tool elsewhere on PATH is not found.
     EXPECT_FALSE(ToolRunner(QStringList()).run("sh", {}, 1000).started);
 

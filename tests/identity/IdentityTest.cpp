@@ -14,30 +14,29 @@ TEST(ServerDetails, EveryKeyComesFromTheFileAtEachCall)
 {
     edrtest::ScratchPrefix prefix;
     const ServerDetails* s = ServerDetails::getInstance();
-    auto values = [s] {
+    auto values = [s] { // and the server addresses the listener takes commands from
         return s->getServerIP() + QStringLiteral(" %1 ").arg(s->getServerPort()) + s->getServerAPIVersion() +
-               QStringLiteral(" %1 %2").arg(s->getServerSocketPort()).arg(s->getAgentListenPort());
+               QStringLiteral(" %1 %2 [").arg(s->getServerSocketPort()).arg(s->getAgentListenPort()) +
+               s->getConfiguredServerAddresses().join(',') + ']';
     };
-    EXPECT_EQ(values(), "NA 7777 v1 3098 3097");
+    EXPECT_EQ(values(), "NA 7777 v1 3098 3097 []");
     const std::pair<QByteArray, const char*> cases[] = {
         {"[server]\nEDRIP=NA\nACIP=10.0.0.5\n[Server]\nEDRPORT=8080\nEDRSAPIVER=v2\nEDRSPORT=4000\nEDRSLPORT=4001\n",
-         "10.0.0.5 8080 v2 4000 4001"},
-        {"[server]\nEDRIP=na\nACIP=10.0.0.5\n", "na 7777 v1 3098 3097"}, // the fallback is for NA exactly
-        {"[Server]\nEDRIP=10.1.1.1\n[server]\nEDRPORT=9999\n", "NA 7777 v1 3098 3097"},
-        {QByteArray("\x00\xff\xfe[[[server\n==\n", 14), "NA 7777 v1 3098 3097"},
-        {"[Server]\nEDRSLPORT= 65535 \n", "NA 7777 v1 3098 65535"},
+         "10.0.0.5 8080 v2 4000 4001 [10.0.0.5]"},
+        {"[server]\nEDRIP=na\nACIP=10.0.0.5\n", "na 7777 v1 3098 3097 [na,10.0.0.5]"}, // the fallback is for NA exactly
+        {"[Server]\nEDRIP=10.1.1.1\n[server]\nEDRPORT=9999\n", "NA 7777 v1 3098 3097 []"},
+        {QByteArray("\x00\xff\xfe[[[server\n==\n", 14), "NA 7777 v1 3098 3097 []"},
+        {"[Server]\nEDRSLPORT= 65535 \n", "NA 7777 v1 3098 65535 []"},
     };
     for (const auto& [ini, expected] : cases) {
         prefix.writeServerIni(ini);
         EXPECT_EQ(values(), QLatin1String(expected)) << ini.constData();
     }
-    prefix.writeServerIni("[server]\nACIP=10.0.0.5\n");
-    EXPECT_EQ(s->getConfiguredServerAddresses(), QStringList{"10.0.0.5"});
 
     for (const char* bad : {"notanumber", "0", "65536", "-1", "80x", "1,2", ""}) {
         prefix.writeServerIni(QByteArray("[Server]\nEDRSPORT=4000\nEDRSLPORT=") + bad + "\n");
         const int lines = prefix.traceLog().count("EDRSLPORT in serverip.ini is not a port number");
-        EXPECT_EQ(values(), "NA 7777 v1 4000 0") << bad;
+        EXPECT_EQ(values(), "NA 7777 v1 4000 0 []") << bad;
         EXPECT_EQ(prefix.traceLog().count("EDRSLPORT in serverip.ini is not a port number"), lines + 1) << bad;
     }
 }

@@ -23,9 +23,6 @@ TEST(CHardwareInfo, ProcessorAndMemoryAdditions)
     CHardwareInfo::enrichMemoryDevices(odd);
     EXPECT_EQ(odd, (QJsonArray{QJsonObject{{"Name", "Physical Memory"}}, "x",
                                QJsonObject{{"Size", "2048 MB"}, {"Name", "Physical Memory"}, {"Capacity", "2147483648"}}}));
-    QJsonArray cpus{QJsonObject{{"Version", "a"}}, QJsonObject{{"Version", "b"}}};
-    CHardwareInfo::enrichProcessors(cpus);
-    EXPECT_EQ(cpus, (QJsonArray{QJsonObject{{"Version", "a"}, {"Name", "a"}}, QJsonObject{{"Version", "b"}, {"Name", "b"}}}));
 }
 
 TEST(CHardwareInfo, VolumeEdgeCases)
