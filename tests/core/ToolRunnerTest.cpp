@@ -6,11 +6,9 @@
 
 #include <gtest/gtest.h>
 
-using edrtest::FakeToolDir;
-
 TEST(ToolRunner, RunsByNameFromItsSearchPathOnlyInTheCLocale)
 {
-    FakeToolDir tools;
+    edrtest::FakeToolDir tools;
     const QByteArray output("line one\n\0binary\xff tail", 21);
     tools.addTool("lister", output, 3);
     const ToolResult r = tools.runner().run("lister", {"-a", "b c"}, 5000);
@@ -30,7 +28,7 @@ TEST(ToolRunner, RunsByNameFromItsSearchPathOnlyInTheCLocale)
 
 TEST(ToolRunner, EndsTheChildsWholeProcessGroupAtItsLimit)
 {
-    FakeToolDir tools;
+    edrtest::FakeToolDir tools;
     const QByteArray marker = "sleep 987." + QByteArray::number(::getpid());
     // A shell waiting on a grandchild; the grandchild ignores SIGTERM.
     tools.addScript("stuck", "sh -c 'trap \"\" TERM; exec " + marker + "' &\n" + marker + "; true\n");
@@ -41,7 +39,7 @@ TEST(ToolRunner, EndsTheChildsWholeProcessGroupAtItsLimit)
 
 TEST(ToolRunner, CapsFloodingOutputAndStderrIsNotRead)
 {
-    FakeToolDir tools;
+    edrtest::FakeToolDir tools;
     tools.addScript("flood", "echo to-stderr >&2\nhead -c 300000 /dev/zero | tr '\\0' a\n");
     const ToolResult r = tools.runner().run("flood", {}, 10000, 1000);
     EXPECT_TRUE(r.finished && r.outputTruncated);
