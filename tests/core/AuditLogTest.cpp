@@ -35,23 +35,16 @@ TEST(AuditLog, RecordFieldsTimeAndCutCommands)
                                         {"peer", "10.0.0.1"}, {"command", "RPT#$#18#$#1|echo \"hi\""},
                                         {"task", 18}, {"outcome", "refused-peer"}}));
 
-    // 4 KiB of UTF-8 at most, cut between characters and marked.
-    const struct {
-        QString command;
-        int keptBytes;
-        bool cut;
-    } cases[] = {
-        {QString(4096, 'a'), 4096, false},
-        {QString(4095, 'a') + QChar(0xe9), 4095, true},
-        {'a' + QString(2048, QChar(0xe9)), 4095, true},
-    };
-    for (const auto& c : cases) {
+    // 4 KiB of UTF-8 at most, cut between characters (here one less) and marked.
+    const std::pair<QString, bool> cases[] = {{QString(4096, 'a'), false},
+                                              {QString(4095, 'a') + QChar(0xe9), true},
+                                              {'a' + QString(2048, QChar(0xe9)), true}};
+    for (const auto& [command, cut] : cases) {
         const QJsonObject record = parse(AuditLog::recordHead(QDateTime::currentDateTime(), AuditLog::Listener,
-                                                              QString(), c.command, std::nullopt) +
+                                                              QString(), command, std::nullopt) +
                                          AuditLog::recordTail(AuditLog::Done));
-        EXPECT_EQ(record["command"].toString().toUtf8().size(), c.keptBytes);
-        EXPECT_TRUE(c.command.startsWith(record["command"].toString()));
-        EXPECT_EQ(record["truncated"].toBool(), c.cut);
+        EXPECT_EQ(record["command"].toString(), cut ? command.chopped(1) : command);
+        EXPECT_EQ(record["truncated"].toBool(), cut);
         EXPECT_TRUE(record["task"].isNull());
     }
 }
