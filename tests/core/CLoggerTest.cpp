@@ -1,9 +1,9 @@
 #include "core/CLogger.h"
-#include "core/HostPaths.h"
+
+#include "support/TestSupport.h"
 
 #include <QFile>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -12,40 +12,24 @@
 
 using LOGGER::CLogger;
 
-namespace {
-class LoggerTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(dir.isValid());
-        EDR_LOG->setFilePath(path);
-        EDR_LOG->setLevel(CLogger::LEVEL_TRACE);
-    }
-    void TearDown() override
-    {
-        EDR_LOG->setLevel(previousLevel);
-        EDR_LOG->setFilePath(previous);
-    }
-    static QStringList lines(const QString& file)
-    {
-        return QString::fromUtf8(HostPaths::readFile(file)).split('\n', Qt::SkipEmptyParts);
-    }
-    QTemporaryDir dir;
-    const QString path = dir.path() + "/EDR_Track.log";
-    const QString previous = EDR_LOG->filePath();
-    const CLogger::Level previousLevel = EDR_LOG->level();
-};
-} // namespace
+// The scratch prefix points the trace log at a fresh file, level trace, and
+// restores both afterwards.
+static QStringList linesOf(const QByteArray& log)
+{
+    return QString::fromUtf8(log).split('\n', Qt::SkipEmptyParts);
+}
 
 // Rotation is in the audit log's tests, which shares the file.
-TEST_F(LoggerTest, LineFormatThresholdModeRecreationAndFallback)
+TEST(CLogger, LineFormatThresholdModeRecreationAndFallback)
 {
+    edrtest::ScratchPrefix prefix;
+    const QString path = EDR_LOG->filePath();
     EDR_LOG->setLevel(CLogger::LEVEL_INFO);
     EDR_LOG->Trace("o", "trace");
     EDR_LOG->Debug("o", "debug");
     EDR_LOG->Info("bool HttpManager::send(int)", "sent %d of %s", 3, "x");
     EDR_LOG->Error("void f()", 2, "Failed to open %s", "a");
-    const QStringList got = lines(path);
+    const QStringList got = linesOf(prefix.traceLog());
     ASSERT_EQ(got.size(), 2);
     const QRegularExpression info(QStringLiteral(
         R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} INFO \[\d+\] bool HttpManager::send\(int\) \| sent 3 of x$)"));
@@ -56,7 +40,7 @@ TEST_F(LoggerTest, LineFormatThresholdModeRecreationAndFallback)
 
     ASSERT_TRUE(QFile::remove(path));
     EDR_LOG->Info("o", "after");
-    EXPECT_EQ(lines(path).size(), 1);
+    EXPECT_EQ(linesOf(prefix.traceLog()).size(), 1);
 
     // A file that cannot be written: the line goes to stderr, nothing fails.
     EDR_LOG->setFilePath("/nonexistent-dir/sub/EDR_Track.log");
@@ -69,8 +53,9 @@ TEST_F(LoggerTest, LineFormatThresholdModeRecreationAndFallback)
     EXPECT_FALSE(CLogger::parseLevel("verbose", &level));
 }
 
-TEST_F(LoggerTest, ConcurrentWritersNeverInterleave)
+TEST(CLogger, ConcurrentWritersNeverInterleave)
 {
+    edrtest::ScratchPrefix prefix;
     constexpr int kThreads = 8, kLines = 500;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
@@ -80,7 +65,7 @@ TEST_F(LoggerTest, ConcurrentWritersNeverInterleave)
         });
     for (auto& th : threads)
         th.join();
-    const QStringList got = lines(path);
+    const QStringList got = linesOf(prefix.traceLog());
     ASSERT_EQ(got.size(), kThreads * kLines);
     const QRegularExpression whole(QStringLiteral(R"(\| thread \d line \d+ end$)"));
     for (const QString& line : got)
