@@ -1,10 +1,12 @@
 #include "core/AuditLog.h"
+#include "core/Common.h"
 #include "core/HostPaths.h"
+
+#include "support/TestSupport.h"
 
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -51,10 +53,9 @@ TEST(AuditLog, RecordFieldsTimeAndCutCommands)
 
 TEST(AuditLog, PendingLineIsCompletedInPlaceOrAfterARotation)
 {
-    QTemporaryDir dir;
-    const QString path = dir.path() + "/audit.log";
+    edrtest::ScratchPrefix prefix;
+    const QString path = Common::getEdrDirPath() + "/audit.log"; // where the audit log goes by default
     AuditLog* audit = AuditLog::getInstance();
-    audit->setFilePath(path);
 
     const AuditLog::Entry first = audit->begin(AuditLog::Push, "p", "RPT#$#7", 7);
     EXPECT_EQ(outcomes(path), QStringList{"pending"}); // what a crash would leave
@@ -75,5 +76,4 @@ TEST(AuditLog, PendingLineIsCompletedInPlaceOrAfterARotation)
     EXPECT_EQ(parse(HostPaths::readFile(path))["command"], "MOD");
 
     audit->setRotation(10 * 1024 * 1024, 3);
-    audit->setFilePath(QString());
 }

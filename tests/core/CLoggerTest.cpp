@@ -31,8 +31,8 @@ TEST(CLogger, LineFormatThresholdModeRecreationAndFallback)
     EDR_LOG->Error("void f()", 2, "Failed to open %s", "a");
     const QStringList got = linesOf(prefix.traceLog());
     ASSERT_EQ(got.size(), 2);
-    const QRegularExpression info(QStringLiteral(
-        R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} INFO \[\d+\] bool HttpManager::send\(int\) \| sent 3 of x$)"));
+    const QRegularExpression info(
+        R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} INFO \[\d+\] bool HttpManager::send\(int\) \| sent 3 of x$)");
     EXPECT_TRUE(info.match(got[0]).hasMatch()) << qPrintable(got[0]);
     EXPECT_TRUE(got[1].contains(" ERROR ["));
     EXPECT_TRUE(got[1].endsWith("| Failed to open a (errno 2: No such file or directory)")) << qPrintable(got[1]);

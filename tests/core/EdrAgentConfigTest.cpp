@@ -22,11 +22,10 @@ TEST(EdrAgentConfig, StoresValuesPrivatelyAndReadsHandWrittenOrGarbledFiles)
     EXPECT_EQ(config.getTaskLastRunTime("AgentInfo"), when);
     EXPECT_EQ(QFile::permissions(config.path()), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
 
-    const QString path = dir.path() + "/agent.conf";
-    const auto written = [&path](const QByteArray& content) {
-        QFile f(path);
+    const auto written = [&config](const QByteArray& content) { // by hand, over the file above
+        QFile f(config.path());
         EXPECT_TRUE(f.open(QIODevice::WriteOnly) && f.write(content) == content.size());
-        return path;
+        return config.path();
     };
     EdrAgentConfig listed(written("ListenerAllow=10.0.0.0/8, 127.0.0.1\n[TaskLastRun]\nStartUp=yesterday\n"));
     EXPECT_EQ(listed.getSetting("ListenerAllow"), "10.0.0.0/8,127.0.0.1");

@@ -24,8 +24,7 @@ inline HostPaths rootOf(const QString& scenario)
     return HostPaths::fromFixtureRoot(edrtest::fixturePath("roots/" + scenario));
 }
 
-// One fixture machine: its tools, its root, its interfaces, its names; the
-// password ages are judged on 2024-05-20. dmidecode prints
+// The password ages are judged on 2024-05-20. dmidecode prints
 // dmidecode/<scenario>/<type>.stdout, exiting 1 on an empty one as it does
 // without tables; lsblk picks its listing by the columns asked for.
 struct Machine {
