@@ -2,7 +2,6 @@
 #include "control/OSQueryManager.h"
 #include "control/ProcessManager.h"
 #include "control/ServiceManager.h"
-#include "control/StartupAppsManager.h"
 #include "control/TerminalManager.h"
 
 #include "control/ControlTestHelpers.h"
@@ -27,7 +26,6 @@ TEST(DeniedOrders, RunNothingAndReportTheirUsualFailure)
 
     ProcessManager processes(HostPaths(), fakes.runner());
     ServiceManager services(fakes.runner());
-    StartupAppsManager startup;
     FirewallManager firewall(fakes.runner());
     TerminalManager terminal(fakes.runner());
     OSQueryManager queries(fakes.runner());
@@ -41,8 +39,6 @@ TEST(DeniedOrders, RunNothingAndReportTheirUsualFailure)
          {{"_id", "k1"}, {"status", 1}, {"message", "Failed to Kill %s!"}}},
         {[&] { return services.executeSendReportToServer(QStringLiteral("1|ssh.service|s1"), false); }, action,
          {{"_id", "s1"}, {"status", 1}, {"message", "Failed to Perform Service %s Action!"}}},
-        {[&] { return startup.executeSendReportToServer(QStringLiteral("1|app|a1"), false); }, action,
-         {{"_id", "a1"}, {"status", 1}, {"message", "Failed to Enable Startup App - app "}}},
         {[&] { return firewall.executeSendReportToServer(QStringLiteral("1|1|1|f1"), false); }, action,
          {{"_id", "f1"},
           {"status", 1},
