@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <thread>
 #include <utility>
 
@@ -57,20 +56,19 @@ void writeFile(const QString& path, const QByteArray& bytes)
 
 class ScheduleManagerTest : public ::testing::Test {
 protected:
-    void SetUp() override
+    ScheduleManagerTest()
     {
-        manager = std::make_unique<ScheduleManager>();
-        manager->setDispatchForTesting([this](TasksManager::TASK_NAMES task, const QString& arg) {
+        manager.setDispatchForTesting([this](TasksManager::TASK_NAMES task, const QString& arg) {
             dispatched << task;
             EXPECT_TRUE(arg.isEmpty());
             return false;
         });
     }
     int logCount(const QByteArray& text) const { return prefix.traceLog().count(text); }
-    QString scheduleFile() const { return manager->getScheduleFilePath(); }
+    QString scheduleFile() const { return manager.getScheduleFilePath(); }
 
     ScratchPrefix prefix; // trace level, log under the prefix
-    std::unique_ptr<ScheduleManager> manager;
+    ScheduleManager manager;
     QList<int> dispatched;
 };
 
@@ -89,21 +87,21 @@ TEST_F(ScheduleManagerTest, OverlayChangesOnlyNamedValuesAndBadFilesChangeNothin
     for (int i = 0; i < 3000; ++i)
         file += "<Filler" + QByteArray::number(i) + "><Interval>1</Interval></Filler" + QByteArray::number(i) + ">";
     writeFile(scheduleFile(), file + QByteArray("\0<OS_Query><Enabled>1</Enabled></OS_Query>", 42));
-    ASSERT_TRUE(manager->getLatestSchedules());
+    ASSERT_TRUE(manager.getLatestSchedules());
     QStringList expected = defaults();
     expected[TasksManager::StartUp] = QStringLiteral("StartUp 1 1 33 15 0");
     expected[TasksManager::Processes] = QStringLiteral("Processes 1 1 0 15 0");
     expected[TasksManager::Network] = QStringLiteral("Network 1 0 4294967295 42 0");
     expected[TasksManager::Registry] = QStringLiteral("Registry 0 1 5 15 0");
     expected[TasksManager::Event_Logs] = QStringLiteral("Event_Logs 0 0 0 4294967295 0");
-    EXPECT_EQ(dump(manager->getSchedules()), expected);
+    EXPECT_EQ(dump(manager.getSchedules()), expected);
 
     // A newer file changes only what it names; counters go on.
     for (int i = 0; i < 3; ++i)
-        manager->onScheduleTimer();
+        manager.onScheduleTimer();
     writeFile(scheduleFile(), "<Event_Logs><Interval>9</Interval></Event_Logs>");
-    ASSERT_TRUE(manager->getLatestSchedules());
-    const QStringList after = dump(manager->getSchedules());
+    ASSERT_TRUE(manager.getLatestSchedules());
+    const QStringList after = dump(manager.getSchedules());
     EXPECT_EQ(after.at(TasksManager::Network), QStringLiteral("Network 1 0 4294967295 42 3"));
     EXPECT_EQ(after.at(TasksManager::Event_Logs), QStringLiteral("Event_Logs 0 0 9 4294967295 0")); // disabled: frozen
 
@@ -121,12 +119,12 @@ TEST_F(ScheduleManagerTest, OverlayChangesOnlyNamedValuesAndBadFilesChangeNothin
         else if (content)
             writeFile(scheduleFile(), *content);
         const int lines = logCount(line);
-        EXPECT_FALSE(manager->getLatestSchedules()) << line;
+        EXPECT_FALSE(manager.getLatestSchedules()) << line;
         EXPECT_EQ(logCount(line), lines + 1) << line;
-        EXPECT_EQ(dump(manager->getSchedules()), after) << line;
+        EXPECT_EQ(dump(manager.getSchedules()), after) << line;
     }
-    manager->loadDefaultConfig();
-    EXPECT_EQ(dump(manager->getSchedules()), defaults());
+    manager.loadDefaultConfig();
+    EXPECT_EQ(dump(manager.getSchedules()), defaults());
 }
 
 // Local calendar dates count, whatever offset the last run was written with.
@@ -164,7 +162,7 @@ TEST_F(ScheduleManagerTest, ConfigDownloadWritesOnlyARegularFile)
     std::atomic<bool> finished{false};
     bool downloaded = true;
     std::thread call([&] {
-        downloaded = manager->getAgentConfigFromServer();
+        downloaded = manager.getAgentConfigFromServer();
         finished = true;
     });
     if (!waitUntil([&] { return finished.load(); }, 10000)) { // release the blocked writer before failing
@@ -180,9 +178,9 @@ TEST_F(ScheduleManagerTest, ConfigDownloadWritesOnlyARegularFile)
 TEST_F(ScheduleManagerTest, EachTickDispatchesWhatMatchedAndLogsTheFailure)
 {
     writeFile(scheduleFile(), "<AgentInfo><Interval>0</Interval></AgentInfo><StartUp><Interval>2</Interval></StartUp>");
-    ASSERT_TRUE(manager->getLatestSchedules());
+    ASSERT_TRUE(manager.getLatestSchedules());
     for (int i = 0; i < 5; ++i)
-        manager->onScheduleTimer();
+        manager.onScheduleTimer();
     const int agent = TasksManager::AgentInfo, startUp = TasksManager::StartUp;
     EXPECT_EQ(dispatched, (QList<int>{agent, agent, agent, startUp, agent, agent, startUp}));
     EXPECT_EQ(logCount("Schedule Matched! Task Name: AgentInfo"), 5);
@@ -193,7 +191,7 @@ TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenT
 {
     const QByteArray onDisk = "<AgentInfo><Interval>2</Interval></AgentInfo>";
     writeFile(scheduleFile(), onDisk);
-    ASSERT_TRUE(manager->getLatestSchedules());
+    ASSERT_TRUE(manager.getLatestSchedules());
     EdrAgentConfig config; // start-up runs skip what already ran today
     ASSERT_TRUE(config.setTaskLastRunTime(QStringLiteral("StartUp"), QDateTime::currentDateTime()));
     ASSERT_TRUE(config.setTaskLastRunTime(QStringLiteral("AgentInfo"), QDateTime::currentDateTime().addDays(-1)));
@@ -201,9 +199,9 @@ TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenT
     CannedReply reply{200, QByteArray(ScheduleManager::kMaxScheduleFileBytes + 1, ' '), "application/xml"};
     server.setReply(reply);
     prefix.pointAtServer(server.port());
-    manager->startScheduler();
-    EXPECT_TRUE(manager->isSchedulerRunning());
-    EXPECT_EQ(dump(manager->getSchedules()), defaults());
+    manager.startScheduler();
+    EXPECT_TRUE(manager.isSchedulerRunning());
+    EXPECT_EQ(dump(manager.getSchedules()), defaults());
     EXPECT_EQ(HostPaths::readFile(scheduleFile()), onDisk);
     EXPECT_EQ(logCount("Failed to get Agent Config file server."), 1);
     EXPECT_EQ(dispatched, (QList<int>{0, 2, 3, 4, 5, 7, 11, 16}));
@@ -212,13 +210,13 @@ TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenT
     reply = {200, "<?xml version=\"1.0\"?>\r\n<!-- Zeitplan für Agent -->\r\n<AgentInfo><Interval>30</Interval></AgentInfo>\r\n",
              "application/xml"};
     server.setReply(reply);
-    manager->setDispatchForTesting(nullptr);
+    manager.setDispatchForTesting(nullptr);
     const int before = server.requests().size();
-    manager->startScheduler();
-    manager->stopScheduler();
-    EXPECT_FALSE(manager->isSchedulerRunning());
+    manager.startScheduler();
+    manager.stopScheduler();
+    EXPECT_FALSE(manager.isSchedulerRunning());
     EXPECT_EQ(HostPaths::readFile(scheduleFile()), reply.body);
-    EXPECT_EQ(manager->getSchedules().at(0).getInterval(), 30u);
+    EXPECT_EQ(manager.getSchedules().at(0).getInterval(), 30u);
     const QList<RecordedRequest> requests = server.requests().mid(before);
     ASSERT_GE(requests.size(), 2);
     EXPECT_EQ(requests.at(0).method + ' ' + requests.at(0).target, "GET /api/v1/settings/getConfigFile?");
