@@ -44,8 +44,7 @@ TEST(TasksManager, TaskNumbersReachTheirManagers)
     };
     for (int n = 0; n < TasksManager::kTaskCount; ++n) {
         const auto task = static_cast<TasksManager::TASK_NAMES>(n);
-        const QString manager = table.value(n).first;
-        const bool orders = table.value(n).second;
+        const auto [manager, orders] = table.value(n);
         // A short parameter: orders fail before they touch the machine.
         int seen = prefix.traceLog().size();
         EXPECT_FALSE(tasks.sendReportToServer(task, QStringLiteral("x")));
