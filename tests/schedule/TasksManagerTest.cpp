@@ -1,6 +1,8 @@
 #include "schedule/TasksManager.h"
 #include "support/TestSupport.h"
 
+#include <QRegularExpression>
+
 #include <gtest/gtest.h>
 
 using namespace edrtest;
@@ -11,14 +13,11 @@ namespace
 // "Class::method" of every manager entry point that logged its Debug IN in text.
 QStringList entered(const QByteArray& text)
 {
+    static const QRegularExpression in(R"( (\w+::(?:sendRptToServer|executeSendReportToServer))\([^|]*\) \| IN$)",
+                                       QRegularExpression::MultilineOption);
     QStringList calls;
-    for (const QByteArray& line : text.split('\n')) {
-        const QString origin = QString::fromUtf8(line).section(QLatin1String(" | "), 0, 0);
-        const QString call = origin.section(QLatin1Char('('), 0, 0).section(QLatin1Char(' '), -1);
-        if (line.endsWith("| IN") && (call.endsWith(QLatin1String("::sendRptToServer")) ||
-                                      call.endsWith(QLatin1String("::executeSendReportToServer"))))
-            calls << call;
-    }
+    for (auto it = in.globalMatch(QString::fromUtf8(text)); it.hasNext();)
+        calls << it.next().captured(1);
     return calls;
 }
 
