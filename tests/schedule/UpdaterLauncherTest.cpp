@@ -30,8 +30,9 @@ TEST(UpdaterLauncher, PicksTransientUnitOnlyUnderSystemdAndFallsBackToDetached)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         QTemporaryDir root;
-        if (c.systemdRunning)
+        if (c.systemdRunning) {
             ASSERT_TRUE(QDir().mkpath(root.path() + QStringLiteral("/run/systemd/system")));
+        }
         FakeToolDir tools;
         if (c.hasSystemdRun)
             tools.addTool(QStringLiteral("systemd-run"), QByteArray(), c.systemdRunExit);
