@@ -184,9 +184,6 @@ TEST_F(OutboxTest, UnusableFilesAreMovedAsideAndSymlinksNeverFollowed)
     EXPECT_EQ(QDir(dir() + QStringLiteral("/bad")).entryList(QDir::Files | QDir::System).size(), 5);
     EXPECT_FALSE(QFile::exists(dir() + QStringLiteral("/.0000000009-03.rpt.tmp")));
     EXPECT_TRUE(QFileInfo(secret).isFile()); // the link moved, its target untouched
-    const QByteArray log = prefix.traceLog();
-    EXPECT_TRUE(log.contains("0000000005-03.rpt is unusable (a symbolic link)"));
-    EXPECT_TRUE(log.contains("claims 1099511627776 body bytes"));
 
     // The next file number follows the highest one on disk.
     server.setReply({500, "", "text/plain"});
@@ -209,7 +206,6 @@ TEST_F(OutboxTest, DirectoryFaultsKeepNothingAndLoseNothing)
     EXPECT_FALSE(second.open());
     EXPECT_EQ(second.lockHolder(), static_cast<qint64>(::getpid()));
     EXPECT_FALSE(second.keep("test", PROCESSES, "{}", QStringLiteral("x")));
-    EXPECT_TRUE(prefix.traceLog().contains("is in use by another agent"));
     Outbox::releaseInstance();
 
     // The pending directory is a file.

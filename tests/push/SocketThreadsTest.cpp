@@ -51,8 +51,7 @@ TEST(ServerSocketThread, HandshakeMessagesKeepAlivesHalfCloseAndStop)
     LoopbackSocket peer(LoopbackSocket::acceptOne(server.fd, 5000));
     ASSERT_GE(peer.fd, 0);
     const QByteArray handshake = LoopbackSocket::readSome(peer.fd, 5000);
-    EXPECT_TRUE(handshake.startsWith("Connect#$#$")) << handshake.constData();
-    EXPECT_TRUE(handshake.endsWith("#$#$tok-9")) << handshake.constData();
+    EXPECT_TRUE(handshake.startsWith("Connect#$#$") && handshake.endsWith("#$#$tok-9")) << handshake.constData();
     EXPECT_TRUE(thread.getLastConnectionStatus());
 
     // Silence: a keep-alive, the connection stays.
@@ -86,16 +85,13 @@ TEST(ServerSocketThread, HandshakeMessagesKeepAlivesHalfCloseAndStop)
     EXPECT_TRUE(thread.wait(5000));
 }
 
-// No address, a closed port, and a server whose full accept queue drops
-// further SYNs: each ends the run; the last gives up after its (scaled) 5 s,
-// and a stop meanwhile ends it without the "unreachable" line.
+// A closed port, and a server whose full accept queue drops further SYNs:
+// each ends the run; the last gives up after its (scaled) 5 s, and a stop
+// meanwhile ends it without the "unreachable" line.
 TEST(ServerSocketThread, UnreachableOrStalledServersEndTheRunOrAStop)
 {
     ScratchPrefix prefix;
     ServerSocketThread thread;
-    thread.start();
-    ASSERT_TRUE(thread.wait(5000));
-    EXPECT_TRUE(prefix.traceLog().contains("Server Ip Address Not Found!"));
     aim(thread, LoopbackSocket::freePort());
     thread.start();
     ASSERT_TRUE(thread.wait(5000));
@@ -155,8 +151,6 @@ TEST(SocketThreads, StopRightAfterStartIsNotLost)
         listener.setClientPort(static_cast<unsigned int>(LoopbackSocket::freePort()));
         ServerSocketThread connection;
         aim(connection, port);
-        listener.clearStop();
-        connection.clearStop();
         listener.start();
         connection.start();
         listener.requestStop();
