@@ -136,12 +136,10 @@ TEST_F(SocketManagerTest, ReconnectPauseLeavesTheEventLoopRunning)
     EXPECT_GE(ticks, 5); // other timers kept firing during the pause
 }
 
-TEST(SocketManagerSend, SendsRawTextCutToItsBuffer)
+TEST_F(SocketManagerTest, SendMessageToCutsTheTextToItsBuffer)
 {
-    ScratchPrefix prefix;
     int port = 0;
     LoopbackSocket listener(LoopbackSocket::listenOn(&port));
-    SocketManager* manager = SocketManager::getInstance();
     const QString loopback = QStringLiteral("127.0.0.1");
     EXPECT_FALSE(manager->sendMessageTo(loopback, QStringLiteral("x"), 1, false));
     EXPECT_TRUE(manager->sendMessageTo(loopback, QString(5000, QLatin1Char('a')), quint64(port), false));
