@@ -51,11 +51,7 @@ TEST_F(HttpTest, EachModeSendsItsExactBodyHeadersAndRequestCopy)
     ASSERT_TRUE(http->sendDataToServer(true, url("m/bare"), 7, upload, response));
     const QList<RecordedRequest> rs = server.requests();
     ASSERT_EQ(rs.size(), 7);
-    const struct {
-        const char* request;
-        QByteArray body;
-        const char* type;
-    } sent[] = {
+    const struct { const char* request; QByteArray body; const char* type; } sent[] = {
         {"POST /api/v1/machineInfo/addProcesses", "{    \"a\": \"x y\"}", "application/json"},
         {"POST /api/v1/x/y", "{    \"a\": \"1\",    \"b\": \"x y\"}", "application/json"},
         {"POST /api/v1/f/form", "a=1&b=x%20y", "application/x-www-form-urlencoded"},
@@ -89,11 +85,7 @@ TEST_F(HttpTest, RepliesAreTakenUpToTheCapAndFailuresChangeNothing)
 {
     const qint64 max = HttpManager::kMaxReplyBytes;
     const QString untouched = QStringLiteral("untouched");
-    const struct {
-        CannedReply reply;
-        qint64 cap;
-        QString response;
-    } cases[] = {
+    const struct { CannedReply reply; qint64 cap; QString response; } cases[] = {
         {{200, "\"OK\"", "application/json"}, max, QStringLiteral("OK")},
         {{200, "{\"a\":\"b\"}", "application/json"}, max, QStringLiteral("{\"a\":\"b\"}")},
         {{500, "<html>boom</html>", "text/html"}, max, QStringLiteral("<html>boom</html>")},

@@ -44,7 +44,8 @@ protected:
     // Posts the way every manager does; the value tags the body.
     static void post(API_NAME route, const QString& value)
     {
-        ReportSubmitter::postObject("test", route, QJsonObject{{QStringLiteral("v"), value}}, "sent", "failed");
+        ReportSubmitter::postObject("test", route, QJsonObject{{QStringLiteral("v"), value}}, "sent",
+                                    "failed");
     }
     static QByteArray body(const char* value) { return QByteArray("{    \"v\": \"") + value + "\"}"; }
     // A name without a directory lands in the pending directory.
@@ -146,11 +147,8 @@ TEST_F(OutboxTest, BoundsDropOldestSnapshotThenOldestResult)
     post(ACTION_RESULT, QStringLiteral("r3")); // drops the services snapshot
     post(ACTION_RESULT, QStringLiteral("r4")); // only results left: drops r1
     ASSERT_EQ(outbox->entries().size(), 3);
-    for (const Outbox::Entry& e : outbox->entries())
-        EXPECT_EQ(e.header.kind, Kind::Result);
-    for (const char* line : {"dropped pending snapshot of task 3", "dropped pending snapshot of task 2",
-                             "dropped pending result of task 21 (0000000002-21.rpt"})
-        EXPECT_TRUE(prefix.traceLog().contains(line)) << line;
+    EXPECT_EQ(outbox->pendingResults(), 3);
+    EXPECT_FALSE(QFile::exists(dir() + QStringLiteral("/0000000002-21.rpt"))); // r1
 
     // A body beyond the byte bound is refused, and nothing else goes.
     Outbox::releaseInstance();
@@ -218,8 +216,10 @@ TEST_F(OutboxTest, DirectoryFaultsKeepNothingAndLoseNothing)
 
 TEST(OutboxCommandTest, ListingShowsTaskKindAgeAndSize)
 {
-    const Outbox::Entry e{QStringLiteral("0000000001-03.rpt"), 1, {3, Kind::Snapshot, PROCESSES, 3, 1000, 2}, 2048};
-    const QString text = OutboxCommand::listing({e}, {QStringLiteral("x.rpt: a symbolic link")}, 1000 + 3723000);
+    const Outbox::Entry e{QStringLiteral("0000000001-03.rpt"), 1, {3, Kind::Snapshot, PROCESSES, 3, 1000, 2},
+                          2048};
+    const QString text =
+        OutboxCommand::listing({e}, {QStringLiteral("x.rpt: a symbolic link")}, 1000 + 3723000);
     EXPECT_TRUE(text.contains(QStringLiteral("   3  Processes              snapshot  1h 02m")));
     EXPECT_TRUE(text.contains(QStringLiteral("unusable: x.rpt: a symbolic link")));
     EXPECT_EQ(OutboxCommand::listing({}, {}, 0), QStringLiteral("No pending reports.\n"));

@@ -6,12 +6,7 @@
 TEST(PushCommand, ParsesTheCommandTable)
 {
     using K = PushCommand::Kind;
-    const struct {
-        const char* message;
-        K kind;
-        int task;
-        const char* parameter;
-    } cases[] = {
+    const struct { const char* message; K kind; int task; const char* parameter; } cases[] = {
         {"RPT#$#$7#$#0", K::Report, 7, ""}, {"RPT#$#7", K::Report, 7, ""},
         {"RPT#$#$7#$#$0", K::Report, 7, ""}, {"RPT#$#$3#$#$$x|y", K::Report, 3, "$x|y"},
         {"RPT#$#x", K::Report, 0, ""}, {"RPT#$#99999999999999999999", K::Report, 0, ""},
@@ -34,10 +29,7 @@ TEST(PushCommand, ParsesTheCommandTable)
 
 TEST(OrderPolicy, EachOrderHasItsKeyAndNothingElseIsGoverned)
 {
-    const struct {
-        const char* message;
-        const char* key;
-    } cases[] = {
+    const struct { const char* message; const char* key; } cases[] = {
         {"RPT#$#18#$#1|ls", "Terminal"}, {"RPT#$#$18", "Terminal"},     {"RPT#$#24#$#'1|select 1'", "Osquery"},
         {"ACT#$#3#$#1|9|x", "Kill"},     {"ACT#$#2#$#1|a|x", "ServiceOrders"}, {"ACT#$#1#$#1|a|x", "StartupApps"},
         {"ACT#$#22#$#1|1|1|x", "Firewall"}, {"UPD#$#AGENT", "Update"},  {"RESET#$#TRACE_LOG", "TraceLogReset"},

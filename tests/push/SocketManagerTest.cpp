@@ -59,8 +59,8 @@ TEST_F(SocketManagerTest, CommandsAreDispatchedGovernedByPolicyAndAudited)
                     const char* peer = "127.0.0.1") {
         const bool pushed = qstrcmp(peer, "127.0.0.1") != 0;
         manager->processCommand(QLatin1String(peer), command, pushed ? AuditLog::Push : AuditLog::Listener);
-        expected << QJsonObject{{"channel", pushed ? "push" : "listener"}, {"peer", peer}, {"command", command},
-                                {"task", task}, {"outcome", outcome}};
+        expected << QJsonObject{{"channel", pushed ? "push" : "listener"}, {"peer", peer},
+                                {"command", command}, {"task", task}, {"outcome", outcome}};
     };
     const QJsonValue none = QJsonValue::Null;
 
@@ -87,7 +87,7 @@ TEST_F(SocketManagerTest, CommandsAreDispatchedGovernedByPolicyAndAudited)
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     send(QStringLiteral("RPT#$#$0#$#0"), 0, "done", "10.0.0.5");
     EXPECT_TRUE(auditSeenByServer.endsWith("\"outcome\":\"pending\"     }\n")) << auditSeenByServer.constData();
-    manager->processCommand(QStringLiteral("10.0.0.5"), QStringLiteral("keep-alive"), AuditLog::Push); // no record
+    manager->processCommand(QStringLiteral("10.0.0.5"), QStringLiteral("keep-alive"), AuditLog::Push);
     // Task numbers outside the table never reach the dispatcher.
     for (int task : {25, -1, 4096})
         send(QStringLiteral("ACT#$#%1#$#x").arg(task), task, "malformed");
@@ -99,7 +99,7 @@ TEST_F(SocketManagerTest, CommandsAreDispatchedGovernedByPolicyAndAudited)
 
     send(QStringLiteral("MOD#$#AGENT_CONFIG_CHANGE#$#ignored"), none, "done");
     EXPECT_EQ(server.requests().last().target, "/api/v1/settings/getConfigFile?");
-    QFile(Common::getRootPath() + QStringLiteral("/edragentupd.sh")).open(QIODevice::WriteOnly); // does nothing
+    QFile(Common::getRootPath() + QStringLiteral("/edragentupd.sh")).open(QIODevice::WriteOnly); // empty
     send(QStringLiteral("UPD#$#AGENT"), none, "done");
 
     // The reset clears the trace log (the audit log outlives it); a trace log

@@ -42,8 +42,8 @@ TEST(ServerSocketThread, HandshakeMessagesKeepAlivesHalfCloseAndStop)
 
     LoopbackSocket peer(LoopbackSocket::acceptOne(server.fd, 5000));
     ASSERT_GE(peer.fd, 0);
-    const QByteArray handshake = LoopbackSocket::readSome(peer.fd, 5000);
-    EXPECT_TRUE(handshake.startsWith("Connect#$#$") && handshake.endsWith("#$#$tok-9")) << handshake.constData();
+    const QByteArray hello = LoopbackSocket::readSome(peer.fd, 5000);
+    EXPECT_TRUE(hello.startsWith("Connect#$#$") && hello.endsWith("#$#$tok-9")) << hello.constData();
     EXPECT_TRUE(thread.getLastConnectionStatus());
 
     // Silence: a keep-alive, the connection stays.
@@ -104,9 +104,9 @@ TEST(ServerSocketThread, UnreachableOrStalledServersEndTheRunOrAStop)
     EXPECT_TRUE(prefix.traceLog().contains("(errno 110:"));
 
     const int unreachable = prefix.traceLog().count("unreachable");
-    const int connecting = prefix.traceLog().count("Connecting to Server");
+    const int tries = prefix.traceLog().count("Connecting to Server");
     thread.start(); // full 5 s now
-    ASSERT_TRUE(waitUntil([&] { return prefix.traceLog().count("Connecting to Server") > connecting; }, 5000));
+    ASSERT_TRUE(waitUntil([&] { return prefix.traceLog().count("Connecting to Server") > tries; }, 5000));
     thread.requestStop();
     ASSERT_TRUE(thread.wait(3000));
     EXPECT_EQ(prefix.traceLog().count("unreachable"), unreachable);
@@ -196,7 +196,8 @@ TEST(Listener, BindRetryAllowListOneMessagePerClientAndSilentClients)
     EXPECT_TRUE(prefix.traceLog().contains("sent nothing; dropped"));
     EXPECT_EQ(exchange("MOD#$#AGENT_CONFIG_CHANGE"), QByteArray("OK"));
     ASSERT_EQ(messages.count(), 3);
-    EXPECT_EQ(messages.at(0), (QVariantList{QStringLiteral("127.0.0.1"), QStringLiteral("RESET#$#TRACE_LOG")}));
+    EXPECT_EQ(messages.at(0),
+              (QVariantList{QStringLiteral("127.0.0.1"), QStringLiteral("RESET#$#TRACE_LOG")}));
     EXPECT_EQ(messages.at(1).at(1).toString(), QString(4096, QLatin1Char('A')));
     EXPECT_EQ(messages.at(2).at(1).toString(), QStringLiteral("MOD#$#AGENT_CONFIG_CHANGE"));
 }
@@ -208,12 +209,11 @@ TEST(ListenerAllowList, DefaultsAndOverrides)
     const ListenerAllowList custom = ListenerAllowList::fromSettings(
         {QStringLiteral("192.0.2.10")}, QStringLiteral("10.1.0.0/16, 198.51.100.4,bogus, 300.1.1.1"), &rejected);
     EXPECT_EQ(rejected, (QStringList{QStringLiteral("bogus"), QStringLiteral("300.1.1.1")}));
-    const struct {
-        const char* peer;
-        bool byDefault, custom;
-    } cases[] = {{"127.0.0.1", true, false},         {"127.8.9.10", true, false}, {"192.0.2.10", true, false},
-                 {"::ffff:192.0.2.10", true, false}, {"192.0.2.11", false, false}, {"10.0.0.1", false, false},
-                 {"10.1.200.3", false, true},        {"198.51.100.4", false, true}, {"10.2.0.1", false, false}};
+    const struct { const char* peer; bool byDefault, custom; } cases[] = {
+        {"127.0.0.1", true, false},         {"127.8.9.10", true, false},  {"192.0.2.10", true, false},
+        {"::ffff:192.0.2.10", true, false}, {"192.0.2.11", false, false}, {"10.0.0.1", false, false},
+        {"10.1.200.3", false, true},        {"198.51.100.4", false, true}, {"10.2.0.1", false, false},
+    };
     for (const auto& c : cases) {
         EXPECT_EQ(defaults.allows(QHostAddress(QLatin1String(c.peer))), c.byDefault) << c.peer;
         EXPECT_EQ(custom.allows(QHostAddress(QLatin1String(c.peer))), c.custom) << c.peer;
