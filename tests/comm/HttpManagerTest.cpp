@@ -117,8 +117,7 @@ TEST_F(HttpTest, CheckPortProbesTcp)
     EXPECT_TRUE(http->isServerReachable(QStringLiteral("127.0.0.1"), server.port()));
     EXPECT_FALSE(http->checkPort("127.0.0.1", 1));
 
-    // With every descriptor below 1024 taken the probe's socket lands past
-    // what an fd_set can hold.
+    // Every descriptor below 1024 taken: the probe's socket lands past what an fd_set holds.
     rlimit saved{};
     ::getrlimit(RLIMIT_NOFILE, &saved);
     if (saved.rlim_max < 1100)

@@ -68,7 +68,7 @@ TEST(PendingReport, HeaderRoundTripsAndRejectsAnythingElse)
     ASSERT_TRUE(h);
     EXPECT_TRUE(h->task == 3 && h->route == PROCESSES && h->length == 42 && h->createdMs == 1700000000000);
     EXPECT_EQ(good.mid(used), "body");
-    EXPECT_TRUE(good.startsWith("0003 ")); // the leading task number the old reader takes
+    EXPECT_TRUE(good.startsWith("0003 ")); // the file still opens with the zero-padded task number
 
     // Every truncation of the line is refused, as are foreign or inconsistent headers.
     for (int n = 0; n < used; ++n)

@@ -25,8 +25,7 @@ class SocketManagerTest : public ::testing::Test, protected ServerUnderTest {
 protected:
     void SetUp() override
     {
-        // Fresh managers: the schedule manager keeps the file path of the
-        // prefix it was created under.
+        // Fresh managers: the schedule manager keeps the prefix it was created under.
         SocketManager::releaseInstance();
         ScheduleManager::releaseInstance();
         manager = SocketManager::getInstance();
@@ -76,6 +75,8 @@ TEST_F(SocketManagerTest, CommandsAreDispatchedGovernedByPolicyAndAudited)
     EXPECT_TRUE(log.contains("Policy Terminal has the unknown value 'maybe'; treated as deny"));
     EXPECT_EQ(log.count("has the unknown value"), 1); // " DENY " and "Deny" are known
     // The refused kill and terminal order report their usual failure.
+    EXPECT_EQ(QJsonDocument::fromJson(server.requests().at(0).body).object(),
+              QJsonObject({{"_id", "req-1"}, {"status", 1}, {"message", "Failed to Kill %s!"}}));
     EXPECT_EQ(posted("cmdAndPS/cmdOutput", 2),
               QJsonObject({{"_id", "t1"}, {"cmd", "ls"}, {"status", 1}, {"Error", 0}}));
 
