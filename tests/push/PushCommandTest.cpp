@@ -1,3 +1,4 @@
+#include "push/OrderPolicy.h"
 #include "push/PushCommand.h"
 
 #include <gtest/gtest.h>
@@ -5,12 +6,7 @@
 TEST(PushCommand, ParsesTheCommandTable)
 {
     using K = PushCommand::Kind;
-    const struct {
-        const char* message;
-        K kind;
-        int task;
-        const char* parameter;
-    } cases[] = {
+    const struct { const char* message; K kind; int task; const char* parameter; } cases[] = {
         {"RPT#$#$7#$#0", K::Report, 7, ""}, {"RPT#$#7", K::Report, 7, ""},
         {"RPT#$#$7#$#$0", K::Report, 7, ""}, {"RPT#$#$3#$#$$x|y", K::Report, 3, "$x|y"},
         {"RPT#$#x", K::Report, 0, ""}, {"RPT#$#99999999999999999999", K::Report, 0, ""},
@@ -28,4 +24,20 @@ TEST(PushCommand, ParsesTheCommandTable)
         EXPECT_EQ(command.task, c.task) << c.message;
         EXPECT_EQ(command.parameter, QString::fromUtf8(c.parameter)) << c.message;
     }
+}
+
+
+TEST(OrderPolicy, EachOrderHasItsKeyAndNothingElseIsGoverned)
+{
+    const struct { const char* message; const char* key; } cases[] = {
+        {"RPT#$#18#$#1|ls", "Terminal"}, {"RPT#$#$18", "Terminal"},     {"RPT#$#24#$#'1|select 1'", "Osquery"},
+        {"ACT#$#3#$#1|9|x", "Kill"},     {"ACT#$#2#$#1|a|x", "ServiceOrders"}, {"ACT#$#1#$#1|a|x", "StartupApps"},
+        {"ACT#$#22#$#1|1|1|x", "Firewall"}, {"UPD#$#AGENT", "Update"},  {"RESET#$#TRACE_LOG", "TraceLogReset"},
+        // Reports of the same tasks, and everything else, are not orders.
+        {"RPT#$#3", ""}, {"RPT#$#22", ""}, {"ACT#$#18#$#1|ls", ""}, {"MOD#$#AGENT_CONFIG_CHANGE", ""},
+        {"UPD#$#OTHER", ""}, {"RESET", ""},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(OrderPolicy::keyFor(PushCommand::parse(QString::fromLatin1(c.message))), QLatin1String(c.key))
+            << c.message;
 }
