@@ -12,16 +12,13 @@ namespace edrtest {
 
 AgentProcess::AgentProcess() : m_env(QProcessEnvironment::systemEnvironment())
 {
-    QDir().mkpath(settingsDir());
     m_env.insert(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("0.01"));
 }
 
 AgentProcess::~AgentProcess()
 {
-    if (m_process.state() != QProcess::NotRunning) {
-        m_process.kill();
-        m_process.waitForFinished(5000);
-    }
+    m_process.kill();
+    m_process.waitForFinished(5000);
 }
 
 void AgentProcess::writeFile(const QString& path, const QByteArray& content)
@@ -35,7 +32,7 @@ void AgentProcess::writeFile(const QString& path, const QByteArray& content)
 void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort,
                                   const QByteArray& extraServerKeys)
 {
-    writeFile(settingsDir() + QStringLiteral("/serverip.ini"),
+    writeFile(prefix() + QStringLiteral("/etc/edr-agent/serverip.ini"),
               serverIni(httpPort, socketPort, listenPort, extraServerKeys));
 }
 
@@ -46,16 +43,9 @@ void AgentProcess::prependPath(const QString& dir)
 
 bool AgentProcess::start(const QStringList& extraArgs, const QStringList& wrapper)
 {
-    QStringList args{QStringLiteral("--prefix"), prefix(), QStringLiteral("--log-level"), QStringLiteral("trace")};
-    args += extraArgs;
+    const QStringList command = wrapper + QStringList{EDR_AGENT_BIN, "--prefix", prefix(), "--log-level", "trace"};
     m_process.setProcessEnvironment(m_env);
-    if (wrapper.isEmpty()) {
-        m_process.start(QStringLiteral(EDR_AGENT_BIN), args);
-    } else {
-        QStringList full = wrapper.mid(1);
-        full << QStringLiteral(EDR_AGENT_BIN) << args;
-        m_process.start(wrapper.first(), full);
-    }
+    m_process.start(command.first(), command.mid(1) + extraArgs);
     return m_process.waitForStarted(10000);
 }
 

@@ -17,7 +17,6 @@ public:
     ~AgentProcess();
 
     QString prefix() const { return m_dir.path(); }
-    QString settingsDir() const { return prefix() + QStringLiteral("/etc/edr-agent"); }
     QString dataDir() const { return prefix() + QStringLiteral("/var/lib/edr-agent"); }
     QString logPath() const { return dataDir() + QStringLiteral("/EDR_Track.log"); }
 

@@ -1,6 +1,5 @@
 #include "support/TestCertificates.h"
 
-#include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -30,12 +29,6 @@ openssl ca -batch -notext -config ca.cnf -cert ca.pem -keyfile ca.key -in server
 pin server.key server.pin; pin ca.key other.pin
 )sh";
 
-QByteArray readAll(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll().trimmed() : QByteArray();
-}
-
 std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
 {
     QProcess shell;
@@ -46,18 +39,14 @@ std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
         std::fprintf(stderr, "test certificates: %s\n", shell.readAllStandardError().constData());
         return nullptr;
     }
-    auto c = std::make_unique<TestCertificates>();
-    const QDir d(dir.path());
-    c->dir = dir.path();
-    c->caFile = d.filePath(QStringLiteral("ca.pem"));
-    c->otherCaFile = d.filePath(QStringLiteral("other-ca.pem"));
-    c->serverCert = d.filePath(QStringLiteral("server.pem"));
-    c->otherNameCert = d.filePath(QStringLiteral("other-name.pem"));
-    c->expiredCert = d.filePath(QStringLiteral("expired.pem"));
-    c->serverKey = d.filePath(QStringLiteral("server.key"));
-    c->serverPin = readAll(d.filePath(QStringLiteral("server.pin")));
-    c->otherPin = readAll(d.filePath(QStringLiteral("other.pin")));
-    return c;
+    const auto file = [&](const char* name) { return dir.filePath(QLatin1String(name)); };
+    const auto pin = [&](const char* name) {
+        QFile f(file(name));
+        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    };
+    return std::unique_ptr<TestCertificates>(new TestCertificates{
+        dir.path(), file("ca.pem"), file("other-ca.pem"), file("server.pem"), file("other-name.pem"),
+        file("expired.pem"), file("server.key"), pin("server.pin"), pin("other.pin")});
 }
 } // namespace
 

@@ -97,16 +97,13 @@ void FakeToolDir::addScript(const QString& tool, const QByteArray& shellBody)
 
 QList<QStringList> FakeToolDir::invocations(const QString& tool) const
 {
-    QList<QStringList> out;
     QFile f(path() + QLatin1Char('/') + tool + QStringLiteral(".args"));
-    if (!f.open(QIODevice::ReadOnly))
-        return out;
-    const QList<QByteArray> lines = f.readAll().split('\n');
-    for (const QByteArray& line : lines) {
-        if (line.isEmpty() && &line == &lines.last())
-            continue;
+    f.open(QIODevice::ReadOnly);
+    QList<QByteArray> lines = f.readAll().split('\n');
+    lines.removeLast(); // each line ends with a newline
+    QList<QStringList> out;
+    for (const QByteArray& line : lines)
         out << (line.isEmpty() ? QStringList() : QString::fromUtf8(line).split(QChar(0x1f)));
-    }
     return out;
 }
 
@@ -339,23 +336,14 @@ void FakeHttpServer::handle(int fd)
     const QList<QByteArray> requestLine = lines.first().trimmed().split(' ');
     req.method = requestLine.value(0);
     req.target = requestLine.value(1);
-    qint64 length = 0;
-    bool expectContinue = false;
     for (int i = 1; i < lines.size(); ++i) {
-        const QByteArray line = lines[i].trimmed();
-        const int colon = line.indexOf(':');
-        if (colon < 0)
-            continue;
-        const QByteArray name = line.left(colon);
-        const QByteArray value = line.mid(colon + 1).trimmed();
-        req.headers << qMakePair(name, value);
-        if (name.toLower() == "content-length")
-            length = value.toLongLong();
-        if (name.toLower() == "expect" && value.toLower() == "100-continue")
-            expectContinue = true;
+        const int colon = lines[i].indexOf(':');
+        if (colon >= 0)
+            req.headers << qMakePair(lines[i].left(colon).trimmed(), lines[i].mid(colon + 1).trimmed());
     }
+    const qint64 length = req.header("Content-Length").toLongLong();
     buf.remove(0, headEnd + 4);
-    if (expectContinue && buf.size() < length) {
+    if (req.header("Expect").toLower() == "100-continue" && buf.size() < length) {
         static const char cont[] = "HTTP/1.1 100 Continue\r\n\r\n";
         ::send(fd, cont, sizeof cont - 1, MSG_NOSIGNAL);
     }
