@@ -25,8 +25,7 @@ using namespace edrtest;
 namespace {
 QString header(const QJsonObject& request, const QString& name)
 {
-    const QJsonArray headers = request.value(QStringLiteral("headers")).toArray();
-    for (const QJsonValue& h : headers)
+    for (const QJsonValue& h : request.value(QStringLiteral("headers")).toArray())
         if (h.toArray().at(0).toString().compare(name, Qt::CaseInsensitive) == 0)
             return h.toArray().at(1).toString();
     return QString();
@@ -42,10 +41,8 @@ QByteArray sendToListener(int port, const QByteArray& command)
 
 QByteArray tlsKeys(const QString& caFile, const QByteArray& pin)
 {
-    QByteArray keys = "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(caFile) + "\n";
-    if (!pin.isEmpty())
-        keys += "EDRPINNEDKEY=" + pin + "\n";
-    return keys;
+    return "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(caFile) + "\n" +
+           (pin.isEmpty() ? QByteArray() : "EDRPINNEDKEY=" + pin + "\n");
 }
 
 QStringList tlsArgs(const TestCertificates& c, const QString& cert)
@@ -108,10 +105,10 @@ TEST(AgentConsole, FullLifecycleOverTls)
     EXPECT_TRUE(handshake.endsWith(QStringLiteral("#$#$") + token)) << qPrintable(handshake);
     ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 20000));
-    QFile audit(agent.dataDir() + QStringLiteral("/audit.log"));
-    ASSERT_TRUE(waitUntil([&] { return audit.exists(); }, 10000));
-    ASSERT_TRUE(audit.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(audit.readAll().startsWith(R"({"channel":"push","command":"RPT#$#$0#$#0","peer":"127.0.0.1","task":0,)"));
+    EXPECT_TRUE(waitUntil([&] {
+        return HostPaths::readFile(agent.dataDir() + QStringLiteral("/audit.log"))
+            .startsWith(R"({"channel":"push","command":"RPT#$#$0#$#0","peer":"127.0.0.1","task":0,)");
+    }, 10000));
 
     // A connection the server ends is made again after the pause.
     console.admin("POST", "/admin/close-connections");
@@ -191,12 +188,6 @@ TEST(Tls, UntrustedServersGetNothing)
 {
     const TestCertificates* certs = TestCertificates::get();
     ASSERT_TRUE(certs);
-    const QString garbageCa = certs->dir + QStringLiteral("/garbage.pem");
-    {
-        QFile f(garbageCa);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write("-----BEGIN CERTIFICATE-----\nnot base64 at all\n-----END CERTIFICATE-----\n");
-    }
     struct Case {
         const char* name;
         QString consoleCert; // empty: a plain console
@@ -217,7 +208,7 @@ TEST(Tls, UntrustedServersGetNothing)
         {"wrong pin", good, certs->caFile, certs->otherPin, "does not match pinned public key",
          "does not match EDRPINNEDKEY"},
         {"plain server", {}, certs->caFile, {}, "wrong version number", "handshake timed out"},
-        {"garbage CA file", good, garbageCa, {}, "error setting certificate", "cannot load CA file"},
+        {"garbage CA file", good, certs->dir + "/garbage.pem", {}, "error setting certificate", "cannot load CA file"},
         {"missing CA file", good, certs->dir + "/none.pem", {}, "error setting certificate", "cannot load CA file"},
         {"pin in the wrong form", good, certs->caFile, "md5//AAAA", "is not sha256//<base64>",
          "is not sha256//<base64>"},

@@ -3,8 +3,8 @@
 #include "support/AgentProcess.h"
 #include "support/TestSupport.h"
 
-#include <QElapsedTimer>
 #include <QDir>
+#include <QElapsedTimer>
 
 #include <gtest/gtest.h>
 
@@ -42,11 +42,9 @@ TEST(ServiceBinary, RefusesToRunWithoutRootSayingSoOnce)
         ASSERT_TRUE(agent.waitForExit(20000));
         EXPECT_EQ(agent.exitCode(), 13);
         EXPECT_EQ(agent.standardError().count(message), 1) << logWritable;
-        if (!logWritable)
-            continue;
         const QByteArray log = agent.log();
-        EXPECT_EQ(log.count('\n'), 1) << log.constData();
-        EXPECT_TRUE(log.contains(" ERROR [") && log.contains("int main(int, char**) | " + message)) << log.constData();
+        EXPECT_EQ(log.count('\n'), logWritable ? 1 : 0) << log.constData();
+        EXPECT_EQ(log.contains(" ERROR [") && log.contains("int main(int, char**) | " + message), logWritable);
     }
 }
 
@@ -74,7 +72,6 @@ TEST(ServiceBinary, SigtermEndsARegistrationWaitAtOnce)
         ASSERT_TRUE(agent.waitForExit(15000));
         EXPECT_LT(clock.elapsed(), 5000);
         EXPECT_EQ(agent.exitCode(), 0);
-        EXPECT_TRUE(agent.log().contains("Agent Service : terminate signal catched"));
     }
 }
 

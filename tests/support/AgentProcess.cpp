@@ -36,11 +36,6 @@ void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort,
               serverIni(httpPort, socketPort, listenPort, extraServerKeys));
 }
 
-void AgentProcess::prependPath(const QString& dir)
-{
-    m_env.insert(QStringLiteral("PATH"), dir + QLatin1Char(':') + m_env.value(QStringLiteral("PATH")));
-}
-
 bool AgentProcess::start(const QStringList& extraArgs, const QStringList& wrapper)
 {
     const QStringList command = wrapper + QStringList{EDR_AGENT_BIN, "--prefix", prefix(), "--log-level", "trace"};
@@ -58,12 +53,6 @@ void AgentProcess::signal(int sig)
 {
     if (m_process.processId() > 0)
         ::kill(static_cast<pid_t>(m_process.processId()), sig);
-}
-
-QByteArray AgentProcess::log() const
-{
-    QFile f(logPath());
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
 bool AgentProcess::waitForLog(const QByteArray& text, int timeoutMs, int occurrences) const

@@ -2,6 +2,8 @@
 
 // Runs the built edr-agent binary under a temporary --prefix for end-to-end tests.
 
+#include "core/HostPaths.h"
+
 #include <QByteArray>
 #include <QProcess>
 #include <QProcessEnvironment>
@@ -24,7 +26,6 @@ public:
                         const QByteArray& extraServerKeys = QByteArray());
     void writeFile(const QString& path, const QByteArray& content);
     void setEnv(const QString& name, const QString& value) { m_env.insert(name, value); }
-    void prependPath(const QString& dir); // fake tools first on the agent's PATH
 
     // Starts the daemon (no command) or a one-shot command such as {"report", "hardware"}.
     bool start(const QStringList& extraArgs = {}, const QStringList& wrapper = {});
@@ -34,7 +35,7 @@ public:
     QByteArray standardOutput() { return m_process.readAllStandardOutput(); }
     QByteArray standardError() { return m_process.readAllStandardError(); }
 
-    QByteArray log() const;
+    QByteArray log() const { return HostPaths::readFile(logPath()); }
     // Polls the trace log (the event loop of the test keeps running).
     bool waitForLog(const QByteArray& text, int timeoutMs, int occurrences = 1) const;
 

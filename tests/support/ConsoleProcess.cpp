@@ -2,6 +2,8 @@
 
 #include "support/TestSupport.h"
 
+#include "core/HostPaths.h"
+
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
@@ -18,9 +20,7 @@ ConsoleProcess::ConsoleProcess(const QStringList& extraArgs) : m_tls(extraArgs.c
                                 m_dir.path() + "/schedule.db", "--port-file", portFile} + extraArgs);
     if (!m_process.waitForStarted(10000) || !waitUntil([&] { return QFile::exists(portFile); }, 10000))
         return;
-    QFile f(portFile);
-    f.open(QIODevice::ReadOnly);
-    const QJsonObject ports = QJsonDocument::fromJson(f.readAll()).object();
+    const QJsonObject ports = QJsonDocument::fromJson(HostPaths::readFile(portFile)).object();
     m_httpPort = ports.value(QStringLiteral("http")).toInt();
     m_socketPort = ports.value(QStringLiteral("socket")).toInt();
 }
@@ -36,9 +36,7 @@ QList<QJsonObject> ConsoleProcess::requests(const QString& route) const
     QList<QJsonObject> out;
     const QDir dir(dataDir() + QStringLiteral("/reports"));
     for (const QString& name : dir.entryList({QStringLiteral("*.json")}, QDir::Files, QDir::Name)) {
-        QFile f(dir.filePath(name));
-        f.open(QIODevice::ReadOnly);
-        const QJsonObject doc = QJsonDocument::fromJson(f.readAll()).object();
+        const QJsonObject doc = QJsonDocument::fromJson(HostPaths::readFile(dir.filePath(name))).object();
         // An empty one is still being written.
         if (!doc.isEmpty() && (route.isEmpty() || doc.value(QStringLiteral("route")).toString() == route))
             out << doc;

@@ -1,5 +1,7 @@
 #include "support/TestCertificates.h"
 
+#include "core/HostPaths.h"
+
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -27,6 +29,7 @@ mkdir db; touch db/index.txt; echo 04 > db/serial
 printf '[ca]\ndefault_ca=d\n[d]\ndatabase=db/index.txt\nnew_certs_dir=db\nserial=db/serial\ndefault_md=sha256\npolicy=p\n[p]\ncommonName=supplied\n' > ca.cnf
 openssl ca -batch -notext -config ca.cnf -cert ca.pem -keyfile ca.key -in server.csr -extfile san-ip -startdate 20000101000000Z -enddate 20010101000000Z -out expired.pem 2>/dev/null
 pin server.key server.pin; pin ca.key other.pin
+printf -- '-----BEGIN CERTIFICATE-----\nnot base64 at all\n-----END CERTIFICATE-----\n' > garbage.pem
 )sh";
 
 std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
@@ -40,13 +43,9 @@ std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
         return nullptr;
     }
     const auto file = [&](const char* name) { return dir.filePath(QLatin1String(name)); };
-    const auto pin = [&](const char* name) {
-        QFile f(file(name));
-        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-    };
     return std::unique_ptr<TestCertificates>(new TestCertificates{
         dir.path(), file("ca.pem"), file("other-ca.pem"), file("server.pem"), file("other-name.pem"),
-        file("expired.pem"), file("server.key"), pin("server.pin"), pin("other.pin")});
+        file("expired.pem"), file("server.key"), HostPaths::readFile(file("server.pin")), HostPaths::readFile(file("other.pin"))});
 }
 } // namespace
 

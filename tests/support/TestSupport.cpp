@@ -2,6 +2,7 @@
 
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/HostPaths.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -129,8 +130,7 @@ ScratchPrefix::~ScratchPrefix()
 
 QByteArray ScratchPrefix::traceLog() const
 {
-    QFile f(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log"));
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    return HostPaths::readFile(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log"));
 }
 
 void ScratchPrefix::writeServerIni(const QByteArray& content)

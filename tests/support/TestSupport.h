@@ -7,7 +7,6 @@
 #include <QByteArray>
 #include <QJsonObject>
 #include <QList>
-#include <QMutex>
 #include <QPair>
 #include <QString>
 #include <QStringList>
