@@ -1,7 +1,5 @@
 #include "support/AgentProcess.h"
 
-#include "support/TestSupport.h"
-
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -44,20 +42,10 @@ bool AgentProcess::start(const QStringList& extraArgs, const QStringList& wrappe
     return m_process.waitForStarted(10000);
 }
 
-bool AgentProcess::waitForExit(int timeoutMs)
-{
-    return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
-}
-
 void AgentProcess::signal(int sig)
 {
     if (m_process.processId() > 0)
         ::kill(static_cast<pid_t>(m_process.processId()), sig);
-}
-
-bool AgentProcess::waitForLog(const QByteArray& text, int timeoutMs, int occurrences) const
-{
-    return waitUntil([&] { return log().count(text) >= occurrences; }, timeoutMs);
 }
 
 } // namespace edrtest

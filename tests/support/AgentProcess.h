@@ -3,6 +3,7 @@
 // Runs the built edr-agent binary under a temporary --prefix for end-to-end tests.
 
 #include "core/HostPaths.h"
+#include "support/TestSupport.h"
 
 #include <QByteArray>
 #include <QProcess>
@@ -29,7 +30,10 @@ public:
 
     // Starts the daemon (no command) or a one-shot command such as {"report", "hardware"}.
     bool start(const QStringList& extraArgs = {}, const QStringList& wrapper = {});
-    bool waitForExit(int timeoutMs);
+    bool waitForExit(int timeoutMs)
+    {
+        return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
+    }
     int exitCode() const { return m_process.exitCode(); }
     void signal(int sig);
     QByteArray standardOutput() { return m_process.readAllStandardOutput(); }
@@ -37,7 +41,10 @@ public:
 
     QByteArray log() const { return HostPaths::readFile(logPath()); }
     // Polls the trace log (the event loop of the test keeps running).
-    bool waitForLog(const QByteArray& text, int timeoutMs, int occurrences = 1) const;
+    bool waitForLog(const QByteArray& text, int timeoutMs, int occurrences = 1) const
+    {
+        return waitUntil([&] { return log().count(text) >= occurrences; }, timeoutMs);
+    }
 
 private:
     QTemporaryDir m_dir;

@@ -1,7 +1,5 @@
 #include "support/ConsoleProcess.h"
 
-#include "support/TestSupport.h"
-
 #include "core/HostPaths.h"
 
 #include <QDir>
@@ -42,11 +40,6 @@ QList<QJsonObject> ConsoleProcess::requests(const QString& route) const
             out << doc;
     }
     return out;
-}
-
-bool ConsoleProcess::waitForRequests(const QString& route, int count, int timeoutMs) const
-{
-    return waitUntil([&] { return requests(route).size() >= count; }, timeoutMs);
 }
 
 QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pathAndQuery, const QByteArray& body) const

@@ -3,6 +3,8 @@
 // Runs the reference console (build/edr-console) on free loopback ports with a
 // temporary data directory, and reads back what it stored.
 
+#include "support/TestSupport.h"
+
 #include <QByteArray>
 #include <QJsonArray>
 #include <QJsonObject>
@@ -25,7 +27,10 @@ public:
 
     // Stored requests, oldest first, optionally only those of one route.
     QList<QJsonObject> requests(const QString& route = QString()) const;
-    bool waitForRequests(const QString& route, int count, int timeoutMs) const;
+    bool waitForRequests(const QString& route, int count, int timeoutMs) const
+    {
+        return waitUntil([&] { return requests(route).size() >= count; }, timeoutMs);
+    }
 
     // Admin endpoints, over TLS too when the console was started with --tls-cert.
     QByteArray admin(const QByteArray& method, const QByteArray& pathAndQuery, const QByteArray& body = QByteArray()) const;

@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cerrno>
 #include <chrono>
 #include <netinet/in.h>
 #include <poll.h>
@@ -79,11 +78,6 @@ void FakeToolDir::addTool(const QString& tool, const QByteArray& standardOutput,
     f.close();
     writeExecutable(tool, recorder(path(), tool) + "cat '" + QFile::encodeName(out) + "'\nexit " +
                               QByteArray::number(exitCode) + "\n");
-}
-
-void FakeToolDir::addToolFromFixture(const QString& tool, const QString& fixtureRelative, int exitCode)
-{
-    addTool(tool, readFixture(fixtureRelative), exitCode);
 }
 
 void FakeToolDir::addHangingTool(const QString& tool)
@@ -235,16 +229,6 @@ int LoopbackSocket::freePort()
     return port;
 }
 
-TimeScale::TimeScale(double scale) : m_previous(Common::timeScale())
-{
-    Common::setTimeScaleForTesting(scale);
-}
-
-TimeScale::~TimeScale()
-{
-    Common::setTimeScaleForTesting(m_previous);
-}
-
 QByteArray RecordedRequest::header(const QByteArray& name) const
 {
     for (const auto& h : headers)
@@ -261,7 +245,6 @@ bool RecordedRequest::hasHeader(const QByteArray& name) const
 
 FakeHttpServer::FakeHttpServer()
 {
-    m_handler = [](const RecordedRequest&) { return CannedReply(); };
     m_listenFd = LoopbackSocket::listenOn(&m_port);
     EXPECT_GE(m_listenFd, 0);
     m_thread = std::thread([this] { serve(); });
@@ -279,8 +262,7 @@ FakeHttpServer::~FakeHttpServer()
 
 void FakeHttpServer::setReply(const CannedReply& reply)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_handler = [reply](const RecordedRequest&) { return reply; };
+    setHandler([reply](const RecordedRequest&) { return reply; });
 }
 
 void FakeHttpServer::setHandler(std::function<CannedReply(const RecordedRequest&)> handler)
@@ -411,16 +393,10 @@ int Sleeper::reap()
 int livingProcesses(const QByteArray& marker)
 {
     int count = 0;
-    const QStringList pids = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString& pid : pids) {
-        QFile cmdline(QStringLiteral("/proc/") + pid + QStringLiteral("/cmdline"));
-        if (!cmdline.open(QIODevice::ReadOnly))
-            continue;
-        QByteArray text = cmdline.readAll();
-        text.replace('\0', ' ');
-        if (text.contains(marker))
-            ++count;
-    }
+    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+        count += HostPaths::readFile(QStringLiteral("/proc/") + pid + QStringLiteral("/cmdline"))
+                     .replace('\0', ' ')
+                     .contains(marker);
     return count;
 }
 

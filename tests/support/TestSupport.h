@@ -2,6 +2,7 @@
 
 // Shared test helpers: fixtures, fake tools, a scratch prefix, a raw HTTP peer.
 
+#include "core/Common.h"
 #include "core/ToolRunner.h"
 
 #include <QByteArray>
@@ -66,7 +67,10 @@ public:
     ToolRunner runner() const { return ToolRunner(QStringList{path()}); }
 
     void addTool(const QString& tool, const QByteArray& standardOutput, int exitCode = 0);
-    void addToolFromFixture(const QString& tool, const QString& fixtureRelative, int exitCode = 0);
+    void addToolFromFixture(const QString& tool, const QString& fixtureRelative, int exitCode = 0)
+    {
+        addTool(tool, readFixture(fixtureRelative), exitCode);
+    }
     void addHangingTool(const QString& tool);        // sleeps far past any limit
     void addScript(const QString& tool, const QByteArray& shellBody); // free-form /bin/sh body
 
@@ -116,8 +120,8 @@ struct LoopbackSocket {
 // Scales the agent's protocol times for one test.
 class TimeScale {
 public:
-    explicit TimeScale(double scale);
-    ~TimeScale();
+    explicit TimeScale(double scale) : m_previous(Common::timeScale()) { Common::setTimeScaleForTesting(scale); }
+    ~TimeScale() { Common::setTimeScaleForTesting(m_previous); }
 
 private:
     double m_previous;
@@ -165,7 +169,7 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_cv;
     QList<RecordedRequest> m_requests;
-    std::function<CannedReply(const RecordedRequest&)> m_handler;
+    std::function<CannedReply(const RecordedRequest&)> m_handler = [](const RecordedRequest&) { return CannedReply(); };
     QList<int> m_heldOpen;
 };
 

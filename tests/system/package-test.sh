@@ -112,14 +112,12 @@ order() {
 }
 # The posted action result for request id $1: "status message".
 action_result() {
-  local f out
+  local f
   for f in "$work/console/reports/"*-settings_InvSettingsOutput.json; do
-    [ -e "$f" ] || continue
-    out=$(jq -r --arg id "$1" 'select(.body._id == $id) | "\(.body.status) \(.body.message)"' "$f")
-    [ -n "$out" ] && { echo "$out"; return 0; }
-  done
-  return 1
+    jq -r --arg id "$1" 'select(.body._id == $id) | "\(.body.status) \(.body.message)"' "$f" 2>/dev/null
+  done | grep .
 }
+result_is() { [ "$(action_result "$1" | cut -d' ' -f1)" = "$2" ]; }
 
 # A container's policy-rc.d forbids starting services; a real machine has
 # none, so inside the sandbox (its own mounts) it allows everything.
@@ -128,8 +126,6 @@ if [ -e /usr/sbin/policy-rc.d ]; then
   in_sandbox mount --bind "$work/policy-rc.d" /usr/sbin/policy-rc.d
 fi
 
-has_result() { action_result "$1" >/dev/null; }
-
 # --- install: enabled and started, waiting for an address
 log_base=$(log | wc -l)
 in_sandbox dpkg -i "$deb" >"$work/install.log" 2>&1
@@ -137,13 +133,10 @@ check "package installs" grep -q 'install ok installed' <(dpkg-query -W -f='${St
 check "unit enabled on install" unit_is is-enabled edr-agent enabled
 check "unit active on install" wait_for 10 unit_is is-active edr-agent active
 check "data directory is 0700" test "$(stat -c %a /var/lib/edr-agent)" = 700
-check "/opt/edr-agent exists" test -d /opt/edr-agent
 check "serverip.ini is a conffile" grep -qx /etc/edr-agent/serverip.ini /var/lib/dpkg/info/edr-agent.conffiles
 wait_for 10 said_no_address
 check "no address: one Error line" test "$(errors)" = 1 ||
   { new_log | grep ' ERROR \['; in_sandbox systemctl status --no-pager edr-agent | head -n 12; } >&2
-sleep 1
-check "no address: still one Error line a second later, no spinning" test "$(errors)" = 1
 t=$(stop_ms); check "stop while waiting for an address takes $t ms (<= 3000)" test "$t" -le 3000
 
 # --- point it at the console: registration and start-up reports
@@ -217,9 +210,7 @@ while read -r code verb query expect; do
   n=$((n + 1))
   id="systest-$n-$verb"
   check "$verb order accepted" order "ACT#\$#2#\$#$code|edr-systest.service|$id"
-  check "$verb posts a result" wait_for 30 has_result "$id"
-  result=$(action_result "$id" || true)
-  check "$verb result is status 0 ($result)" test "${result%% *}" = 0
+  check "$verb posts status 0" wait_for 30 result_is "$id" 0 || action_result "$id"
   check "$verb leaves the unit $expect" wait_for 10 unit_is "$query" edr-systest.service "$expect"
 done <<'ORDERS'
 1 start is-active active
@@ -230,9 +221,8 @@ done <<'ORDERS'
 4 mask is-enabled masked
 ORDERS
 id=systest-missing
-order "ACT#\$#2#\$#1|edr-no-such-unit.service|$id" && wait_for 30 has_result "$id"
-result=$(action_result "$id" || true)
-check "an order on a missing unit posts status 1 ($result)" test "${result%% *}" = 1
+order "ACT#\$#2#\$#1|edr-no-such-unit.service|$id"
+check "an order on a missing unit posts status 1" wait_for 30 result_is "$id" 1 || action_result "$id"
 
 # --- the services report equals one systemctl show per unit
 in_sandbox /usr/sbin/edr-agent report services >"$work/services.json" 2>/dev/null
@@ -249,10 +239,7 @@ while IFS= read -r u; do
   else
     want='["","","","",""]'
   fi
-  if [ "$got" != "$want" ]; then
-    mismatched=$((mismatched + 1))
-    echo "  $u: report $got, systemctl $want"
-  fi
+  [ "$got" = "$want" ] || { mismatched=$((mismatched + 1)); echo "  $u: report $got, systemctl $want"; }
 done <<<"$units"
 check "services report equals systemctl show for each of $(echo "$units" | wc -w) units" test "$mismatched" = 0
 
