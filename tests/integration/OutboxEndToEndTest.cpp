@@ -29,8 +29,7 @@ QString reportKey(const QJsonObject& request)
 
 QStringList pendingFiles(const AgentProcess& agent)
 {
-    return QDir(agent.dataDir() + QStringLiteral("/reports/edr/pending"))
-        .entryList({QStringLiteral("*.rpt")});
+    return QDir(agent.dataDir() + QStringLiteral("/reports/edr/pending")).entryList({"*.rpt"});
 }
 } // namespace
 

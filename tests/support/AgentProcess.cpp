@@ -36,7 +36,8 @@ void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort,
 
 bool AgentProcess::start(const QStringList& extraArgs, const QStringList& wrapper)
 {
-    const QStringList command = wrapper + QStringList{EDR_AGENT_BIN, "--prefix", prefix(), "--log-level", "trace"};
+    const QStringList command =
+        wrapper + QStringList{EDR_AGENT_BIN, "--prefix", prefix(), "--log-level", "trace"};
     m_process.setProcessEnvironment(m_env);
     m_process.start(command.first(), command.mid(1) + extraArgs);
     return m_process.waitForStarted(10000);

@@ -5,12 +5,8 @@
 #include "core/HostPaths.h"
 #include "support/TestSupport.h"
 
-#include <QByteArray>
 #include <QProcess>
 #include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
-#include <QTemporaryDir>
 
 namespace edrtest {
 

@@ -10,7 +10,8 @@
 
 namespace edrtest {
 
-ConsoleProcess::ConsoleProcess(const QStringList& extraArgs) : m_tls(extraArgs.contains(QStringLiteral("--tls-cert")))
+ConsoleProcess::ConsoleProcess(const QStringList& extraArgs)
+    : m_tls(extraArgs.contains(QStringLiteral("--tls-cert")))
 {
     const QString portFile = m_dir.path() + QStringLiteral("/ports.json");
     m_process.start(QStringLiteral(EDR_CONSOLE_BIN),
@@ -49,7 +50,8 @@ QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pat
     client.enable_server_certificate_verification(false);
     client.set_read_timeout(5);
     const std::string path = pathAndQuery.toStdString();
-    const auto reply = method == "GET" ? client.Get(path) : client.Post(path, body.toStdString(), "text/plain");
+    const auto reply =
+        method == "GET" ? client.Get(path) : client.Post(path, body.toStdString(), "text/plain");
     return reply ? QByteArray::fromStdString(reply->body) : QByteArray();
 }
 

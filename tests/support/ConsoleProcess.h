@@ -5,13 +5,8 @@
 
 #include "support/TestSupport.h"
 
-#include <QByteArray>
 #include <QJsonArray>
-#include <QJsonObject>
 #include <QProcess>
-#include <QString>
-#include <QStringList>
-#include <QTemporaryDir>
 
 namespace edrtest {
 

@@ -45,7 +45,8 @@ std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
     const auto file = [&](const char* name) { return dir.filePath(QLatin1String(name)); };
     return std::unique_ptr<TestCertificates>(new TestCertificates{
         dir.path(), file("ca.pem"), file("other-ca.pem"), file("server.pem"), file("other-name.pem"),
-        file("expired.pem"), file("server.key"), HostPaths::readFile(file("server.pin")), HostPaths::readFile(file("other.pin"))});
+        file("expired.pem"), file("server.key"), HostPaths::readFile(file("server.pin")),
+        HostPaths::readFile(file("other.pin"))});
 }
 } // namespace
 

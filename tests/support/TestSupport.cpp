@@ -6,7 +6,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QJsonDocument>
 
@@ -92,9 +92,8 @@ void FakeToolDir::addScript(const QString& tool, const QByteArray& shellBody)
 
 QList<QStringList> FakeToolDir::invocations(const QString& tool) const
 {
-    QFile f(path() + QLatin1Char('/') + tool + QStringLiteral(".args"));
-    f.open(QIODevice::ReadOnly);
-    QList<QByteArray> lines = f.readAll().split('\n');
+    const QString file = path() + QLatin1Char('/') + tool + QStringLiteral(".args");
+    QList<QByteArray> lines = HostPaths::readFile(file).split('\n');
     lines.removeLast(); // each line ends with a newline
     QList<QStringList> out;
     for (const QByteArray& line : lines)
@@ -149,10 +148,9 @@ QByteArray serverIni(int httpPort, int socketPort, int listenPort, const QByteAr
 
 bool waitUntil(const std::function<bool()>& done, int timeoutMs)
 {
-    QElapsedTimer clock;
-    clock.start();
+    const QDeadlineTimer deadline(timeoutMs);
     while (!done()) {
-        if (clock.elapsed() >= timeoutMs)
+        if (deadline.hasExpired())
             return done();
         QCoreApplication::processEvents();
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -286,13 +284,9 @@ bool FakeHttpServer::waitForRequests(int count, int timeoutMs) const
 void FakeHttpServer::serve()
 {
     while (!m_stop) {
-        pollfd p{m_listenFd, POLLIN, 0};
-        if (::poll(&p, 1, 100) <= 0)
-            continue;
-        const int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0)
-            continue;
-        handle(fd);
+        const int fd = LoopbackSocket::acceptOne(m_listenFd, 100);
+        if (fd >= 0)
+            handle(fd);
     }
 }
 
@@ -334,16 +328,13 @@ void FakeHttpServer::handle(int fd)
             break;
     req.body = buf.left(static_cast<int>(length));
 
-    std::function<CannedReply(const RecordedRequest&)> handler;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        handler = m_handler;
-    }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const auto handler = m_handler;
+    lock.unlock(); // the handler may ask for the requests so far
     const CannedReply reply = handler(req);
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_requests << req;
-    }
+    lock.lock();
+    m_requests << req;
+    lock.unlock();
     m_cv.notify_all();
     if (reply.silent) {
         m_heldOpen << fd; // the client gives up by itself

@@ -104,7 +104,6 @@ private:
 // Loopback TCP helpers for either side of a connection; the fd closes with it.
 struct LoopbackSocket {
     int fd = -1;
-    LoopbackSocket() = default;
     explicit LoopbackSocket(int f) : fd(f) {}
     ~LoopbackSocket();
     LoopbackSocket(const LoopbackSocket&) = delete;
@@ -120,7 +119,7 @@ struct LoopbackSocket {
 // Scales the agent's protocol times for one test.
 class TimeScale {
 public:
-    explicit TimeScale(double scale) : m_previous(Common::timeScale()) { Common::setTimeScaleForTesting(scale); }
+    explicit TimeScale(double s) : m_previous(Common::timeScale()) { Common::setTimeScaleForTesting(s); }
     ~TimeScale() { Common::setTimeScaleForTesting(m_previous); }
 
 private:
@@ -169,7 +168,7 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_cv;
     QList<RecordedRequest> m_requests;
-    std::function<CannedReply(const RecordedRequest&)> m_handler = [](const RecordedRequest&) { return CannedReply(); };
+    std::function<CannedReply(const RecordedRequest&)> m_handler = [](auto&) { return CannedReply(); };
     QList<int> m_heldOpen;
 };
 
