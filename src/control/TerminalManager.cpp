@@ -41,13 +41,14 @@ std::optional<TerminalManager::Request> TerminalManager::parseArgument(const QSt
     return request;
 }
 
-bool TerminalManager::run(const QString& command, int timeoutMs, QString& output)
+bool TerminalManager::run(const QString& command, bool asUser, QString& output)
 {
     // Qt's own splitting (spaces separate, double quotes group); pipes and
     // redirections reach the program as plain arguments.
     QStringList words = QProcess::splitCommand(command);
     const QString program = words.isEmpty() ? QString() : words.takeFirst();
-    const ToolResult r = m_runner.run(program, words, Common::scaledMs(timeoutMs), kMaxOutputBytes, true);
+    const int timeoutMs = Common::scaledMs(commandTimeoutMs(asUser));
+    const ToolResult r = m_runner.run(program, words, timeoutMs, kMaxOutputBytes, true);
     if (!r.finished) {
         EDR_LOG->Error(Q_FUNC_INFO, r.timedOut ? ETIMEDOUT : errno, "Failed to execute command!");
         return false;
@@ -58,13 +59,13 @@ bool TerminalManager::run(const QString& command, int timeoutMs, QString& output
 
 bool TerminalManager::runCommand(const QString& command, QString& output, int&)
 {
-    return run(command, kCommandTimeoutMs, output);
+    return run(command, false, output);
 }
 
 bool TerminalManager::runCommandAsUser(const QString& command, QString& output, int&)
 {
     // Same user and environment as runCommand; only the limit is longer.
-    return run(command, kUserCommandTimeoutMs, output);
+    return run(command, true, output);
 }
 
 bool TerminalManager::executeCommand(const QString& command, bool asUser, QJsonObject& result, bool permitted)

@@ -34,12 +34,14 @@ public:
 
     static constexpr int kCommandTimeoutMs = 20000;
     static constexpr int kUserCommandTimeoutMs = 60000;
+    // The limit (before time scaling) a command runs under.
+    static int commandTimeoutMs(bool asUser) { return asUser ? kUserCommandTimeoutMs : kCommandTimeoutMs; }
     // Whatever a command prints beyond this is dropped, so a flood cannot
     // exhaust memory here or in the report built from it.
     static constexpr qint64 kMaxOutputBytes = 4 * 1024 * 1024;
 
 private:
-    bool run(const QString& command, int timeoutMs, QString& output);
+    bool run(const QString& command, bool asUser, QString& output);
 
     static TerminalManager* s_instance;
 

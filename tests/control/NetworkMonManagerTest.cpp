@@ -23,9 +23,6 @@ TEST(NetworkMonManagerTest, ToolLinesOfEveryShape)
          "RemoteIP":"10.0.0.2","RemotePort":443,"State":1},
         {"FilePath":"odd","LocalIP":"10.0.0.1","LocalPort":5125,"PID":93,"ProcessName":"odd","Protocol":"TCP",
          "RemoteIP":"","RemotePort":0,"State":8}])j").array());
-    for (const QByteArray& empty : {QByteArray(), QByteArray("\n"), QByteArray("COMMAND PID\n")})
-        NetworkMonManager::parseLsofOutput(empty, listening, connections);
-    EXPECT_EQ(listening.size() + connections.size(), 3);
 
     // ss: the process part is sought in column 5 and read only when it is there.
     QList<int> asked;
@@ -100,7 +97,6 @@ TEST(NetworkMonManagerTest, ReportFromCapturedToolsAndWithoutThem)
     FakeToolDir missing;
     EXPECT_TRUE(NetworkMonManager(HostPaths(), missing.runner()).sendRptToServer(QString()));
     EXPECT_EQ(peer.posted("machineInfo/addNwMonitoring"), QJsonObject());
-    EXPECT_TRUE(peer.logHas("Successfully send Network Ports to server."));
 
     tools.addHangingTool(QStringLiteral("lsof")); // killed at its limit; ss still answers
     NetworkMonManager stuck(HostPaths(), tools.runner());

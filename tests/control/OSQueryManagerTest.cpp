@@ -14,7 +14,6 @@ TEST(OSQueryManagerTest, OutputAndArgumentParsing)
     EXPECT_EQ(rows->at(1).toObject(), QJsonObject({{"name", "sshd"}, {"path", "/usr/sbin/sshd"}, {"pid", "612"}}));
     // Each byte of a UTF-8 character becomes a character of its own.
     EXPECT_EQ(rows->at(2)["name"], QStringLiteral("caf\u00c3\u00a9-daemon"));
-    EXPECT_EQ(OSQueryManager::parseOutput("[\"\xff\"]"), QJsonArray{QStringLiteral("\u00ff")});
     for (const char* fixture : {"object.stdout", "truncated.stdout", "syntax-error.stderr"})
         EXPECT_FALSE(OSQueryManager::parseOutput(edrtest::readFixture(QStringLiteral("commands/osquery/") + fixture)))
             << fixture;
@@ -42,7 +41,6 @@ TEST(OSQueryManagerTest, QueriesEndToEnd)
     } cases[] = {
         {"cat \"$D/no-rows.stdout\"", "\"5|select name, pid from processes\"", "Successfully send osquery output", 1},
         {nullptr, "\"1|select 1\"", "Failed to run OSQuery!", 0},
-        {"cat \"$D/syntax-error.stderr\" >&2; exit 1", "\"2|selec 1\"", "OSQuery output is not in JSON Format!", 1},
         {"cat \"$D/syntax-error.stderr\"; exit 1", "\"3|selec 1\"", "OSQuery output is not in JSON Format!", 1},
         {"exec sleep 600", "\"4|select 1\"", "Failed to run OSQuery!", 1},
         {"echo []", "\"6\"", "Invalid Parameters!", 0},
