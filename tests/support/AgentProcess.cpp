@@ -1,7 +1,5 @@
 #include "support/AgentProcess.h"
 
-#include "support/TestSupport.h"
-
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -12,16 +10,13 @@ namespace edrtest {
 
 AgentProcess::AgentProcess() : m_env(QProcessEnvironment::systemEnvironment())
 {
-    QDir().mkpath(settingsDir());
     m_env.insert(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("0.01"));
 }
 
 AgentProcess::~AgentProcess()
 {
-    if (m_process.state() != QProcess::NotRunning) {
-        m_process.kill();
-        m_process.waitForFinished(5000);
-    }
+    m_process.kill();
+    m_process.waitForFinished(5000);
 }
 
 void AgentProcess::writeFile(const QString& path, const QByteArray& content)
@@ -35,50 +30,23 @@ void AgentProcess::writeFile(const QString& path, const QByteArray& content)
 void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort,
                                   const QByteArray& extraServerKeys)
 {
-    writeFile(settingsDir() + QStringLiteral("/serverip.ini"),
+    writeFile(prefix() + QStringLiteral("/etc/edr-agent/serverip.ini"),
               serverIni(httpPort, socketPort, listenPort, extraServerKeys));
-}
-
-void AgentProcess::prependPath(const QString& dir)
-{
-    m_env.insert(QStringLiteral("PATH"), dir + QLatin1Char(':') + m_env.value(QStringLiteral("PATH")));
 }
 
 bool AgentProcess::start(const QStringList& extraArgs, const QStringList& wrapper)
 {
-    QStringList args{QStringLiteral("--prefix"), prefix(), QStringLiteral("--log-level"), QStringLiteral("trace")};
-    args += extraArgs;
+    const QStringList command =
+        wrapper + QStringList{EDR_AGENT_BIN, "--prefix", prefix(), "--log-level", "trace"};
     m_process.setProcessEnvironment(m_env);
-    if (wrapper.isEmpty()) {
-        m_process.start(QStringLiteral(EDR_AGENT_BIN), args);
-    } else {
-        QStringList full = wrapper.mid(1);
-        full << QStringLiteral(EDR_AGENT_BIN) << args;
-        m_process.start(wrapper.first(), full);
-    }
+    m_process.start(command.first(), command.mid(1) + extraArgs);
     return m_process.waitForStarted(10000);
-}
-
-bool AgentProcess::waitForExit(int timeoutMs)
-{
-    return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
 }
 
 void AgentProcess::signal(int sig)
 {
     if (m_process.processId() > 0)
         ::kill(static_cast<pid_t>(m_process.processId()), sig);
-}
-
-QByteArray AgentProcess::log() const
-{
-    QFile f(logPath());
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-bool AgentProcess::waitForLog(const QByteArray& text, int timeoutMs, int occurrences) const
-{
-    return waitUntil([&] { return log().count(text) >= occurrences; }, timeoutMs);
 }
 
 } // namespace edrtest

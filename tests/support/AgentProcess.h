@@ -2,12 +2,11 @@
 
 // Runs the built edr-agent binary under a temporary --prefix for end-to-end tests.
 
-#include <QByteArray>
+#include "core/HostPaths.h"
+#include "support/TestSupport.h"
+
 #include <QProcess>
 #include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
-#include <QTemporaryDir>
 
 namespace edrtest {
 
@@ -17,7 +16,6 @@ public:
     ~AgentProcess();
 
     QString prefix() const { return m_dir.path(); }
-    QString settingsDir() const { return prefix() + QStringLiteral("/etc/edr-agent"); }
     QString dataDir() const { return prefix() + QStringLiteral("/var/lib/edr-agent"); }
     QString logPath() const { return dataDir() + QStringLiteral("/EDR_Track.log"); }
 
@@ -25,19 +23,24 @@ public:
                         const QByteArray& extraServerKeys = QByteArray());
     void writeFile(const QString& path, const QByteArray& content);
     void setEnv(const QString& name, const QString& value) { m_env.insert(name, value); }
-    void prependPath(const QString& dir); // fake tools first on the agent's PATH
 
     // Starts the daemon (no command) or a one-shot command such as {"report", "hardware"}.
     bool start(const QStringList& extraArgs = {}, const QStringList& wrapper = {});
-    bool waitForExit(int timeoutMs);
+    bool waitForExit(int timeoutMs)
+    {
+        return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
+    }
     int exitCode() const { return m_process.exitCode(); }
     void signal(int sig);
     QByteArray standardOutput() { return m_process.readAllStandardOutput(); }
     QByteArray standardError() { return m_process.readAllStandardError(); }
 
-    QByteArray log() const;
+    QByteArray log() const { return HostPaths::readFile(logPath()); }
     // Polls the trace log (the event loop of the test keeps running).
-    bool waitForLog(const QByteArray& text, int timeoutMs, int occurrences = 1) const;
+    bool waitForLog(const QByteArray& text, int timeoutMs, int occurrences = 1) const
+    {
+        return waitUntil([&] { return log().count(text) >= occurrences; }, timeoutMs);
+    }
 
 private:
     QTemporaryDir m_dir;

@@ -3,13 +3,10 @@
 // Runs the reference console (build/edr-console) on free loopback ports with a
 // temporary data directory, and reads back what it stored.
 
-#include <QByteArray>
+#include "support/TestSupport.h"
+
 #include <QJsonArray>
-#include <QJsonObject>
 #include <QProcess>
-#include <QString>
-#include <QStringList>
-#include <QTemporaryDir>
 
 namespace edrtest {
 
@@ -22,24 +19,26 @@ public:
     int httpPort() const { return m_httpPort; }
     int socketPort() const { return m_socketPort; }
     QString dataDir() const { return m_dir.path() + QStringLiteral("/data"); }
-    QString schedulePath() const { return m_dir.path() + QStringLiteral("/schedule.db"); }
 
     // Stored requests, oldest first, optionally only those of one route.
     QList<QJsonObject> requests(const QString& route = QString()) const;
-    bool waitForRequests(const QString& route, int count, int timeoutMs) const;
+    bool waitForRequests(const QString& route, int count, int timeoutMs) const
+    {
+        return waitUntil([&] { return requests(route).size() >= count; }, timeoutMs);
+    }
 
-    // Admin endpoints (loopback HTTP).
+    // Admin endpoints, over TLS too when the console was started with --tls-cert.
     QByteArray admin(const QByteArray& method, const QByteArray& pathAndQuery, const QByteArray& body = QByteArray()) const;
     int push(const QByteArray& command) const; // agents reached
     QJsonArray connections() const;
     QJsonArray socketMessages() const;
 
 private:
+    bool m_tls;
     QTemporaryDir m_dir;
     QProcess m_process;
     int m_httpPort = 0;
     int m_socketPort = 0;
-    bool m_tls = false; // started with --tls-cert: admin requests go over TLS too
 };
 
 } // namespace edrtest

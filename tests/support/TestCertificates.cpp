@@ -1,6 +1,7 @@
 #include "support/TestCertificates.h"
 
-#include <QDir>
+#include "core/HostPaths.h"
+
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -28,13 +29,8 @@ mkdir db; touch db/index.txt; echo 04 > db/serial
 printf '[ca]\ndefault_ca=d\n[d]\ndatabase=db/index.txt\nnew_certs_dir=db\nserial=db/serial\ndefault_md=sha256\npolicy=p\n[p]\ncommonName=supplied\n' > ca.cnf
 openssl ca -batch -notext -config ca.cnf -cert ca.pem -keyfile ca.key -in server.csr -extfile san-ip -startdate 20000101000000Z -enddate 20010101000000Z -out expired.pem 2>/dev/null
 pin server.key server.pin; pin ca.key other.pin
+printf -- '-----BEGIN CERTIFICATE-----\nnot base64 at all\n-----END CERTIFICATE-----\n' > garbage.pem
 )sh";
-
-QByteArray readAll(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll().trimmed() : QByteArray();
-}
 
 std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
 {
@@ -46,18 +42,11 @@ std::unique_ptr<TestCertificates> make(QTemporaryDir& dir)
         std::fprintf(stderr, "test certificates: %s\n", shell.readAllStandardError().constData());
         return nullptr;
     }
-    auto c = std::make_unique<TestCertificates>();
-    const QDir d(dir.path());
-    c->dir = dir.path();
-    c->caFile = d.filePath(QStringLiteral("ca.pem"));
-    c->otherCaFile = d.filePath(QStringLiteral("other-ca.pem"));
-    c->serverCert = d.filePath(QStringLiteral("server.pem"));
-    c->otherNameCert = d.filePath(QStringLiteral("other-name.pem"));
-    c->expiredCert = d.filePath(QStringLiteral("expired.pem"));
-    c->serverKey = d.filePath(QStringLiteral("server.key"));
-    c->serverPin = readAll(d.filePath(QStringLiteral("server.pin")));
-    c->otherPin = readAll(d.filePath(QStringLiteral("other.pin")));
-    return c;
+    const auto file = [&](const char* name) { return dir.filePath(QLatin1String(name)); };
+    return std::unique_ptr<TestCertificates>(new TestCertificates{
+        dir.path(), file("ca.pem"), file("other-ca.pem"), file("server.pem"), file("other-name.pem"),
+        file("expired.pem"), file("server.key"), HostPaths::readFile(file("server.pin")),
+        HostPaths::readFile(file("other.pin"))});
 }
 } // namespace
 

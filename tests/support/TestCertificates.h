@@ -2,7 +2,8 @@
 
 // Throwaway PKI for TLS tests, made once per test run with the openssl tool:
 // a CA, server certificates for 127.0.0.1 (current and expired) and for
-// another name, all on one key, an unrelated CA, and two pins.
+// another name, all on one key, an unrelated CA, two pins, and in dir a
+// garbage.pem that only looks like a certificate.
 
 #include <QByteArray>
 #include <QString>

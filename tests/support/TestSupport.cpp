@@ -2,10 +2,11 @@
 
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/HostPaths.h"
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QJsonDocument>
 
@@ -13,7 +14,6 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cerrno>
 #include <chrono>
 #include <netinet/in.h>
 #include <poll.h>
@@ -80,11 +80,6 @@ void FakeToolDir::addTool(const QString& tool, const QByteArray& standardOutput,
                               QByteArray::number(exitCode) + "\n");
 }
 
-void FakeToolDir::addToolFromFixture(const QString& tool, const QString& fixtureRelative, int exitCode)
-{
-    addTool(tool, readFixture(fixtureRelative), exitCode);
-}
-
 void FakeToolDir::addHangingTool(const QString& tool)
 {
     writeExecutable(tool, recorder(path(), tool) + "exec sleep 600\n");
@@ -97,16 +92,12 @@ void FakeToolDir::addScript(const QString& tool, const QByteArray& shellBody)
 
 QList<QStringList> FakeToolDir::invocations(const QString& tool) const
 {
+    const QString file = path() + QLatin1Char('/') + tool + QStringLiteral(".args");
+    QList<QByteArray> lines = HostPaths::readFile(file).split('\n');
+    lines.removeLast(); // each line ends with a newline
     QList<QStringList> out;
-    QFile f(path() + QLatin1Char('/') + tool + QStringLiteral(".args"));
-    if (!f.open(QIODevice::ReadOnly))
-        return out;
-    const QList<QByteArray> lines = f.readAll().split('\n');
-    for (const QByteArray& line : lines) {
-        if (line.isEmpty() && &line == &lines.last())
-            continue;
+    for (const QByteArray& line : lines)
         out << (line.isEmpty() ? QStringList() : QString::fromUtf8(line).split(QChar(0x1f)));
-    }
     return out;
 }
 
@@ -132,8 +123,7 @@ ScratchPrefix::~ScratchPrefix()
 
 QByteArray ScratchPrefix::traceLog() const
 {
-    QFile f(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log"));
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    return HostPaths::readFile(Common::getEdrDirPath() + QStringLiteral("/EDR_Track.log"));
 }
 
 void ScratchPrefix::writeServerIni(const QByteArray& content)
@@ -158,10 +148,9 @@ QByteArray serverIni(int httpPort, int socketPort, int listenPort, const QByteAr
 
 bool waitUntil(const std::function<bool()>& done, int timeoutMs)
 {
-    QElapsedTimer clock;
-    clock.start();
+    const QDeadlineTimer deadline(timeoutMs);
     while (!done()) {
-        if (clock.elapsed() >= timeoutMs)
+        if (deadline.hasExpired())
             return done();
         QCoreApplication::processEvents();
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -238,16 +227,6 @@ int LoopbackSocket::freePort()
     return port;
 }
 
-TimeScale::TimeScale(double scale) : m_previous(Common::timeScale())
-{
-    Common::setTimeScaleForTesting(scale);
-}
-
-TimeScale::~TimeScale()
-{
-    Common::setTimeScaleForTesting(m_previous);
-}
-
 QByteArray RecordedRequest::header(const QByteArray& name) const
 {
     for (const auto& h : headers)
@@ -264,7 +243,6 @@ bool RecordedRequest::hasHeader(const QByteArray& name) const
 
 FakeHttpServer::FakeHttpServer()
 {
-    m_handler = [](const RecordedRequest&) { return CannedReply(); };
     m_listenFd = LoopbackSocket::listenOn(&m_port);
     EXPECT_GE(m_listenFd, 0);
     m_thread = std::thread([this] { serve(); });
@@ -282,8 +260,7 @@ FakeHttpServer::~FakeHttpServer()
 
 void FakeHttpServer::setReply(const CannedReply& reply)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_handler = [reply](const RecordedRequest&) { return reply; };
+    setHandler([reply](const RecordedRequest&) { return reply; });
 }
 
 void FakeHttpServer::setHandler(std::function<CannedReply(const RecordedRequest&)> handler)
@@ -307,13 +284,9 @@ bool FakeHttpServer::waitForRequests(int count, int timeoutMs) const
 void FakeHttpServer::serve()
 {
     while (!m_stop) {
-        pollfd p{m_listenFd, POLLIN, 0};
-        if (::poll(&p, 1, 100) <= 0)
-            continue;
-        const int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0)
-            continue;
-        handle(fd);
+        const int fd = LoopbackSocket::acceptOne(m_listenFd, 100);
+        if (fd >= 0)
+            handle(fd);
     }
 }
 
@@ -339,23 +312,14 @@ void FakeHttpServer::handle(int fd)
     const QList<QByteArray> requestLine = lines.first().trimmed().split(' ');
     req.method = requestLine.value(0);
     req.target = requestLine.value(1);
-    qint64 length = 0;
-    bool expectContinue = false;
     for (int i = 1; i < lines.size(); ++i) {
-        const QByteArray line = lines[i].trimmed();
-        const int colon = line.indexOf(':');
-        if (colon < 0)
-            continue;
-        const QByteArray name = line.left(colon);
-        const QByteArray value = line.mid(colon + 1).trimmed();
-        req.headers << qMakePair(name, value);
-        if (name.toLower() == "content-length")
-            length = value.toLongLong();
-        if (name.toLower() == "expect" && value.toLower() == "100-continue")
-            expectContinue = true;
+        const int colon = lines[i].indexOf(':');
+        if (colon >= 0)
+            req.headers << qMakePair(lines[i].left(colon).trimmed(), lines[i].mid(colon + 1).trimmed());
     }
+    const qint64 length = req.header("Content-Length").toLongLong();
     buf.remove(0, headEnd + 4);
-    if (expectContinue && buf.size() < length) {
+    if (req.header("Expect").toLower() == "100-continue" && buf.size() < length) {
         static const char cont[] = "HTTP/1.1 100 Continue\r\n\r\n";
         ::send(fd, cont, sizeof cont - 1, MSG_NOSIGNAL);
     }
@@ -364,16 +328,13 @@ void FakeHttpServer::handle(int fd)
             break;
     req.body = buf.left(static_cast<int>(length));
 
-    std::function<CannedReply(const RecordedRequest&)> handler;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        handler = m_handler;
-    }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const auto handler = m_handler;
+    lock.unlock(); // the handler may ask for the requests so far
     const CannedReply reply = handler(req);
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_requests << req;
-    }
+    lock.lock();
+    m_requests << req;
+    lock.unlock();
     m_cv.notify_all();
     if (reply.silent) {
         m_heldOpen << fd; // the client gives up by itself
@@ -423,16 +384,10 @@ int Sleeper::reap()
 int livingProcesses(const QByteArray& marker)
 {
     int count = 0;
-    const QStringList pids = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString& pid : pids) {
-        QFile cmdline(QStringLiteral("/proc/") + pid + QStringLiteral("/cmdline"));
-        if (!cmdline.open(QIODevice::ReadOnly))
-            continue;
-        QByteArray text = cmdline.readAll();
-        text.replace('\0', ' ');
-        if (text.contains(marker))
-            ++count;
-    }
+    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+        count += HostPaths::readFile(QStringLiteral("/proc/") + pid + QStringLiteral("/cmdline"))
+                     .replace('\0', ' ')
+                     .contains(marker);
     return count;
 }
 

@@ -2,12 +2,12 @@
 
 // Shared test helpers: fixtures, fake tools, a scratch prefix, a raw HTTP peer.
 
+#include "core/Common.h"
 #include "core/ToolRunner.h"
 
 #include <QByteArray>
 #include <QJsonObject>
 #include <QList>
-#include <QMutex>
 #include <QPair>
 #include <QString>
 #include <QStringList>
@@ -67,7 +67,10 @@ public:
     ToolRunner runner() const { return ToolRunner(QStringList{path()}); }
 
     void addTool(const QString& tool, const QByteArray& standardOutput, int exitCode = 0);
-    void addToolFromFixture(const QString& tool, const QString& fixtureRelative, int exitCode = 0);
+    void addToolFromFixture(const QString& tool, const QString& fixtureRelative, int exitCode = 0)
+    {
+        addTool(tool, readFixture(fixtureRelative), exitCode);
+    }
     void addHangingTool(const QString& tool);        // sleeps far past any limit
     void addScript(const QString& tool, const QByteArray& shellBody); // free-form /bin/sh body
 
@@ -101,7 +104,6 @@ private:
 // Loopback TCP helpers for either side of a connection; the fd closes with it.
 struct LoopbackSocket {
     int fd = -1;
-    LoopbackSocket() = default;
     explicit LoopbackSocket(int f) : fd(f) {}
     ~LoopbackSocket();
     LoopbackSocket(const LoopbackSocket&) = delete;
@@ -117,8 +119,8 @@ struct LoopbackSocket {
 // Scales the agent's protocol times for one test.
 class TimeScale {
 public:
-    explicit TimeScale(double scale);
-    ~TimeScale();
+    explicit TimeScale(double s) : m_previous(Common::timeScale()) { Common::setTimeScaleForTesting(s); }
+    ~TimeScale() { Common::setTimeScaleForTesting(m_previous); }
 
 private:
     double m_previous;
@@ -166,7 +168,7 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_cv;
     QList<RecordedRequest> m_requests;
-    std::function<CannedReply(const RecordedRequest&)> m_handler;
+    std::function<CannedReply(const RecordedRequest&)> m_handler = [](auto&) { return CannedReply(); };
     QList<int> m_heldOpen;
 };
 
