@@ -83,7 +83,10 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
     QMap<QString, QString> lastFailed; // report -> body of its last failed post
     QMap<QString, QStringList> delivered;
     QStringList results;
-    for (int i = outageStart; i < all.size(); ++i) {
+    // Everything kept was queued before order-D, so the replay ends with its
+    // result; a scheduled run after that (the machine may be slow) is not a
+    // replay and is left out.
+    for (int i = outageStart; i < all.size() && !results.contains(QStringLiteral("order-D")); ++i) {
         const QString raw = all[i].value(QStringLiteral("raw_body")).toString();
         if (all[i].value(QStringLiteral("route")).toString() == kResultRoute) {
             if (i >= outageEnd)
