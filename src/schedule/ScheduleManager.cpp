@@ -9,6 +9,7 @@
 #include "schedule/ScheduleReader.h"
 #include "schedule/UpdaterLauncher.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QMap>
@@ -248,6 +249,26 @@ bool ScheduleManager::sendReportToServer(TasksManager::TASK_NAMES task, const QS
     // Scheduled runs carry no parameter, whatever the caller passed.
     Q_UNUSED(arg);
     return dispatch(task, QString());
+}
+
+bool ScheduleManager::sendPendingReport(const QString& path)
+{
+    return m_tasks->sendPendingReport(path);
+}
+
+void ScheduleManager::sendPendingReports()
+{
+    EDR_LOG->Debug(Q_FUNC_INFO, "IN");
+    const QDir dir(Common::getReportsPath() + QStringLiteral("/edr/pending"));
+    const QFileInfoList entries = dir.entryInfoList(QStringList{QStringLiteral("*.rpt")});
+    for (const QFileInfo& entry : entries) {
+        const QByteArray name = entry.fileName().toUtf8();
+        if (sendPendingReport(entry.absoluteFilePath()))
+            EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Send Pending Report: %s", name.constData());
+        else
+            EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to Send Pending Report: %s", name.constData());
+    }
+    EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
 }
 
 bool ScheduleManager::getAgentConfigFromServer()

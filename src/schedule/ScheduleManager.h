@@ -43,6 +43,8 @@ public:
     void runStartUpTasks();
 
     bool sendReportToServer(TasksManager::TASK_NAMES task, const QString& arg);
+    bool sendPendingReport(const QString& path);
+    void sendPendingReports();
 
     bool getAgentConfigFromServer();
     bool runAgentUpdater();

@@ -60,6 +60,7 @@ public:
 
     bool sendReportToServer(TASK_NAMES task, const QString& parameter);
     bool executeSendReportToServer(TASK_NAMES task, const QString& parameter);
+    bool sendPendingReport(const QString& path);
 
     // The same dispatch, passing the manager's own result back (nullopt: no
     // handler). A refused order runs nothing and posts the manager's failure

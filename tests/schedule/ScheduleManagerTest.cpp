@@ -3,6 +3,7 @@
 #include "schedule/ScheduleManager.h"
 #include "support/TestSupport.h"
 
+#include <QDir>
 #include <QFile>
 
 #include <gtest/gtest.h>
@@ -205,4 +206,27 @@ TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenT
     ASSERT_GE(requests.size(), 2);
     EXPECT_EQ(requests.at(0).method + ' ' + requests.at(0).target, "GET /api/v1/settings/getConfigFile?");
     EXPECT_TRUE(requests.at(1).method == "POST" && requests.at(1).target.endsWith("/machineInfo/addMachineInfo"));
+}
+
+// The read-only scan kept beside the outbox: it must never block on a FIFO
+// nor touch the files it visits.
+TEST_F(ScheduleManagerTest, PendingReportsVisitedInCaseInsensitiveOrderAndKept)
+{
+    const QString dir = Common::getReportsPath() + QStringLiteral("/edr/pending/");
+    QDir().mkpath(dir + QStringLiteral("d.rpt"));
+    for (const char* name : {"b.rpt", "A.rpt", "c.txt"})
+        writeFile(dir + QLatin1String(name), QByteArray("0003{}\0tail", 11));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(dir + QStringLiteral("e.rpt")).constData(), 0600), 0);
+    EXPECT_FALSE(manager.sendPendingReport(dir + QStringLiteral("e.rpt")));
+    manager.sendPendingReports();
+
+    QStringList seen; // message texts without the errno suffix
+    for (const QByteArray& line : prefix.traceLog().split('\n'))
+        if (line.contains("Pending Report"))
+            seen << QString::fromUtf8(line).section(QLatin1String("| "), 1).section(QLatin1String(" (errno"), 0, 0);
+    EXPECT_EQ(seen, (QStringList{QStringLiteral("Successfully Send Pending Report: A.rpt"),
+                                 QStringLiteral("Successfully Send Pending Report: b.rpt"),
+                                 QStringLiteral("Failed to Send Pending Report: d.rpt")}));
+    EXPECT_EQ(QDir(dir).entryList(QDir::Files).join(QLatin1Char(' ')), QStringLiteral("A.rpt b.rpt c.txt"));
+    EXPECT_EQ(HostPaths::readFile(dir + QStringLiteral("b.rpt")), QByteArray("0003{}\0tail", 11));
 }
