@@ -86,3 +86,25 @@ TEST(ServiceBinary, NoServerAddressIsOneErrorThenTheBackoff)
     EXPECT_EQ(log.count(" ERROR ["), 1) << log.constData(); // no request to a host called NA
     EXPECT_EQ(agent.standardError().count("No server address"), 1);
 }
+
+// Out of descriptors, the signal pipe fails: the agent must say so and stop,
+// not run on deaf to SIGTERM. Descriptors the test runner passes down shift
+// where that happens, so the limit walks up until the pipe is what fails.
+TEST(ServiceBinary, NoSignalPipeIsAnErrorAndAnExit)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "the daemon runs as root only";
+    for (int limit = 4; limit <= 16; ++limit) {
+        AgentProcess agent;
+        const QString nofile = QString::number(limit);
+        ASSERT_TRUE(agent.start({}, {QStringLiteral("prlimit"), QStringLiteral("--nofile=%1:%1").arg(nofile)}));
+        ASSERT_TRUE(agent.waitForExit(20000)) << "running with " << limit << " descriptors, the pipe never failed";
+        if (agent.exitCode() == 127)
+            continue; // the loader itself ran out
+        const QByteArray said = agent.standardError() + agent.log();
+        ASSERT_EQ(agent.exitCode(), 1) << said.constData();
+        if (said.contains("Cannot create the signal pipe; stopping"))
+            return;
+    }
+    FAIL() << "no descriptor limit made the signal pipe fail";
+}
