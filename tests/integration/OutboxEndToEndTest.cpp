@@ -26,11 +26,6 @@ QString reportKey(const QJsonObject& request)
     const QStringList keys = request.value(QStringLiteral("body")).toObject().keys();
     return request.value(QStringLiteral("route")).toString() + QLatin1Char('|') + keys.join(QLatin1Char(','));
 }
-
-QStringList pendingFiles(const AgentProcess& agent)
-{
-    return QDir(agent.dataDir() + QStringLiteral("/reports/edr/pending")).entryList({"*.rpt"});
-}
 } // namespace
 
 TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceInOrder)
@@ -77,7 +72,8 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
     ASSERT_GE(console.push("ACT#$#3#$#1|999994|order-D"), 1);
     // Three failed posts of results, then all four delivered.
     ASSERT_TRUE(console.waitForRequests(kResultRoute, 7, 60000)) << agent.log().constData();
-    ASSERT_TRUE(waitUntil([&] { return pendingFiles(agent).isEmpty(); }, 30000)) << agent.log().constData();
+    const QDir pending(agent.dataDir() + QStringLiteral("/reports/edr/pending"));
+    ASSERT_TRUE(waitUntil([&] { return pending.entryList({"*.rpt"}).isEmpty(); }, 30000)) << agent.log().constData();
 
     const QList<QJsonObject> all = console.requests();
     QMap<QString, QString> lastFailed; // report -> body of its last failed post
@@ -104,5 +100,5 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
     EXPECT_EQ(delivered.keys(), lastFailed.keys());
     for (auto it = lastFailed.cbegin(); it != lastFailed.cend(); ++it)
         EXPECT_EQ(delivered.value(it.key()), QStringList{it.value()}) << qPrintable(it.key());
-    EXPECT_FALSE(QDir(agent.dataDir() + QStringLiteral("/reports/edr/pending/bad")).exists());
+    EXPECT_FALSE(pending.exists(QStringLiteral("bad")));
 }

@@ -35,8 +35,7 @@ TEST(ServiceBinary, RefusesToRunWithoutRootSayingSoOnce)
             for (const QString& dir : {agent.prefix(), agent.prefix() + QStringLiteral("/var"),
                                        agent.prefix() + QStringLiteral("/var/lib"), agent.dataDir()})
                 ::chmod(QFile::encodeName(dir).constData(), 0777);
-        ASSERT_TRUE(agent.start({}, {QStringLiteral("setpriv"), QStringLiteral("--reuid=65534"),
-                                     QStringLiteral("--regid=65534"), QStringLiteral("--clear-groups")}));
+        ASSERT_TRUE(agent.start({}, {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"}));
         ASSERT_TRUE(agent.waitForExit(20000));
         EXPECT_EQ(agent.exitCode(), 13);
         EXPECT_EQ(agent.standardError().count(message), 1) << logWritable;

@@ -258,11 +258,6 @@ FakeHttpServer::~FakeHttpServer()
         ::close(fd);
 }
 
-void FakeHttpServer::setReply(const CannedReply& reply)
-{
-    setHandler([reply](const RecordedRequest&) { return reply; });
-}
-
 void FakeHttpServer::setHandler(std::function<CannedReply(const RecordedRequest&)> handler)
 {
     std::lock_guard<std::mutex> lock(m_mutex);

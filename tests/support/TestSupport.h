@@ -151,7 +151,7 @@ public:
     ~FakeHttpServer();
     int port() const { return m_port; }
 
-    void setReply(const CannedReply& reply);
+    void setReply(const CannedReply& reply) { setHandler([reply](const RecordedRequest&) { return reply; }); }
     void setHandler(std::function<CannedReply(const RecordedRequest&)> handler);
 
     QList<RecordedRequest> requests() const;

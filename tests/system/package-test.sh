@@ -81,10 +81,9 @@ listen_port=$(( 20000 + RANDOM % 20000 ))
 
 count() { ls "$work/console/reports/"*"-${1//\//_}.json" 2>/dev/null | wc -l; }
 at_least() { [ "$(count "$1")" -ge "$2" ]; }
-# Error lines since the install: a log left behind by an interrupted earlier
-# run (or kept by `apt remove`) must not count.
-new_log() { log | tail -n +$((log_base + 1)); }
-said_no_address() { new_log | grep -q "No server address"; }
+# A log left behind by an interrupted earlier run (or kept by `apt remove`)
+# must not count.
+said_no_address() { log | tail -n +$((log_base + 1)) | grep -q "No server address"; }
 log() { cat /var/lib/edr-agent/EDR_Track.log 2>/dev/null; }
 unit_is() { [ "$(in_sandbox systemctl "$1" "$2" 2>/dev/null)" = "$3" ]; }
 main_pid() { in_sandbox systemctl show -p MainPID --value edr-agent; }
@@ -129,9 +128,7 @@ check "package installs" grep -q 'install ok installed' <(dpkg-query -W -f='${St
 check "unit enabled on install" unit_is is-enabled edr-agent enabled
 check "unit active on install" wait_for 10 unit_is is-active edr-agent active
 check "data directory is 0700" test "$(stat -c %a /var/lib/edr-agent)" = 700
-wait_for 10 said_no_address
-check "no address: one Error line" test "$(new_log | grep -c ' ERROR \[')" = 1 ||
-  { new_log | grep ' ERROR \['; in_sandbox systemctl status --no-pager edr-agent | head -n 12; } >&2
+check "agent says it has no server address" wait_for 10 said_no_address
 t=$(stop_ms); check "stop while waiting for an address takes $t ms (<= 3000)" test "$t" -le 3000
 
 # --- point it at the console: registration and start-up reports
@@ -212,9 +209,6 @@ done <<'ORDERS'
 6 disable is-enabled disabled
 4 mask is-enabled masked
 ORDERS
-id=systest-missing
-order "ACT#\$#2#\$#1|edr-no-such-unit.service|$id"
-check "an order on a missing unit posts status 1" wait_for 30 result_is "$id" 1 || action_result "$id"
 # Orders are taken only once registered, so by now every restart has been through it.
 check "still one registration after restarts and the update" test "$(count machineInfo/registerAgent)" = 1
 
