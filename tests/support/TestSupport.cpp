@@ -80,11 +80,6 @@ void FakeToolDir::addTool(const QString& tool, const QByteArray& standardOutput,
                               QByteArray::number(exitCode) + "\n");
 }
 
-void FakeToolDir::addHangingTool(const QString& tool)
-{
-    writeExecutable(tool, recorder(path(), tool) + "exec sleep 600\n");
-}
-
 void FakeToolDir::addScript(const QString& tool, const QByteArray& shellBody)
 {
     writeExecutable(tool, recorder(path(), tool) + shellBody);

@@ -71,7 +71,7 @@ public:
     {
         addTool(tool, readFixture(fixtureRelative), exitCode);
     }
-    void addHangingTool(const QString& tool);        // sleeps far past any limit
+    void addHangingTool(const QString& tool) { addScript(tool, "exec sleep 600\n"); } // far past any limit
     void addScript(const QString& tool, const QByteArray& shellBody); // free-form /bin/sh body
 
     QList<QStringList> invocations(const QString& tool) const;
