@@ -2,8 +2,6 @@
 
 #include "control/ControlTestHelpers.h"
 
-#include <QFile>
-
 namespace {
 
 using edrtest::FakeToolDir;
@@ -106,10 +104,7 @@ TEST(ServiceManagerTest, OneShowRunGivesWhatPerUnitRunsGive)
 
     // Two units in a row that stop the shared run are left empty; the run
     // starting at the second fails at once, and the units after it still count.
-    QFile forgotten(tools.path() + "/forgotten");
-    ASSERT_TRUE(forgotten.open(QIODevice::WriteOnly) &&
-                forgotten.write("ssh.service\nsystemd-fsck-root.service\n") > 0);
-    forgotten.close();
+    edrtest::writeTestFile(tools.path() + "/forgotten", "ssh.service\nsystemd-fsck-root.service\n");
     const int before = tools.invocations("systemctl").size();
     QJsonObject body;
     ASSERT_TRUE(manager.collectReport(body));

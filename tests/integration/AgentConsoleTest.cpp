@@ -67,8 +67,8 @@ TEST(AgentConsole, FullLifecycleOverTls)
     // A readable secret left by an older version, and a policy to print.
     const QString conf = agent.dataDir() + QStringLiteral("/agent.conf");
     const QString copy = agent.dataDir() + QStringLiteral("/reports/old-request.json");
-    agent.writeFile(conf, "[Policy]\nKill=deny\nUpdate=later\n");
-    agent.writeFile(copy, "{\"token\":\"tok-1\"}");
+    writeTestFile(conf, "[Policy]\nKill=deny\nUpdate=later\n");
+    writeTestFile(copy, "{\"token\":\"tok-1\"}");
     ::chmod(QFile::encodeName(copy).constData(), 0644);
 
     ASSERT_TRUE(agent.start({QStringLiteral("policy")}));

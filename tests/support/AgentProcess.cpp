@@ -1,9 +1,5 @@
 #include "support/AgentProcess.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-
 #include <csignal>
 
 namespace edrtest {
@@ -19,18 +15,10 @@ AgentProcess::~AgentProcess()
     m_process.waitForFinished(5000);
 }
 
-void AgentProcess::writeFile(const QString& path, const QByteArray& content)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile f(path);
-    f.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    f.write(content);
-}
-
 void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort,
                                   const QByteArray& extraServerKeys)
 {
-    writeFile(prefix() + QStringLiteral("/etc/edr-agent/serverip.ini"),
+    writeTestFile(prefix() + QStringLiteral("/etc/edr-agent/serverip.ini"),
               serverIni(httpPort, socketPort, listenPort, extraServerKeys));
 }
 

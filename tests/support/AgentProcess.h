@@ -21,7 +21,6 @@ public:
 
     void writeServerIni(int httpPort, int socketPort, int listenPort,
                         const QByteArray& extraServerKeys = QByteArray());
-    void writeFile(const QString& path, const QByteArray& content);
     void setEnv(const QString& name, const QString& value) { m_env.insert(name, value); }
 
     // Starts the daemon (no command) or a one-shot command such as {"report", "hardware"}.

@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QDeadlineTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 
 #include <gtest/gtest.h>
@@ -36,6 +37,14 @@ QByteArray readFixture(const QString& relative)
     return f.readAll();
 }
 
+void writeTestFile(const QString& path, const QByteArray& content)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(content) == content.size())
+        << qPrintable(path);
+}
+
 QJsonObject jsonFixture(const QString& relative)
 {
     return QJsonDocument::fromJson(readFixture(relative)).object();
@@ -56,11 +65,9 @@ FakeToolDir::FakeToolDir()
 
 void FakeToolDir::writeExecutable(const QString& tool, const QByteArray& script)
 {
-    QFile f(path() + QLatin1Char('/') + tool);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(script);
-    f.close();
-    f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const QString file = path() + QLatin1Char('/') + tool;
+    writeTestFile(file, script);
+    QFile::setPermissions(file, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
 
 static QByteArray recorder(const QString& dir, const QString& tool)
@@ -72,10 +79,7 @@ static QByteArray recorder(const QString& dir, const QString& tool)
 void FakeToolDir::addTool(const QString& tool, const QByteArray& standardOutput, int exitCode)
 {
     const QString out = path() + QLatin1Char('/') + tool + QStringLiteral(".stdout");
-    QFile f(out);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(standardOutput);
-    f.close();
+    writeTestFile(out, standardOutput);
     writeExecutable(tool, recorder(path(), tool) + "cat '" + QFile::encodeName(out) + "'\nexit " +
                               QByteArray::number(exitCode) + "\n");
 }
@@ -123,9 +127,7 @@ QByteArray ScratchPrefix::traceLog() const
 
 void ScratchPrefix::writeServerIni(const QByteArray& content)
 {
-    QFile f(Common::getSettingsPath() + QStringLiteral("/serverip.ini"));
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(content);
+    writeTestFile(Common::getSettingsPath() + QStringLiteral("/serverip.ini"), content);
 }
 
 void ScratchPrefix::pointAtServer(int httpPort, int socketPort, int listenPort,

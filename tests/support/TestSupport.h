@@ -31,6 +31,8 @@ namespace edrtest {
 
 QString fixturePath(const QString& relative);   // tests/fixtures/<relative>
 QByteArray readFixture(const QString& relative); // fails the test when missing
+// Writes a whole file, making its directory; fails the test when it cannot.
+void writeTestFile(const QString& path, const QByteArray& content);
 
 QByteArray serverIni(int httpPort, int socketPort, int listenPort, const QByteArray& extraServerKeys);
 // Polls done() while the event loop keeps running; its final answer.
