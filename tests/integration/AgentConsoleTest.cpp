@@ -85,14 +85,10 @@ TEST(AgentConsole, FullLifecycleOverTls)
     ASSERT_FALSE(token.isEmpty());
 
     // The server connection: handshake with the token, an order.
-    QString handshake;
-    ASSERT_TRUE(waitUntil([&] {
-        handshake = console.connections().at(0).toObject().value(QStringLiteral("handshake")).toString();
-        return !handshake.isEmpty();
-    }, 30000)) << agent.log().constData();
-    EXPECT_TRUE(handshake.startsWith(QStringLiteral("Connect#$#$")) &&
-                handshake.endsWith(QStringLiteral("#$#$") + token))
-        << qPrintable(handshake);
+    const auto handshake = [&] { return console.connections().at(0)["handshake"].toString(); };
+    ASSERT_TRUE(waitUntil([&] { return !handshake().isEmpty(); }, 30000)) << agent.log().constData();
+    EXPECT_TRUE(handshake().startsWith("Connect#$#$") && handshake().endsWith("#$#$" + token))
+        << qPrintable(handshake());
     ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 20000));
     EXPECT_TRUE(waitUntil([&] {

@@ -130,12 +130,6 @@ void ScratchPrefix::writeServerIni(const QByteArray& content)
     writeTestFile(Common::getSettingsPath() + QStringLiteral("/serverip.ini"), content);
 }
 
-void ScratchPrefix::pointAtServer(int httpPort, int socketPort, int listenPort,
-                                  const QByteArray& extraServerKeys)
-{
-    writeServerIni(serverIni(httpPort, socketPort, listenPort, extraServerKeys));
-}
-
 QByteArray serverIni(int httpPort, int socketPort, int listenPort, const QByteArray& extraServerKeys)
 {
     return "[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +

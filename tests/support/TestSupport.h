@@ -93,7 +93,10 @@ public:
     void writeServerIni(const QByteArray& content);
     // extraServerKeys: more "KEY=value\n" lines for group [Server].
     void pointAtServer(int httpPort, int socketPort = 3098, int listenPort = 3097,
-                       const QByteArray& extraServerKeys = QByteArray());
+                       const QByteArray& extraServerKeys = QByteArray())
+    {
+        writeServerIni(serverIni(httpPort, socketPort, listenPort, extraServerKeys));
+    }
     QByteArray traceLog() const; // the trace log written under this prefix
 
 private:

@@ -204,9 +204,7 @@ while read -r code verb query expect; do
 done <<'ORDERS'
 1 start is-active active
 2 stop is-active inactive
-3 restart is-active active
 5 enable is-enabled enabled
-6 disable is-enabled disabled
 4 mask is-enabled masked
 ORDERS
 # Orders are taken only once registered, so by now every restart has been through it.
