@@ -23,10 +23,12 @@
 using namespace edrtest;
 
 namespace {
-QString header(const QJsonObject& request, const QString& name)
+const QString kInfo = QStringLiteral("machineInfo/addMachineInfo");
+
+QString authorization(const QJsonObject& request)
 {
     for (const QJsonValue& h : request.value(QStringLiteral("headers")).toArray())
-        if (h.toArray().at(0).toString().compare(name, Qt::CaseInsensitive) == 0)
+        if (h.toArray().at(0).toString().compare(QLatin1String("Authorization"), Qt::CaseInsensitive) == 0)
             return h.toArray().at(1).toString();
     return QString();
 }
@@ -79,9 +81,8 @@ TEST(AgentConsole, FullLifecycleOverTls)
     EXPECT_TRUE(policy.contains("Update=deny (unknown value \"later\")\n")) << policy.constData();
 
     ASSERT_TRUE(agent.start());
-    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 1, 30000)) << agent.log().constData();
-    const QString token = header(console.requests(QStringLiteral("machineInfo/addMachineInfo")).first(),
-                                 QStringLiteral("Authorization"));
+    ASSERT_TRUE(console.waitForRequests(kInfo, 1, 30000)) << agent.log().constData();
+    const QString token = authorization(console.requests(kInfo).first());
     ASSERT_FALSE(token.isEmpty());
 
     // The server connection: handshake with the token, an order.
@@ -90,7 +91,7 @@ TEST(AgentConsole, FullLifecycleOverTls)
     EXPECT_TRUE(handshake().startsWith("Connect#$#$") && handshake().endsWith("#$#$" + token))
         << qPrintable(handshake());
     ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
-    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), 2, 20000));
+    ASSERT_TRUE(console.waitForRequests(kInfo, 2, 20000));
     EXPECT_TRUE(waitUntil([&] {
         return HostPaths::readFile(agent.dataDir() + QStringLiteral("/audit.log"))
             .startsWith(R"({"channel":"push","command":"RPT#$#$0#$#0","peer":"127.0.0.1","task":0,)");
@@ -130,11 +131,11 @@ TEST(AgentConsole, FullLifecycleOverTls)
     // listener port at once although the last run's connections linger.
     // Unscaled now: a terminal order's limit is 20 s, so a stop meets it running.
     agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("1"));
-    const int infos = console.requests(QStringLiteral("machineInfo/addMachineInfo")).size();
+    const int infos = console.requests(kInfo).size();
     ASSERT_TRUE(agent.start());
-    ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/addMachineInfo"), infos + 1, 30000));
+    ASSERT_TRUE(console.waitForRequests(kInfo, infos + 1, 30000));
     EXPECT_EQ(console.requests(QStringLiteral("machineInfo/registerAgent")).size(), 1);
-    EXPECT_EQ(header(console.requests(QStringLiteral("machineInfo/addMachineInfo")).last(), QStringLiteral("Authorization")), token);
+    EXPECT_EQ(authorization(console.requests(kInfo).last()), token);
     EXPECT_FALSE(agent.log().contains("bind Failed!"));
     const QByteArray marker = "sleep 999." + QByteArray::number(::getpid()); // unique to this run
     const QByteArray order = "RPT#$#18#$#41|bash -c \"" + marker + "; true\"";
