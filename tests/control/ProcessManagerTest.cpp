@@ -31,7 +31,6 @@ TEST(ProcessManagerTest, FixtureTreeIsPostedWithItsQuirks)
 
     // The executable path the ports report takes: none for a kernel thread or a vanished process.
     const ProcessInfo info(host);
-    EXPECT_EQ(info.getProcessPathByPID(8854), QStringLiteral("/usr/bin/sleep"));
     EXPECT_TRUE(info.getProcessPathByPID(2).isNull() && info.getProcessPathByPID(4242).isNull());
     // A line feed inside the first argument ends the command line there.
     EXPECT_EQ(ProcessInfo::firstLineText(QByteArray("new\nline\0arg\0", 13)), QStringLiteral("new\n"));
