@@ -121,7 +121,6 @@ struct LoopbackSocket {
     static int freePort();
 };
 
-// Scales the agent's protocol times for one test.
 class TimeScale {
 public:
     explicit TimeScale(double s) : m_previous(Common::timeScale()) { Common::setTimeScaleForTesting(s); }
@@ -177,7 +176,6 @@ private:
     QList<int> m_heldOpen;
 };
 
-// A scratch prefix whose serverip.ini points at a recording HTTP peer.
 struct ServerUnderTest {
     ScratchPrefix prefix;
     FakeHttpServer server;
