@@ -3,7 +3,7 @@
 
 #include <QDateTime>
 #include <QDir>
-#include <QHash>
+#include <QSet>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -34,11 +34,8 @@ const QByteArray kDpkgRecords = R"([
 
 // Git keeps neither file sizes of hundreds of megabytes nor modification
 // times, so the desktop tree's are set here.
-const struct {
-    const char* path;
-    qint64 size; // -1: leave as it is
-    QDate date;
-} kStamps[] = {
+// A size of -1 leaves the file as it is.
+const struct { const char* path; qint64 size; QDate date; } kStamps[] = {
     {"var/lib/dpkg/info/foo.list", -1, {2023, 3, 4}},
     {"var/lib/dpkg/info/libbar:i386.list", -1, {2021, 12, 31}},
     {"var/lib/snapd/snaps/bare_5.snap", 4096, {2023, 4, 18}},
@@ -82,11 +79,6 @@ struct DesktopRoot {
     QTemporaryDir dir;
 };
 
-QVariantList listOf(const QByteArray& json)
-{
-    return QJsonDocument::fromJson(json).toVariant().toList();
-}
-
 // Indented text, so a mismatch shows as a diff.
 std::string textOf(const QVariantList& records)
 {
@@ -123,8 +115,9 @@ TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
 {
     DesktopRoot root;
-    const QVariantList dpkg = listOf(kDpkgRecords);
-    const QVariantList desktop = listOf(edrtest::readFixture("expected/software/apps-desktop.json"));
+    const QVariantList dpkg = QJsonDocument::fromJson(kDpkgRecords).toVariant().toList();
+    const QVariantList desktop =
+        QJsonDocument::fromJson(edrtest::readFixture("expected/software/apps-desktop.json")).toVariant().toList();
     const QVariantList snaps = desktop.mid(0, 10), flatpaks = desktop.mid(10); // its ten snaps, then its flatpaks
     using Setup = std::function<void(edrtest::FakeToolDir&, const QString&)>;
     const Setup good = [](edrtest::FakeToolDir& t, const QString& tool) {
@@ -178,25 +171,21 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
     }
 }
 
-// The report of this machine holds every package dpkg-query lists, with its version and a date.
+// The report of this machine holds every package dpkg-query lists as
+// installed, with its version and a date.
 TEST(InstallSoftManager, LiveMachineMatchesDpkgQuery)
 {
-    const ToolResult q = ToolRunner().run("dpkg-query", {"-W", "-f=${db:Status-Abbrev}\t${Package}\t${Version}\n"});
+    const ToolResult q = ToolRunner().run("dpkg-query", {"-W", "-f=${db:Status-Abbrev}${Package} ${Version}\n"});
     ASSERT_TRUE(q.ok()) << qPrintable(q.errorText); // the agent is for Debian systems
+    QSet<QString> missing; // "ii ", "hi ", "ri ": installed, whatever the wish
+    for (const QString& line : QString::fromUtf8(q.standardOutput).split('\n'))
+        if (line.size() > 3 && line[1] == 'i')
+            missing << line.mid(3);
+    ASSERT_FALSE(missing.isEmpty());
     QJsonObject body;
     ASSERT_TRUE(InstallSoftManager().collectReport(body));
-    QHash<QString, QJsonObject> report;
     for (const QJsonValue& v : body.value("InstallSoft").toArray())
-        report.insert(v["Name"].toString(), v.toObject());
-    int checked = 0;
-    for (const QByteArray& line : q.standardOutput.split('\n')) {
-        const QList<QByteArray> f = line.split('\t');
-        if (f.size() != 3 || f[0].size() != 3 || f[0][1] != 'i') // status "installed", whatever the wish
-            continue;
-        ASSERT_TRUE(report.contains(f[1])) << f[1].constData();
-        EXPECT_EQ(report.value(f[1]).value("Version").toString(), f[2]);
-        EXPECT_EQ(report.value(f[1]).value("InstallDate").toString().size(), 8) << f[1].constData();
-        ++checked;
-    }
-    EXPECT_GT(checked, 0);
+        if (v["InstallDate"].toString().size() == 8)
+            missing.remove(v["Name"].toString() + ' ' + v["Version"].toString());
+    EXPECT_EQ(missing.values(), QStringList());
 }

@@ -129,13 +129,11 @@ TEST(ScheduleStartUp, DueUnlessItRanOnTodaysLocalDate)
     ScheduleInfo entry;
     entry.setEnable(true);
     entry.setRunOnStart(true);
-    const QDateTime now(QDate(2026, 3, 10), QTime(12, 0), Qt::LocalTime);
-    const QDateTime earlyToday(QDate(2026, 3, 10), QTime(0, 10), Qt::LocalTime);
-    const QDateTime lateYesterday(QDate(2026, 3, 9), QTime(23, 50), Qt::LocalTime);
+    const QDateTime now(QDate(2026, 3, 10), QTime(12, 0));
     const int local = now.offsetFromUtc();
     const QPair<QDateTime, bool> cases[] = {
-        {earlyToday.toOffsetFromUtc(local - 3600), false},  // written as yesterday 23:10
-        {lateYesterday.toOffsetFromUtc(local + 3600), true}, // written as today 00:50
+        {QDateTime(QDate(2026, 3, 10), QTime(0, 10)).toOffsetFromUtc(local - 3600), false}, // written as yesterday 23:10
+        {QDateTime(QDate(2026, 3, 9), QTime(23, 50)).toOffsetFromUtc(local + 3600), true},  // written as today 00:50
         {now.addDays(1), false},
     };
     for (const auto& [lastRun, due] : cases)
