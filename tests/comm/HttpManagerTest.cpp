@@ -23,10 +23,6 @@ protected:
     {
         return QStringLiteral("http://127.0.0.1:%1/api/v1/%2").arg(server.port()).arg(QLatin1String(route));
     }
-    static QByteArray copyOf(const char* name)
-    {
-        return HostPaths::readFile(Common::getReportsPath() + QStringLiteral("/web/") + QLatin1String(name));
-    }
     HttpManager* http = HttpManager::getInstance();
 };
 } // namespace
@@ -76,8 +72,9 @@ TEST_F(HttpTest, EachModeSendsItsExactBodyHeadersAndRequestCopy)
     EXPECT_FALSE(rs[6].hasHeader("Content-Type"));
 
     // The request copy holds the URL, plus the text of a form body.
-    EXPECT_EQ(copyOf("addProcesses.json"), url("machineInfo/addProcesses").toUtf8() + "\n");
-    EXPECT_EQ(copyOf("form.json"), url("f/form").toUtf8() + "\na=1&b=x%20y");
+    const QString copies = Common::getReportsPath() + QStringLiteral("/web/");
+    EXPECT_EQ(HostPaths::readFile(copies + "addProcesses.json"), url("machineInfo/addProcesses").toUtf8() + "\n");
+    EXPECT_EQ(HostPaths::readFile(copies + "form.json"), url("f/form").toUtf8() + "\na=1&b=x%20y");
 }
 
 // Any answer is taken whatever its status; a failure or an oversized answer leaves the response alone.

@@ -48,13 +48,11 @@ protected:
                                     "failed");
     }
     static QByteArray body(const char* value) { return QByteArray("{    \"v\": \"") + value + "\"}"; }
-    // A name without a directory lands in the pending directory.
+    // A relative name lands in the pending directory.
     void write(const QString& name, const QByteArray& content) const
     {
-        const QString path = name.startsWith(QLatin1Char('/')) ? name : dir() + QLatin1Char('/') + name;
-        QDir().mkpath(QFileInfo(path).path());
-        QFile f(path);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        QFile f(QDir(dir()).absoluteFilePath(name));
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(f).path()) && f.open(QIODevice::WriteOnly));
         f.write(content);
     }
 };

@@ -9,7 +9,6 @@
 #include <utility>
 
 // Every key is read from the file at each call; the group spelling matters; garbage gives defaults.
-// The URLs built from them are checked where each report is posted.
 TEST(ServerDetails, EveryKeyComesFromTheFileAtEachCall)
 {
     edrtest::ScratchPrefix prefix;
@@ -56,9 +55,7 @@ TEST(SizeOperation, BytesToTextAndTextToBytesWithItsQuirks)
         EXPECT_EQ(SizeOperation::getStringSizeInBytes(QLatin1String(text)), bytes) << text;
 }
 
-// Reloading never duplicates a card, and the push channel's key is the
-// corporate id, not the corporate key. The live agent id is checked in the
-// registration body.
+// Reloading never duplicates a card; the push channel's key is the corporate id, not the corporate key.
 TEST(AgentDetails, LanCardsFromTheMachineAndThePushKey)
 {
     AgentDetails* details = AgentDetails::getInstance();

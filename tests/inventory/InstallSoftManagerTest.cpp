@@ -87,7 +87,6 @@ std::string textOf(const QVariantList& records)
 
 } // namespace
 
-// Whole records are in the posted report below.
 TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 {
     const std::pair<const char*, const char*> odd[] = {

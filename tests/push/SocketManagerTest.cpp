@@ -127,14 +127,13 @@ TEST_F(SocketManagerTest, ReconnectPauseLeavesTheEventLoopRunning)
     QElapsedTimer clock;
     clock.start();
     manager->onSocketServerThreadFinished();
-    EXPECT_LT(clock.elapsed(), 100); // returns at once: the pause is a timer
-    int ticks = 0;
+    int ticks = 0; // a pause that slept would leave none
     QTimer other;
     QObject::connect(&other, &QTimer::timeout, [&] { ++ticks; });
     other.start(50);
     EXPECT_TRUE(waitUntil([&] { return prefix.traceLog().contains("Connecting to Lan server..."); }, 5000));
     EXPECT_GE(clock.elapsed(), 400);
-    EXPECT_GE(ticks, 5); // other timers kept firing during the pause
+    EXPECT_GE(ticks, 5);
 }
 
 TEST_F(SocketManagerTest, SendMessageToCutsTheTextToItsBuffer)

@@ -123,7 +123,6 @@ TEST_F(ScheduleManagerTest, OverlayChangesOnlyNamedValuesAndBadFilesChangeNothin
 }
 
 // Local calendar dates count, whatever offset the last run was written with.
-// (Never, today and yesterday in local time: the start test below.)
 TEST(ScheduleStartUp, DueUnlessItRanOnTodaysLocalDate)
 {
     ScheduleInfo entry;
