@@ -14,7 +14,6 @@ TEST(EdrAgentConfig, StoresValuesPrivatelyAndReadsHandWrittenOrGarbledFiles)
 {
     QTemporaryDir dir;
     EdrAgentConfig config(dir.path() + "/sub/agent.conf");
-    EXPECT_EQ(config.getSetting("LastSettingTime", "-"), "-");
     ASSERT_TRUE(config.setAuthCode("tok=en,with;odd chars"));
     EXPECT_EQ(config.getAuthCode(), "tok=en,with;odd chars");
     const QDateTime when(QDate(2026, 3, 4), QTime(5, 6, 7));
