@@ -73,7 +73,8 @@ TEST_F(HttpTest, EachModeSendsItsExactBodyHeadersAndRequestCopy)
 
     // The request copy holds the URL, plus the text of a form body.
     const QString copies = Common::getReportsPath() + QStringLiteral("/web/");
-    EXPECT_EQ(HostPaths::readFile(copies + "addProcesses.json"), url("machineInfo/addProcesses").toUtf8() + "\n");
+    EXPECT_EQ(HostPaths::readFile(copies + "addProcesses.json"),
+              url("machineInfo/addProcesses").toUtf8() + "\n");
     EXPECT_EQ(HostPaths::readFile(copies + "form.json"), url("f/form").toUtf8() + "\na=1&b=x%20y");
 }
 

@@ -36,7 +36,8 @@ TEST(ServerDetails, EveryKeyComesFromTheFileAtEachCall)
     for (const char* bad : {"notanumber", "0", "65536", "-1", "80x", "1,2", ""}) {
         prefix.writeServerIni(QByteArray("[Server]\nEDRSPORT=4000\nEDRSLPORT=") + bad + "\n");
         EXPECT_EQ(values(), "NA 7777 v1 4000 0 []") << bad;
-        EXPECT_EQ(prefix.traceLog().count("EDRSLPORT in serverip.ini is not a port number"), ++refusals) << bad;
+        EXPECT_EQ(prefix.traceLog().count("EDRSLPORT in serverip.ini is not a port number"), ++refusals)
+            << bad;
     }
 }
 

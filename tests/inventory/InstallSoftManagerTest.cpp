@@ -64,9 +64,9 @@ struct DesktopRoot {
 };
 
 // Indented text, so a mismatch shows as a diff.
-std::string textOf(const QVariantList& records)
+std::string textOf(const QVariant& json)
 {
-    return QJsonDocument::fromVariant(records).toJson().toStdString();
+    return QJsonDocument::fromVariant(json).toJson().toStdString();
 }
 
 } // namespace
@@ -98,9 +98,9 @@ TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
 {
     DesktopRoot root;
-    const QVariantList dpkg = QJsonDocument::fromJson(kDpkgRecords).toVariant().toList();
-    const QVariantList desktop =
-        QJsonDocument::fromJson(edrtest::readFixture("expected/software/apps-desktop.json")).toVariant().toList();
+    auto listOf = [](const QByteArray& text) { return QJsonDocument::fromJson(text).toVariant().toList(); };
+    const QVariantList dpkg = listOf(kDpkgRecords);
+    const QVariantList desktop = listOf(edrtest::readFixture("expected/software/apps-desktop.json"));
     const QVariantList snaps = desktop.mid(0, 10), flatpaks = desktop.mid(10); // its ten snaps, then its flatpaks
     using Setup = std::function<void(edrtest::FakeToolDir&, const QString&)>;
     const Setup good = [](edrtest::FakeToolDir& t, const QString& tool) {
@@ -112,9 +112,8 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
         good(tools, "flatpak");
         edrtest::ServerUnderTest peer;
         EXPECT_TRUE(InstallSoftManager(root.host(), tools.runner()).sendRptToServer("ignored"));
-        const QJsonObject posted = peer.posted("machineInfo/addInstallSoft");
-        EXPECT_EQ(posted.keys(), QStringList{"InstallSoft"});
-        EXPECT_EQ(textOf(posted.value("InstallSoft").toArray().toVariantList()), textOf(dpkg + desktop));
+        EXPECT_EQ(textOf(peer.posted("machineInfo/addInstallSoft").toVariantMap()),
+                  textOf(QVariantMap{{"InstallSoft", dpkg + desktop}}));
         EXPECT_EQ(tools.invocations("snap"), (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
         EXPECT_EQ(tools.invocations("flatpak"),
                   (QList<QStringList>{{"list", "--app", "--columns=application,version,size,name,description"}}));
@@ -147,8 +146,8 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
             (snapBroken ? good : broken[m])(tools, "flatpak");
             QJsonObject body;
             EXPECT_TRUE(InstallSoftManager(root.host(), tools.runner()).collectReport(body));
-            EXPECT_EQ(textOf(body.value("InstallSoft").toArray().toVariantList()),
-                      textOf(dpkg + (snapBroken ? flatpaks : snaps)));
+            EXPECT_EQ(textOf(body.toVariantMap()),
+                      textOf(QVariantMap{{"InstallSoft", dpkg + (snapBroken ? flatpaks : snaps)}}));
             EXPECT_TRUE(prefix.traceLog().contains(snapBroken ? "no snaps reported" : "no flatpaks reported"));
         }
     }
@@ -158,7 +157,8 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
 // installed, with its version and a date.
 TEST(InstallSoftManager, LiveMachineMatchesDpkgQuery)
 {
-    const ToolResult q = ToolRunner().run("dpkg-query", {"-W", "-f=${db:Status-Abbrev}${Package} ${Version}\n"});
+    const ToolResult q =
+        ToolRunner().run("dpkg-query", {"-W", "-f=${db:Status-Abbrev}${Package} ${Version}\n"});
     ASSERT_TRUE(q.ok()) << qPrintable(q.errorText); // the agent is for Debian systems
     QSet<QString> missing; // "ii ", "hi ", "ri ": installed, whatever the wish
     for (const QString& line : QString::fromUtf8(q.standardOutput).split('\n'))

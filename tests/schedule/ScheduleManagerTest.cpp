@@ -131,8 +131,9 @@ TEST(ScheduleStartUp, DueUnlessItRanOnTodaysLocalDate)
     const QDateTime now(QDate(2026, 3, 10), QTime(12, 0));
     const int local = now.offsetFromUtc();
     const QPair<QDateTime, bool> cases[] = {
-        {QDateTime(QDate(2026, 3, 10), QTime(0, 10)).toOffsetFromUtc(local - 3600), false}, // written as yesterday 23:10
-        {QDateTime(QDate(2026, 3, 9), QTime(23, 50)).toOffsetFromUtc(local + 3600), true},  // written as today 00:50
+        // today 00:10 written as yesterday 23:10, yesterday 23:50 written as today 00:50
+        {QDateTime(QDate(2026, 3, 10), QTime(0, 10)).toOffsetFromUtc(local - 3600), false},
+        {QDateTime(QDate(2026, 3, 9), QTime(23, 50)).toOffsetFromUtc(local + 3600), true},
         {now.addDays(1), false},
     };
     for (const auto& [lastRun, due] : cases)

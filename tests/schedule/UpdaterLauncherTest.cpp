@@ -16,7 +16,7 @@ using edrtest::FakeToolDir;
 TEST(UpdaterLauncher, PicksTransientUnitOnlyUnderSystemdAndFallsBackToDetached)
 {
     using Outcome = UpdaterLauncher::Outcome;
-    const struct { const char* name; bool systemdRunning, hasSystemdRun; int systemdRunExit; Outcome expected; } cases[] = {
+    const struct { const char* name; bool systemd, hasSystemdRun; int runExit; Outcome expected; } cases[] = {
         {"systemd", true, true, 0, Outcome::TransientUnit},
         {"no systemd", false, true, 0, Outcome::Detached},
         {"no systemd-run", true, false, 0, Outcome::Detached},
@@ -25,11 +25,12 @@ TEST(UpdaterLauncher, PicksTransientUnitOnlyUnderSystemdAndFallsBackToDetached)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         QTemporaryDir root;
-        if (c.systemdRunning)
+        if (c.systemd) {
             ASSERT_TRUE(QDir().mkpath(root.path() + "/run/systemd/system"));
+        }
         FakeToolDir tools;
         if (c.hasSystemdRun)
-            tools.addTool("systemd-run", QByteArray(), c.systemdRunExit);
+            tools.addTool("systemd-run", QByteArray(), c.runExit);
         tools.addTool("sh", QByteArray());
         // A detached run is the system's sh with the script's path as $0.
         const QString marker = root.path() + "/ran", script = root.path() + "/edragentupd.sh";
@@ -37,14 +38,15 @@ TEST(UpdaterLauncher, PicksTransientUnitOnlyUnderSystemdAndFallsBackToDetached)
         ASSERT_TRUE(f.open(QIODevice::WriteOnly) &&
                     f.write("printf '%s' \"$0\" > \"$0.tmp\" && mv \"$0.tmp\" '" + marker.toUtf8() + "'\n") > 0);
         f.close();
-        EXPECT_EQ(UpdaterLauncher(HostPaths::fromFixtureRoot(root.path()), tools.runner()).start(script), c.expected);
+        const UpdaterLauncher launcher(HostPaths::fromFixtureRoot(root.path()), tools.runner());
+        EXPECT_EQ(launcher.start(script), c.expected);
 
         const QList<QStringList> calls = tools.invocations("systemd-run");
-        if (c.systemdRunning && c.hasSystemdRun) {
+        if (c.systemd && c.hasSystemdRun) {
             ASSERT_EQ(calls.size(), 1);
             EXPECT_TRUE(calls[0][0].startsWith("--unit=edr-agent-update-")) << qPrintable(calls[0][0]);
-            EXPECT_EQ(calls[0].mid(1), (QStringList{"--collect", "--quiet", "--description=edr-agent updater", "--",
-                                                    tools.path() + "/sh", script}));
+            EXPECT_EQ(calls[0].mid(1), (QStringList{"--collect", "--quiet", "--description=edr-agent updater",
+                                                    "--", tools.path() + "/sh", script}));
         } else {
             EXPECT_TRUE(calls.isEmpty());
         }
