@@ -17,10 +17,9 @@ TEST(ToolRunner, RunsByNameFromItsSearchPathOnlyInTheCLocaleWithCappedOutput)
     EXPECT_EQ(r.standardOutput, output);
     EXPECT_EQ(tools.invocations("lister"), (QList<QStringList>{{"-a", "b c"}}));
 
-    const ToolResult missing = tools.runner().run("dmidecode", {}, 1000);
-    EXPECT_TRUE(!missing.started && !missing.errorText.isEmpty());
     // Only the search path counts: a tool elsewhere on PATH is not found.
-    EXPECT_FALSE(ToolRunner(QStringList()).run("sh", {}, 1000).started);
+    const ToolResult missing = ToolRunner(QStringList()).run("sh", {}, 1000);
+    EXPECT_TRUE(!missing.started && !missing.errorText.isEmpty());
 
     tools.addScript("locale-echo", "printf '%s' \"$LC_ALL\"\n");
     EXPECT_EQ(tools.runner().run("locale-echo", {}, 5000).standardOutput, "C");

@@ -23,8 +23,7 @@ const QByteArray kDpkgRecords = R"([
     {"Name":"foo","PackageName":"foo","InstallDate":"20230304","Version":"9"}])";
 
 // Git keeps neither file sizes of hundreds of megabytes nor modification
-// times, so the desktop tree's are set here.
-// A size of -1 leaves the file as it is.
+// times, so the desktop tree's are set here; a size of -1 leaves the file as it is.
 const struct { const char* path; qint64 size; QDate date; } kStamps[] = {
     {"var/lib/dpkg/info/foo.list", -1, {2023, 3, 4}},
     {"var/lib/dpkg/info/libbar:i386.list", -1, {2021, 12, 31}},

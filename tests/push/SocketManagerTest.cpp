@@ -140,9 +140,8 @@ TEST_F(SocketManagerTest, SendMessageToCutsTheTextToItsBuffer)
 {
     int port = 0;
     LoopbackSocket listener(LoopbackSocket::listenOn(&port));
-    const QString loopback = QStringLiteral("127.0.0.1");
-    EXPECT_FALSE(manager->sendMessageTo(loopback, QStringLiteral("x"), 1, false));
-    EXPECT_TRUE(manager->sendMessageTo(loopback, QString(5000, QLatin1Char('a')), quint64(port), false));
+    EXPECT_FALSE(manager->sendMessageTo(QStringLiteral("127.0.0.1"), QStringLiteral("x"), 1, false));
+    EXPECT_TRUE(manager->sendMessageTo(QStringLiteral("127.0.0.1"), QString(5000, 'a'), quint64(port), false));
     LoopbackSocket peer(LoopbackSocket::acceptOne(listener.fd, 5000));
     QByteArray received, chunk;
     while (!(chunk = LoopbackSocket::readSome(peer.fd, 2000)).isEmpty())
