@@ -153,7 +153,7 @@ TEST(SocketThreads, StopRightAfterStartIsNotLost)
 
 // One listener run: its port taken at first (the bind is retried), a peer outside
 // the allow list, then (the setting read again per client) one message per
-// client answered OK, an oversized one cut, a silent client dropped.
+// client answered OK, an oversized one cut, a silent client dropped and the next served.
 TEST(Listener, BindRetryAllowListOneMessagePerClientAndSilentClients)
 {
     ScratchPrefix prefix;
