@@ -43,25 +43,6 @@ const struct { const char* path; qint64 size; QDate date; } kStamps[] = {
     {"var/lib/flatpak/app/fr.example.Ecrivain/current", -1, {2024, 1, 1}},
 };
 
-// A writable copy of the apps-desktop tree.
-struct DesktopRoot {
-    DesktopRoot()
-    {
-        namespace fs = std::filesystem;
-        fs::copy(edrtest::fixturePath("roots/apps-desktop").toStdString(), dir.path().toStdString(),
-                 fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-        for (const auto& s : kStamps) {
-            const QString file = dir.path() + '/' + s.path;
-            EXPECT_TRUE(s.size < 0 || QFile::resize(file, s.size)) << s.path;
-            const time_t t = QDateTime(s.date, QTime(12, 0)).toSecsSinceEpoch();
-            const struct timeval times[2] = {{t, 0}, {t, 0}};
-            EXPECT_EQ(::utimes(QFile::encodeName(file).constData(), times), 0) << s.path;
-        }
-    }
-    HostPaths host() const { return HostPaths::fromFixtureRoot(dir.path()); }
-    QTemporaryDir dir;
-};
-
 // Indented text, so a mismatch shows as a diff.
 std::string textOf(const QVariant& json)
 {
@@ -96,7 +77,18 @@ TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
 // printing garbage) leaves the report to the others, with a Debug line naming it.
 TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
 {
-    DesktopRoot root;
+    namespace fs = std::filesystem;
+    QTemporaryDir root; // a writable copy of the desktop tree
+    fs::copy(edrtest::fixturePath("roots/apps-desktop").toStdString(), root.path().toStdString(),
+             fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    for (const auto& s : kStamps) {
+        const QString file = root.path() + '/' + s.path;
+        EXPECT_TRUE(s.size < 0 || QFile::resize(file, s.size)) << s.path;
+        const time_t t = QDateTime(s.date, QTime(12, 0)).toSecsSinceEpoch();
+        const struct timeval times[2] = {{t, 0}, {t, 0}};
+        EXPECT_EQ(::utimes(QFile::encodeName(file).constData(), times), 0) << s.path;
+    }
+    const HostPaths host = HostPaths::fromFixtureRoot(root.path());
     auto listOf = [](const QByteArray& text) { return QJsonDocument::fromJson(text).toVariant().toList(); };
     const QVariantList dpkg = listOf(kDpkgRecords);
     const QVariantList desktop = listOf(edrtest::readFixture("expected/software/apps-desktop.json"));
@@ -110,7 +102,7 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
         good(tools, "snap");
         good(tools, "flatpak");
         edrtest::ServerUnderTest peer;
-        EXPECT_TRUE(InstallSoftManager(root.host(), tools.runner()).sendRptToServer("ignored"));
+        EXPECT_TRUE(InstallSoftManager(host, tools.runner()).sendRptToServer("ignored"));
         EXPECT_EQ(textOf(peer.posted("machineInfo/addInstallSoft").toVariantMap()),
                   textOf(QVariantMap{{"InstallSoft", dpkg + desktop}}));
         EXPECT_EQ(tools.invocations("snap"), (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
@@ -144,7 +136,7 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
             (snapBroken ? broken[m] : good)(tools, "snap");
             (snapBroken ? good : broken[m])(tools, "flatpak");
             QJsonObject body;
-            EXPECT_TRUE(InstallSoftManager(root.host(), tools.runner()).collectReport(body));
+            EXPECT_TRUE(InstallSoftManager(host, tools.runner()).collectReport(body));
             EXPECT_EQ(textOf(body.toVariantMap()),
                       textOf(QVariantMap{{"InstallSoft", dpkg + (snapBroken ? flatpaks : snaps)}}));
             EXPECT_TRUE(prefix.traceLog().contains(snapBroken ? "no snaps reported" : "no flatpaks reported"));
