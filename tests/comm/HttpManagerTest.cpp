@@ -23,10 +23,6 @@ protected:
     {
         return QStringLiteral("http://127.0.0.1:%1/api/v1/%2").arg(server.port()).arg(QLatin1String(route));
     }
-    static QByteArray copyOf(const char* name)
-    {
-        return HostPaths::readFile(Common::getReportsPath() + QStringLiteral("/web/") + QLatin1String(name));
-    }
     HttpManager* http = HttpManager::getInstance();
 };
 } // namespace
@@ -46,19 +42,17 @@ TEST_F(HttpTest, EachModeSendsItsExactBodyHeadersAndRequestCopy)
     ASSERT_TRUE(http->sendDataToServer(true, url("x/y"), 3, fields, response));
     ASSERT_TRUE(http->sendDataToServer(true, url("f/form"), 1, fields, response));
     ASSERT_TRUE(http->sendDataToServer(false, url("f/get"), 3, fields, response));
-    ASSERT_TRUE(http->sendDataToServer(false, url("settings/getConfigFile"), 0, {}, response));
     ASSERT_TRUE(http->sendDataToServer(true, url("m/upload"), 2, upload, response));
     ASSERT_TRUE(http->sendDataToServer(true, url("m/bare"), 7, upload, response));
     const QList<RecordedRequest> rs = server.requests();
-    ASSERT_EQ(rs.size(), 7);
+    ASSERT_EQ(rs.size(), 6);
     const struct { const char* request; QByteArray body; const char* type; } sent[] = {
         {"POST /api/v1/machineInfo/addProcesses", "{    \"a\": \"x y\"}", "application/json"},
         {"POST /api/v1/x/y", "{    \"a\": \"1\",    \"b\": \"x y\"}", "application/json"},
         {"POST /api/v1/f/form", "a=1&b=x%20y", "application/x-www-form-urlencoded"},
         {"GET /api/v1/f/get?a=1&b=x%20y", "", ""},
-        {"GET /api/v1/settings/getConfigFile?", "", ""},
     };
-    for (int i = 0; i < 5; ++i) {
+    for (size_t i = 0; i < std::size(sent); ++i) {
         EXPECT_EQ(rs[i].method + ' ' + rs[i].target, sent[i].request);
         EXPECT_EQ(rs[i].body, sent[i].body) << i;
         EXPECT_EQ(rs[i].header("Content-Type"), sent[i].type) << i;
@@ -68,16 +62,18 @@ TEST_F(HttpTest, EachModeSendsItsExactBodyHeadersAndRequestCopy)
                                     "Cache-Control: no-cache\r\nContent-Type: application/json\r\n"))
         << rs[1].head.constData();
 
-    EXPECT_TRUE(rs[5].header("Content-Type").startsWith("multipart/form-data; boundary="));
-    EXPECT_TRUE(rs[5].body.contains("name=\"logFILE\"; filename="));
-    EXPECT_TRUE(rs[5].body.contains("file-content-123"));
-    EXPECT_TRUE(rs[5].body.contains("name=\"name\"\r\n\r\nv\r\n"));
-    EXPECT_EQ(rs[6].body, "");
-    EXPECT_FALSE(rs[6].hasHeader("Content-Type"));
+    EXPECT_TRUE(rs[4].header("Content-Type").startsWith("multipart/form-data; boundary="));
+    EXPECT_TRUE(rs[4].body.contains("name=\"logFILE\"; filename="));
+    EXPECT_TRUE(rs[4].body.contains("file-content-123"));
+    EXPECT_TRUE(rs[4].body.contains("name=\"name\"\r\n\r\nv\r\n"));
+    EXPECT_EQ(rs[5].body, "");
+    EXPECT_FALSE(rs[5].hasHeader("Content-Type"));
 
     // The request copy holds the URL, plus the text of a form body.
-    EXPECT_EQ(copyOf("addProcesses.json"), url("machineInfo/addProcesses").toUtf8() + "\n");
-    EXPECT_EQ(copyOf("form.json"), url("f/form").toUtf8() + "\na=1&b=x%20y");
+    const QString copies = Common::getReportsPath() + QStringLiteral("/web/");
+    EXPECT_EQ(HostPaths::readFile(copies + "addProcesses.json"),
+              url("machineInfo/addProcesses").toUtf8() + "\n");
+    EXPECT_EQ(HostPaths::readFile(copies + "form.json"), url("f/form").toUtf8() + "\na=1&b=x%20y");
 }
 
 // Any answer is taken whatever its status; a failure or an oversized answer leaves the response alone.

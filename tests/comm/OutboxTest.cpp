@@ -48,13 +48,11 @@ protected:
                                     "failed");
     }
     static QByteArray body(const char* value) { return QByteArray("{    \"v\": \"") + value + "\"}"; }
-    // A name without a directory lands in the pending directory.
+    // A relative name lands in the pending directory.
     void write(const QString& name, const QByteArray& content) const
     {
-        const QString path = name.startsWith(QLatin1Char('/')) ? name : dir() + QLatin1Char('/') + name;
-        QDir().mkpath(QFileInfo(path).path());
-        QFile f(path);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        QFile f(QDir(dir()).absoluteFilePath(name));
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(f).path()) && f.open(QIODevice::WriteOnly));
         f.write(content);
     }
 };
@@ -105,7 +103,6 @@ TEST_F(OutboxTest, FailedPostsAreKeptCoalescedAndReplayedByteForByte)
     server.setReply({200, "OK", "text/plain"});
     post(SERVICES, QStringLiteral("fresh")); // delivered: the pending one is stale
     ASSERT_EQ(server.requests().size(), 5);
-    ASSERT_EQ(outbox->entries().size(), 3);
     EXPECT_EQ(outbox->pendingResults(), 2);
 
     // Still failing: replay stops at the first file, which stays.
@@ -113,14 +110,12 @@ TEST_F(OutboxTest, FailedPostsAreKeptCoalescedAndReplayedByteForByte)
     outbox->scheduleReplay();
     QCoreApplication::processEvents();
     EXPECT_EQ(server.requests().size(), 6);
-    EXPECT_EQ(outbox->entries().size(), 3);
 
     // Back: one file per pass of the event loop, oldest first, each body as it first went out.
     server.setReply({200, "OK", "text/plain"});
     outbox->scheduleReplay();
     QCoreApplication::processEvents();
     EXPECT_EQ(server.requests().size(), 7);
-    EXPECT_EQ(outbox->entries().size(), 2);
     // Work that arrives meanwhile (a pushed order) waits for one file at most.
     int sentBeforeOrder = -1;
     QMetaObject::invokeMethod(

@@ -16,7 +16,6 @@ QJsonObject parse(const QByteArray& line) // not JSON: an empty object, which no
     return QJsonDocument::fromJson(line).object();
 }
 
-// The outcome of each record in an audit file, oldest first.
 QStringList outcomes(const QString& path)
 {
     QStringList out;
@@ -63,8 +62,7 @@ TEST(AuditLog, PendingLineIsCompletedInPlaceOrAfterARotation)
     audit->finish(first, AuditLog::Failed);
     EXPECT_EQ(outcomes(path), (QStringList{"failed", "refused-peer"}));
 
-    // The pending line rotates away (twice): the outcome comes as a whole new
-    // line. The file's mode and its re-creation are the trace log's tests.
+    // The pending line rotates away (twice): the outcome comes as a whole new line.
     const AuditLog::Entry second = audit->begin(AuditLog::Push, "p", "MOD", {});
     audit->setRotation(1, 2);
     audit->record(AuditLog::Push, "p", "x", std::nullopt, AuditLog::Malformed);

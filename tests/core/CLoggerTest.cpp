@@ -12,14 +12,11 @@
 
 using LOGGER::CLogger;
 
-// The scratch prefix points the trace log at a fresh file, level trace, and
-// restores both afterwards.
 static QStringList linesOf(const QByteArray& log)
 {
     return QString::fromUtf8(log).split('\n', Qt::SkipEmptyParts);
 }
 
-// Rotation is in the audit log's tests, which shares the file.
 TEST(CLogger, LineFormatThresholdModeRecreationAndFallback)
 {
     edrtest::ScratchPrefix prefix;

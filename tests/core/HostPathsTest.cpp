@@ -17,7 +17,6 @@ TEST(HostPaths, ReadsProcfsToEndWithCap)
     EXPECT_FALSE(ok);
 }
 
-// The live machine's id is checked in the agent's registration body.
 TEST(SystemInformation, BootIdNeedsExactly36Bytes)
 {
     QTemporaryDir dir;

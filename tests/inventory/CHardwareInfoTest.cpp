@@ -5,8 +5,7 @@
 
 using invtest::jsonOf;
 
-// Whole records from dmidecode are in the fixture machines' reports; these are
-// the cases those machines do not print.
+// The cases the fixture machines' dmidecode outputs do not print.
 TEST(CHardwareInfo, ProcessorAndMemoryAdditions)
 {
     const std::pair<const char*, const char*> types[] = {{"Central Processor", "3"}, {"Math Processor", "4"},

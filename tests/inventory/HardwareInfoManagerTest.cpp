@@ -13,9 +13,7 @@ TEST(HardwareInfoManager, FixtureMachinesMatchTheirExpectedBodies)
         invtest::Machine m(scenario);
         QJsonObject report;
         ASSERT_TRUE(m.manager->getHardwareInfo(report, QString()));
-        // dmidecode quiet, one type a run (the fixtures pick the type); lsblk with its two column sets.
-        for (const QStringList& call : m.tools.invocations("dmidecode"))
-            EXPECT_EQ(call.mid(0, 2), (QStringList{"-q", "-t"}));
+        // dmidecode's arguments pick its fixture output (one type a run); lsblk with its two column sets.
         EXPECT_EQ(m.tools.invocations("lsblk"),
                   (QList<QStringList>{{"--output", "MODEL,SIZE,TYPE,SERIAL,PATH", "-J", "-e", "7"},
                                       {"--output", "FSSIZE,FSAVAIL,NAME,UUID,FSTYPE,TYPE,HOTPLUG,MOUNTPOINT,LABEL,STATE",
@@ -33,9 +31,8 @@ TEST(HardwareInfoManager, FixtureMachinesMatchTheirExpectedBodies)
     }
 }
 
-TEST(HardwareInfoManager, SystemTypeAndIpList)
+TEST(HardwareInfoManager, IpListSortedWithoutDuplicates)
 {
-    EXPECT_EQ(HardwareInfoManager::systemTypeOf("i686"), "x86-based PC"); // 64-bit ones are in the fixtures
     AgentDetails::_LAN_CARD_CONFIG a, b;
     a.ipAddresses = QStringList{"192.0.2.7", "10.0.0.5"};
     a.subnetMasks = QStringList{"255.255.255.0", "255.0.0.0"};

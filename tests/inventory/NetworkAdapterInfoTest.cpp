@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-// Whole adapter lists are in the fixture machines' reports, a virtual
-// interface's missing manufacturer and sysfs's "0x8086" ids included.
+// Whole adapter lists are in the fixture machines' reports.
 TEST(NetworkAdapterInfo, TextHelpersAndMissingSysfs)
 {
     const QByteArray db = "# 8086 comment\n8086\n8086   Intel   Corporation \n\t15fb  I219-LM\n14e4 Broadcom\n";

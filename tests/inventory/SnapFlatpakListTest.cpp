@@ -8,11 +8,7 @@
 // that do not line up, names that could leave a folder, disabled revisions.
 TEST(SnapList, ColumnsComeFromTheHeader)
 {
-    const struct {
-        QByteArray table;
-        QStringList rows;
-        int skipped;
-    } cases[] = {
+    const struct { QByteArray table; QStringList rows; int skipped; } cases[] = {
         {edrtest::readFixture("commands/snap/long-names.stdout"),
          {"bare|1.0|5", "core22|20240408|1380", "intellij-idea-community|2024.1.1|505",
           "my-private-tool-with-a-very-long-snap-name||x3", "lxd|5.21.1-2d13beb|28373", "hello-world_work|6.4|29",

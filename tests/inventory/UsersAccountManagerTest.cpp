@@ -8,8 +8,7 @@
 
 #include <gtest/gtest.h>
 
-// The fixture machines' accounts are in their reports (the tools' runs and
-// limits in the hardware report's tests); these are the lines no real file holds.
+// The fixture machines' accounts are in their reports; these are the lines no real file holds.
 TEST(UsersAccountManager, MalformedLinesAreSkippedAndAdministratorsNamedExactly)
 {
     UsersAccountManager::AccountFiles f;

@@ -127,23 +127,21 @@ TEST_F(SocketManagerTest, ReconnectPauseLeavesTheEventLoopRunning)
     QElapsedTimer clock;
     clock.start();
     manager->onSocketServerThreadFinished();
-    EXPECT_LT(clock.elapsed(), 100); // returns at once: the pause is a timer
-    int ticks = 0;
+    int ticks = 0; // a pause that slept would leave none
     QTimer other;
     QObject::connect(&other, &QTimer::timeout, [&] { ++ticks; });
     other.start(50);
     EXPECT_TRUE(waitUntil([&] { return prefix.traceLog().contains("Connecting to Lan server..."); }, 5000));
     EXPECT_GE(clock.elapsed(), 400);
-    EXPECT_GE(ticks, 5); // other timers kept firing during the pause
+    EXPECT_GE(ticks, 5);
 }
 
 TEST_F(SocketManagerTest, SendMessageToCutsTheTextToItsBuffer)
 {
     int port = 0;
     LoopbackSocket listener(LoopbackSocket::listenOn(&port));
-    const QString loopback = QStringLiteral("127.0.0.1");
-    EXPECT_FALSE(manager->sendMessageTo(loopback, QStringLiteral("x"), 1, false));
-    EXPECT_TRUE(manager->sendMessageTo(loopback, QString(5000, QLatin1Char('a')), quint64(port), false));
+    EXPECT_FALSE(manager->sendMessageTo(QStringLiteral("127.0.0.1"), QStringLiteral("x"), 1, false));
+    EXPECT_TRUE(manager->sendMessageTo(QStringLiteral("127.0.0.1"), QString(5000, 'a'), quint64(port), false));
     LoopbackSocket peer(LoopbackSocket::acceptOne(listener.fd, 5000));
     QByteArray received, chunk;
     while (!(chunk = LoopbackSocket::readSome(peer.fd, 2000)).isEmpty())

@@ -123,19 +123,17 @@ TEST_F(ScheduleManagerTest, OverlayChangesOnlyNamedValuesAndBadFilesChangeNothin
 }
 
 // Local calendar dates count, whatever offset the last run was written with.
-// (Never, today and yesterday in local time: the start test below.)
 TEST(ScheduleStartUp, DueUnlessItRanOnTodaysLocalDate)
 {
     ScheduleInfo entry;
     entry.setEnable(true);
     entry.setRunOnStart(true);
-    const QDateTime now(QDate(2026, 3, 10), QTime(12, 0), Qt::LocalTime);
-    const QDateTime earlyToday(QDate(2026, 3, 10), QTime(0, 10), Qt::LocalTime);
-    const QDateTime lateYesterday(QDate(2026, 3, 9), QTime(23, 50), Qt::LocalTime);
+    const QDateTime now(QDate(2026, 3, 10), QTime(12, 0));
     const int local = now.offsetFromUtc();
     const QPair<QDateTime, bool> cases[] = {
-        {earlyToday.toOffsetFromUtc(local - 3600), false},  // written as yesterday 23:10
-        {lateYesterday.toOffsetFromUtc(local + 3600), true}, // written as today 00:50
+        // today 00:10 written as yesterday 23:10, yesterday 23:50 written as today 00:50
+        {QDateTime(QDate(2026, 3, 10), QTime(0, 10)).toOffsetFromUtc(local - 3600), false},
+        {QDateTime(QDate(2026, 3, 9), QTime(23, 50)).toOffsetFromUtc(local + 3600), true},
         {now.addDays(1), false},
     };
     for (const auto& [lastRun, due] : cases)

@@ -15,50 +15,42 @@ using edrtest::FakeToolDir;
 // detached, so an update order is never lost.
 TEST(UpdaterLauncher, PicksTransientUnitOnlyUnderSystemdAndFallsBackToDetached)
 {
-    const struct {
-        const char* name;
-        bool systemdRunning;
-        bool hasSystemdRun;
-        int systemdRunExit;
-        UpdaterLauncher::Outcome expected;
-    } cases[] = {
-        {"systemd", true, true, 0, UpdaterLauncher::Outcome::TransientUnit},
-        {"no systemd", false, true, 0, UpdaterLauncher::Outcome::Detached},
-        {"no systemd-run", true, false, 0, UpdaterLauncher::Outcome::Detached},
-        {"systemd-run fails", true, true, 1, UpdaterLauncher::Outcome::Detached},
+    using Outcome = UpdaterLauncher::Outcome;
+    const struct { const char* name; bool systemd, hasSystemdRun; int runExit; Outcome expected; } cases[] = {
+        {"systemd", true, true, 0, Outcome::TransientUnit},
+        {"no systemd", false, true, 0, Outcome::Detached},
+        {"no systemd-run", true, false, 0, Outcome::Detached},
+        {"systemd-run fails", true, true, 1, Outcome::Detached},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         QTemporaryDir root;
-        if (c.systemdRunning) {
-            ASSERT_TRUE(QDir().mkpath(root.path() + QStringLiteral("/run/systemd/system")));
+        if (c.systemd) {
+            ASSERT_TRUE(QDir().mkpath(root.path() + "/run/systemd/system"));
         }
         FakeToolDir tools;
         if (c.hasSystemdRun)
-            tools.addTool(QStringLiteral("systemd-run"), QByteArray(), c.systemdRunExit);
-        tools.addTool(QStringLiteral("sh"), QByteArray());
+            tools.addTool("systemd-run", QByteArray(), c.runExit);
+        tools.addTool("sh", QByteArray());
         // A detached run is the system's sh with the script's path as $0.
-        const QString marker = root.path() + QStringLiteral("/ran");
-        const QString script = root.path() + QStringLiteral("/edragentupd.sh");
+        const QString marker = root.path() + "/ran", script = root.path() + "/edragentupd.sh";
         QFile f(script);
         ASSERT_TRUE(f.open(QIODevice::WriteOnly) &&
                     f.write("printf '%s' \"$0\" > \"$0.tmp\" && mv \"$0.tmp\" '" + marker.toUtf8() + "'\n") > 0);
         f.close();
-
-        const UpdaterLauncher launcher(HostPaths(root.path() + "/proc", root.path() + "/sys", root.path()),
-                                       tools.runner());
+        const UpdaterLauncher launcher(HostPaths::fromFixtureRoot(root.path()), tools.runner());
         EXPECT_EQ(launcher.start(script), c.expected);
 
-        const QList<QStringList> calls = tools.invocations(QStringLiteral("systemd-run"));
-        if (c.systemdRunning && c.hasSystemdRun) {
+        const QList<QStringList> calls = tools.invocations("systemd-run");
+        if (c.systemd && c.hasSystemdRun) {
             ASSERT_EQ(calls.size(), 1);
-            const QString unit = calls.first().first().mid(QStringLiteral("--unit=").size());
-            EXPECT_TRUE(unit.startsWith(QStringLiteral("edr-agent-update-"))) << unit.toStdString();
-            EXPECT_EQ(calls.first(), UpdaterLauncher::transientUnitArguments(unit, tools.path() + "/sh", script));
+            EXPECT_TRUE(calls[0][0].startsWith("--unit=edr-agent-update-")) << qPrintable(calls[0][0]);
+            EXPECT_EQ(calls[0].mid(1), (QStringList{"--collect", "--quiet", "--description=edr-agent updater",
+                                                    "--", tools.path() + "/sh", script}));
         } else {
             EXPECT_TRUE(calls.isEmpty());
         }
-        if (c.expected == UpdaterLauncher::Outcome::Detached) {
+        if (c.expected == Outcome::Detached) {
             EXPECT_TRUE(edrtest::waitUntil([&] { return QFile::exists(marker); }, 10000));
             EXPECT_EQ(HostPaths::readFile(marker), script.toUtf8());
         } else {
