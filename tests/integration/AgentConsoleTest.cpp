@@ -126,6 +126,13 @@ TEST(AgentConsole, FullLifecycleOverTls)
         EXPECT_EQ(command.standardOutput(), want) << report.first;
         EXPECT_EQ(command.standardError().contains("unknown report 'registry'"), !report.second) << report.first;
     }
+    // With no ufw to ask, the command prints the {} the agent would post.
+    AgentProcess firewall;
+    firewall.setEnv(QStringLiteral("PATH"), QStringLiteral("/nonexistent"));
+    ASSERT_TRUE(firewall.start({QStringLiteral("report"), QStringLiteral("firewall")}));
+    ASSERT_TRUE(firewall.waitForExit(60000));
+    EXPECT_EQ(firewall.exitCode(), 0);
+    EXPECT_EQ(firewall.standardOutput(), "{}\n");
 
     // A restart keeps its token, does not register again and binds its
     // listener port at once although the last run's connections linger.
