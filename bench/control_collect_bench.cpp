@@ -30,10 +30,11 @@ BENCHMARK(BM_ProcessesReportBody)->Unit(benchmark::kMillisecond);
 // One batched "show" answer for 150 units, split and applied.
 static void BM_ServicesShowParse(benchmark::State& state)
 {
-    QByteArray block = "Type=notify\nSuccessExitStatus=\nMainPID=640\n"
-                       "ExecStart={ path=/usr/sbin/sshd ; argv[]=/usr/sbin/sshd -D $SSHD_OPTS ; ignore_errors=no }\n"
-                       "WantedBy=multi-user.target\nDescription=OpenBSD Secure Shell server\n"
-                       "ActiveState=active\nUnitFileState=enabled\n";
+    QByteArray block =
+        "Type=notify\nSuccessExitStatus=\nMainPID=640\n"
+        "ExecStart={ path=/usr/sbin/sshd ; argv[]=/usr/sbin/sshd -D $SSHD_OPTS ; ignore_errors=no }\n"
+        "WantedBy=multi-user.target\nDescription=OpenBSD Secure Shell server\n"
+        "ActiveState=active\nUnitFileState=enabled\n";
     QByteArray output;
     for (int i = 0; i < 150; ++i)
         output += (i ? "\n" : "") + block;

@@ -7,7 +7,8 @@
 
 #include <benchmark/benchmark.h>
 
-namespace {
+namespace
+{
 
 QString structures(int count)
 {

@@ -23,8 +23,10 @@ int main(int argc, char** argv)
             const QByteArray data = f.readAll();
             const int step = data.size() > 4096 ? data.size() / 512 : 1;
             for (int len = 0; len <= data.size(); len += step)
-                LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(data.constData()), static_cast<size_t>(len));
-            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(data.constData()), static_cast<size_t>(data.size()));
+                LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(data.constData()),
+                                       static_cast<size_t>(len));
+            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(data.constData()),
+                                   static_cast<size_t>(data.size()));
             ++files;
         }
     }

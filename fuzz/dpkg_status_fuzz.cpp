@@ -6,6 +6,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    InstallSoftManager::parseDpkgStatus(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
+    InstallSoftManager::parseDpkgStatus(
+        QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
     return 0;
 }

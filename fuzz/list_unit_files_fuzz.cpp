@@ -6,8 +6,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const QStringList names =
-        ServiceManager::parseUnitFileList(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
+    const QStringList names = ServiceManager::parseUnitFileList(
+        QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
     for (const QString& name : names) {
         ServiceManager::isTemplateUnit(name);
         ServiceManager::canShareShowRun(name);

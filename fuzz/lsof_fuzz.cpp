@@ -7,7 +7,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     QJsonArray listening, connections;
-    NetworkMonManager::parseLsofOutput(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)),
-                                       listening, connections);
+    NetworkMonManager::parseLsofOutput(
+        QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)), listening, connections);
     return 0;
 }

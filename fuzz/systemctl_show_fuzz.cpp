@@ -6,8 +6,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const QList<QStringList> blocks =
-        ServiceManager::splitShowBlocks(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
+    const QList<QStringList> blocks = ServiceManager::splitShowBlocks(
+        QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
     for (const QStringList& block : blocks) {
         ServiceInfo info;
         ServiceManager::applyProperties(block, info);

@@ -19,7 +19,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 void applyLogLevel(const QString& fromCommandLine)
 {
     LOGGER::CLogger::Level level = LOGGER::CLogger::LEVEL_INFO;
@@ -40,7 +41,8 @@ int printPolicy()
 {
     const EdrAgentConfig config;
     const QByteArray path = QFile::encodeName(config.path());
-    struct stat st {};
+    struct stat st {
+    };
     const bool missing = ::stat(path.constData(), &st) != 0 && errno == ENOENT;
     if (!missing && ::access(path.constData(), R_OK) != 0) {
         std::fprintf(stderr, "edr-agent: cannot read %s: %s\n", path.constData(), std::strerror(errno));
@@ -58,12 +60,13 @@ int main(int argc, char** argv)
     QCoreApplication::setApplicationVersion(Common::getBuildVersion());
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "Endpoint agent: inventories this machine, reports to the management server and carries out its orders.\n"
-        "With no command it runs the daemon (as root)."));
+    parser.setApplicationDescription(QStringLiteral("Endpoint agent: inventories this machine, reports to "
+                                                    "the management server and carries out its orders.\n"
+                                                    "With no command it runs the daemon (as root)."));
     parser.addHelpOption();
     parser.addVersionOption();
-    QCommandLineOption prefixOption(QStringLiteral("prefix"), QStringLiteral("Relocate every directory below DIR."),
+    QCommandLineOption prefixOption(QStringLiteral("prefix"),
+                                    QStringLiteral("Relocate every directory below DIR."),
                                     QStringLiteral("DIR"));
     QCommandLineOption levelOption(QStringLiteral("log-level"),
                                    QStringLiteral("Trace log threshold: trace, debug, info or error."),
@@ -99,8 +102,10 @@ int main(int argc, char** argv)
         return printPolicy();
     if (!positional.isEmpty()) {
         if (positional.first() != QLatin1String("report") || positional.size() != 2) {
-            std::fprintf(stderr, "edr-agent: usage: edr-agent [options] report NAME (%s) | policy | outbox [--flush]\n",
-                         qUtf8Printable(ReportCommand::names().join(QStringLiteral(", "))));
+            std::fprintf(
+                stderr,
+                "edr-agent: usage: edr-agent [options] report NAME (%s) | policy | outbox [--flush]\n",
+                qUtf8Printable(ReportCommand::names().join(QStringLiteral(", "))));
             return 2;
         }
         ignoreUnixSignals({SIGPIPE});
@@ -110,10 +115,12 @@ int main(int argc, char** argv)
 
     if (::getuid() != 0) {
         const int err = errno;
-        EDR_LOG->Error("int main(int, char**)", err, "Not sufficient permission! Please run as admin or root or sudo.");
+        EDR_LOG->Error("int main(int, char**)", err,
+                       "Not sufficient permission! Please run as admin or root or sudo.");
         // Without a writable log the line above went to stderr already.
         if (!EDR_LOG->lastLineOnStderr())
-            std::fprintf(stderr, "edr-agent: Not sufficient permission! Please run as admin or root or sudo.\n");
+            std::fprintf(stderr,
+                         "edr-agent: Not sufficient permission! Please run as admin or root or sudo.\n");
         return 13;
     }
 
@@ -125,7 +132,8 @@ int main(int argc, char** argv)
     // Files an older version left readable are closed up before anything runs.
     DataDirModes::tighten(Common::getEdrDirPath());
     if (EdrAgentConfig().isMalformed())
-        EDR_LOG->Error("int main(int, char**)", EINVAL, "agent.conf could not be parsed; defaults are in use");
+        EDR_LOG->Error("int main(int, char**)", EINVAL,
+                       "agent.conf could not be parsed; defaults are in use");
 
     ignoreUnixSignals({SIGPIPE});
     if (!catchUnixSignals({SIGTERM, SIGHUP, SIGUSR1}))

@@ -47,7 +47,8 @@ bool AgentManager::registerAgent()
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     BusyGuard guard(m_busy);
     if (!guard.acquired()) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Already another instance is registering agent on sever so returning");
+        EDR_LOG->Error(Q_FUNC_INFO, errno,
+                       "Already another instance is registering agent on sever so returning");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;
     }

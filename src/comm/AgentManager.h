@@ -10,7 +10,8 @@ class AgentDetails;
 class ServerDetails;
 
 // Enrols the agent with the server and sends the agent-information report.
-class AgentManager {
+class AgentManager
+{
 public:
     static AgentManager* getInstance();
     static void releaseInstance();

@@ -5,10 +5,10 @@
 QString ApiManager::getAPI(const API_NAME& name)
 {
     static const char* const routes[] = {
-        "machineInfo/registerAgent",  "machineInfo/addMachineInfo", "machineInfo/addMachineInfo",
-        "machineInfo/addStartupApps", "machineInfo/addMachineInfo", "machineInfo/addProcesses",
+        "machineInfo/registerAgent",  "machineInfo/addMachineInfo",  "machineInfo/addMachineInfo",
+        "machineInfo/addStartupApps", "machineInfo/addMachineInfo",  "machineInfo/addProcesses",
         "machineInfo/addServicess",   "machineInfo/addNwMonitoring", "machineInfo/addInstallSoft",
-        "cmdAndPS/cmdOutput",         "firewall/firewallStatus",    "cmdAndPS/osqueryoutput",
+        "cmdAndPS/cmdOutput",         "firewall/firewallStatus",     "cmdAndPS/osqueryoutput",
         "settings/InvSettingsOutput", "settings/getConfigFile",
     };
     const ServerDetails* server = ServerDetails::getInstance();

@@ -20,7 +20,8 @@ enum API_NAME {
 };
 
 // Builds the URL of a server route from the settings of this moment.
-class ApiManager {
+class ApiManager
+{
 public:
     static QString getAPI(const API_NAME& name);
 };

@@ -26,7 +26,8 @@
 
 HttpManager* HttpManager::s_instance = nullptr;
 
-namespace {
+namespace
+{
 // A transfer slower than this for the scaled time below is given up, so a
 // server that accepts and never answers cannot hold the agent for ever.
 constexpr long kLowSpeedBytesPerSecond = 1;
@@ -155,15 +156,17 @@ QByteArray HttpManager::jsonBody(const QMap<QString, QString>& fields)
     return text;
 }
 
-bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
-                                   QString& response, qint64 maxReplyBytes)
+bool HttpManager::sendDataToServer(bool post, const QString& url, int mode,
+                                   const QMap<QString, QString>& fields, QString& response,
+                                   qint64 maxReplyBytes)
 {
     Outcome outcome;
     return sendDataToServer(post, url, mode, fields, response, outcome, maxReplyBytes);
 }
 
-bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, const QMap<QString, QString>& fields,
-                                   QString& response, Outcome& outcome, qint64 maxReplyBytes)
+bool HttpManager::sendDataToServer(bool post, const QString& url, int mode,
+                                   const QMap<QString, QString>& fields, QString& response, Outcome& outcome,
+                                   qint64 maxReplyBytes)
 {
     outcome = Outcome();
     // Loaded and set up at the first request: commands that never talk to
@@ -224,7 +227,8 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
 
     const QString token = authorizationToken();
     if (!token.isEmpty())
-        handles.headers = api->slist_append(handles.headers, ("Authorization: " + token.toUtf8()).constData());
+        handles.headers =
+            api->slist_append(handles.headers, ("Authorization: " + token.toUtf8()).constData());
     handles.headers = api->slist_append(handles.headers, "Cookie: AspxAutoDetectCookieSupport=1");
     handles.headers = api->slist_append(handles.headers, "Cache-Control: no-cache");
 
@@ -283,8 +287,8 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode, cons
         // The server did answer: what was sent arrived, only the reply is refused.
         outcome.answered = true;
         api->easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &outcome.status);
-        EDR_LOG->Error(Q_FUNC_INFO, EFBIG, "Refused the reply from %s: longer than %lld bytes", qUtf8Printable(url),
-                       static_cast<long long>(reply.cap));
+        EDR_LOG->Error(Q_FUNC_INFO, EFBIG, "Refused the reply from %s: longer than %lld bytes",
+                       qUtf8Printable(url), static_cast<long long>(reply.cap));
         return false;
     }
     outcome.answered = rc == CURLE_OK;

@@ -5,10 +5,10 @@
 #include <QMutex>
 #include <QString>
 
-
 // Every request to the server's HTTP API goes through here (libcurl, one easy
 // handle per request). Body modes: 1 form, 2 multipart, 3 JSON, other none.
-class HttpManager {
+class HttpManager
+{
 public:
     static HttpManager* getInstance();
     static void releaseInstance();

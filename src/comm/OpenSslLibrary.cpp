@@ -36,7 +36,8 @@ void load()
         EDR_BIND(ssl, SSL_read_ex) && EDR_BIND(ssl, SSL_write_ex) && EDR_BIND(ssl, SSL_pending) &&
         EDR_BIND(crypto, X509_verify_cert_error_string) && EDR_BIND(crypto, X509_get_X509_PUBKEY) &&
         EDR_BIND(crypto, i2d_X509_PUBKEY) && EDR_BIND(crypto, X509_free) && EDR_BIND(crypto, EVP_sha256) &&
-        EDR_BIND(crypto, EVP_Digest) && EDR_BIND(crypto, CRYPTO_free) && EDR_BIND(crypto, OPENSSL_thread_stop);
+        EDR_BIND(crypto, EVP_Digest) && EDR_BIND(crypto, CRYPTO_free) &&
+        EDR_BIND(crypto, OPENSSL_thread_stop);
 #undef EDR_BIND
     if (ok)
         g_loaded = &g_library;

@@ -19,7 +19,8 @@ bool ReportSubmitter::enter(const char* origin, const BusyGuard& guard)
     return false;
 }
 
-bool ReportSubmitter::submitReport(const char* origin, bool& busy, API_NAME route, const ReportMessages& messages,
+bool ReportSubmitter::submitReport(const char* origin, bool& busy, API_NAME route,
+                                   const ReportMessages& messages,
                                    const std::function<bool(QJsonObject&)>& collect)
 {
     BusyGuard guard(busy);
@@ -46,8 +47,8 @@ bool ReportSubmitter::submitReport(const char* origin, bool& busy, API_NAME rout
     return sent;
 }
 
-bool ReportSubmitter::postObject(const char* origin, API_NAME route, const QJsonObject& object, const char* sent,
-                                 const char* sendFailed)
+bool ReportSubmitter::postObject(const char* origin, API_NAME route, const QJsonObject& object,
+                                 const char* sent, const char* sendFailed)
 {
     QMap<QString, QString> fields;
     // toJson() never yields a zero byte, so the text is whole.
@@ -69,8 +70,8 @@ bool ReportSubmitter::postFields(const char* origin, API_NAME route, const QMap<
     }
     QString response;
     HttpManager::Outcome outcome;
-    const bool ok =
-        HttpManager::getInstance()->sendDataToServer(true, ApiManager::getAPI(route), 3, fields, response, outcome);
+    const bool ok = HttpManager::getInstance()->sendDataToServer(true, ApiManager::getAPI(route), 3, fields,
+                                                                 response, outcome);
     if (ok)
         EDR_LOG->Info(origin, "%s", sent);
     else

@@ -10,7 +10,8 @@
 
 // Holds a manager's busy flag for the length of one submission and clears it
 // on every path out.
-class BusyGuard {
+class BusyGuard
+{
 public:
     explicit BusyGuard(bool& flag) : m_flag(flag), m_acquired(!flag)
     {
@@ -40,7 +41,8 @@ struct ReportMessages {
 
 // The one way reports and action results reach the server: a JSON POST of the
 // single form field "data" (or of plain fields), logged once by outcome.
-class ReportSubmitter {
+class ReportSubmitter
+{
 public:
     // Debug IN; when the guard found the manager busy, the refusal (Error,
     // Debug OUT) and false. Every submission and order starts with it.
@@ -59,5 +61,6 @@ public:
     static bool postFields(const char* origin, API_NAME route, const QMap<QString, QString>& fields,
                            const char* sent, const char* sendFailed);
 
-    static constexpr const char* kBusyMessage = "Already another instance is sending report to sever so returning";
+    static constexpr const char* kBusyMessage =
+        "Already another instance is sending report to sever so returning";
 };

@@ -58,17 +58,18 @@ std::optional<FirewallManager::Order> FirewallManager::parseOrder(const QString&
 
 QString FirewallManager::Order::message(bool succeeded) const
 {
-    const QString text = succeeded
-        ? QStringLiteral("Firewall settings changed successfully. Domain: %1 | Private: %2 | Public: %3")
-        : QStringLiteral("Firewall settings change failed. Domain: %1 | Private: %2 | Public: %3");
+    const QString text =
+        succeeded
+            ? QStringLiteral("Firewall settings changed successfully. Domain: %1 | Private: %2 | Public: %3")
+            : QStringLiteral("Firewall settings change failed. Domain: %1 | Private: %2 | Public: %3");
     return text.arg(domainLabel, privateLabel, publicLabel);
 }
 
 bool FirewallManager::enableFirewall(bool enable, bool, bool)
 {
-    const ToolResult r = m_runner.run(QStringLiteral("ufw"),
-                                      {enable ? QStringLiteral("enable") : QStringLiteral("disable")},
-                                      Common::scaledMs(kToolTimeoutMs));
+    const ToolResult r =
+        m_runner.run(QStringLiteral("ufw"), {enable ? QStringLiteral("enable") : QStringLiteral("disable")},
+                     Common::scaledMs(kToolTimeoutMs));
     if (!r.started)
         EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "ufw could not be started: %s", qUtf8Printable(r.errorText));
     return r.ok();
@@ -77,8 +78,8 @@ bool FirewallManager::enableFirewall(bool enable, bool, bool)
 bool FirewallManager::getFirewallStatus(QJsonObject& status)
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
-    const ToolResult r = m_runner.run(QStringLiteral("ufw"), {QStringLiteral("status")},
-                                      Common::scaledMs(kToolTimeoutMs));
+    const ToolResult r =
+        m_runner.run(QStringLiteral("ufw"), {QStringLiteral("status")}, Common::scaledMs(kToolTimeoutMs));
     if (!r.finished) {
         if (!r.started)
             EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "ufw could not be started: %s", qUtf8Printable(r.errorText));
@@ -101,16 +102,16 @@ bool FirewallManager::collectReport(QJsonObject& body)
 
 bool FirewallManager::sendRptToServer(const QString& requestId)
 {
-    return ReportSubmitter::submitReport(
-        Q_FUNC_INFO, m_reportBusy, FIREWALL_STATUS,
-        {"Failed to Firewall Status.", "Successfully send Firewall Status to server.",
-         "Failed to send Firewall Status to server."},
-        [this, &requestId](QJsonObject& body) {
-            collectReport(body);
-            if (!requestId.isEmpty())
-                body.insert(QStringLiteral("socId"), requestId);
-            return true;
-        });
+    return ReportSubmitter::submitReport(Q_FUNC_INFO, m_reportBusy, FIREWALL_STATUS,
+                                         {"Failed to Firewall Status.",
+                                          "Successfully send Firewall Status to server.",
+                                          "Failed to send Firewall Status to server."},
+                                         [this, &requestId](QJsonObject& body) {
+                                             collectReport(body);
+                                             if (!requestId.isEmpty())
+                                                 body.insert(QStringLiteral("socId"), requestId);
+                                             return true;
+                                         });
 }
 
 bool FirewallManager::executeSendReportToServer(const QString& parameter, bool permitted)
@@ -127,7 +128,8 @@ bool FirewallManager::executeSendReportToServer(const QString& parameter, bool p
 
     QJsonObject result;
     result.insert(QStringLiteral("_id"), order->id);
-    const bool changed = permitted && enableFirewall(order->enable, order->privateProfile, order->domainProfile);
+    const bool changed =
+        permitted && enableFirewall(order->enable, order->privateProfile, order->domainProfile);
     const QString message = order->message(changed);
     return ActionResult::finish(Q_FUNC_INFO, result, changed, message, message,
                                 "Successfully send Firewall Action to server.",

@@ -10,7 +10,8 @@
 
 // Reports whether the host firewall (ufw) is active and switches it on or off
 // on the server's order.
-class FirewallManager {
+class FirewallManager
+{
 public:
     static FirewallManager* getInstance();
     static void releaseInstance();

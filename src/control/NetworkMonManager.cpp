@@ -13,7 +13,8 @@
 
 NetworkMonManager* NetworkMonManager::s_instance = nullptr;
 
-namespace {
+namespace
+{
 const QString kProcessName = QStringLiteral("ProcessName");
 const QString kFilePath = QStringLiteral("FilePath");
 const QString kProtocol = QStringLiteral("Protocol");
@@ -137,7 +138,8 @@ bool NetworkMonManager::isNumeric(const QString& text)
     return true;
 }
 
-void NetworkMonManager::parseLsofOutput(const QByteArray& output, QJsonArray& listening, QJsonArray& connections)
+void NetworkMonManager::parseLsofOutput(const QByteArray& output, QJsonArray& listening,
+                                        QJsonArray& connections)
 {
     QStringList lines = QString::fromUtf8(output).split(QLatin1Char('\n'));
     // The column header goes, and so does whatever follows the last line feed.
@@ -258,12 +260,12 @@ bool NetworkMonManager::getNetworkPortList(QJsonObject& report)
             thread->wait();
             delete thread;
         };
-        std::unique_ptr<QThread, decltype(joinAndDelete)> ssThread(QThread::create([this, &ss] { ss = runSs(); }),
-                                                                   joinAndDelete);
+        std::unique_ptr<QThread, decltype(joinAndDelete)> ssThread(
+            QThread::create([this, &ss] { ss = runSs(); }), joinAndDelete);
         ssThread->start();
-        const ToolResult lsof = m_runner.run(QStringLiteral("lsof"),
-                                             {QStringLiteral("-P"), QStringLiteral("-n"), QStringLiteral("-i")},
-                                             m_toolTimeoutMs);
+        const ToolResult lsof =
+            m_runner.run(QStringLiteral("lsof"),
+                         {QStringLiteral("-P"), QStringLiteral("-n"), QStringLiteral("-i")}, m_toolTimeoutMs);
         ssThread.reset();
 
         QJsonArray listening;
@@ -301,7 +303,8 @@ ToolResult NetworkMonManager::runSs() const
 void NetworkMonManager::appendListeningPorts(const ToolResult& ss, QJsonArray& listening) const
 {
     if (!ss.started || ss.timedOut) {
-        EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "ss gave no answer (%s); no ports from it", qUtf8Printable(ss.errorText));
+        EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "ss gave no answer (%s); no ports from it",
+                       qUtf8Printable(ss.errorText));
         return;
     }
     parseSsOutput(ss.standardOutput, listening, [this](int pid) { return m_info.getProcessPathByPID(pid); });
@@ -342,11 +345,13 @@ bool NetworkMonManager::getProcessDetails(int pid, QJsonArray& listening, QJsonA
     const QString name = m_info.getProcessNameByPID(pid);
     const QString path = m_info.getProcessPathByPID(pid);
     const QString base = m_host.proc(QString::number(pid)) + QStringLiteral("/net/");
-    parseConnectionFile(pid, base + QStringLiteral("tcp"), QStringLiteral("TCP"), name, path, listening, connections);
+    parseConnectionFile(pid, base + QStringLiteral("tcp"), QStringLiteral("TCP"), name, path, listening,
+                        connections);
     parseConnectionFile(pid, base + QStringLiteral("tcp6"), QStringLiteral("TCP6"), name, path, listening,
                         connections);
     // "UPD" is how the server spells it.
-    parseConnectionFile(pid, base + QStringLiteral("udp"), QStringLiteral("UPD"), name, path, listening, connections);
+    parseConnectionFile(pid, base + QStringLiteral("udp"), QStringLiteral("UPD"), name, path, listening,
+                        connections);
     parseConnectionFile(pid, base + QStringLiteral("udp6"), QStringLiteral("UPD6"), name, path, listening,
                         connections);
     return true;
@@ -367,7 +372,8 @@ bool NetworkMonManager::parseConnectionFile(int pid, const QString& path, const 
 bool NetworkMonManager::sendRptToServer(const QString&)
 {
     return ReportSubmitter::submitReport(Q_FUNC_INFO, m_reportBusy, NETWORK_MONITORING,
-                                         {"Failed to Network Ports Info.", "Successfully send Network Ports to server.",
+                                         {"Failed to Network Ports Info.",
+                                          "Successfully send Network Ports to server.",
                                           "Failed to send Network Ports to server."},
                                          [this](QJsonObject& body) { return collectReport(body); });
 }

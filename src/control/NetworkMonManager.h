@@ -15,7 +15,8 @@
 // Which programs listen on which ports and which connections are open, from
 // "lsof" and "ss". Building the same lists from the kernel tables under the
 // proc root is kept beside it, unused by the report.
-class NetworkMonManager {
+class NetworkMonManager
+{
 public:
     static NetworkMonManager* getInstance();
     static void releaseInstance();
@@ -34,8 +35,9 @@ public:
     // The kernel-table way.
     bool getUsedPortList(QJsonObject& report);
     bool getProcessDetails(int pid, QJsonArray& listening, QJsonArray& connections);
-    bool parseConnectionFile(int pid, const QString& path, const QString& protocol, const QString& processName,
-                             const QString& filePath, QJsonArray& listening, QJsonArray& connections);
+    bool parseConnectionFile(int pid, const QString& path, const QString& protocol,
+                             const QString& processName, const QString& filePath, QJsonArray& listening,
+                             QJsonArray& connections);
 
     // Task 11.
     bool sendRptToServer(const QString& parameter);
@@ -47,8 +49,8 @@ public:
     static void parseSsOutput(const QByteArray& output, QJsonArray& listening,
                               const std::function<QString(int)>& pathOfPid);
     static void parseConnectionTable(const QByteArray& table, int pid, const QString& protocol,
-                                     const QString& processName, const QString& filePath, QJsonArray& listening,
-                                     QJsonArray& connections);
+                                     const QString& processName, const QString& filePath,
+                                     QJsonArray& listening, QJsonArray& connections);
     // Splits at runs of white space (space, tab, line feed, vertical tab, form
     // feed, carriage return), keeping or dropping the empty parts.
     static QStringList splitWhitespace(const QString& line, bool keepEmpty);
@@ -59,7 +61,8 @@ public:
 private:
     ToolResult runSs() const;
     void appendListeningPorts(const ToolResult& ss, QJsonArray& listening) const;
-    static void insertPortLists(QJsonObject& report, const QJsonArray& listening, const QJsonArray& connections);
+    static void insertPortLists(QJsonObject& report, const QJsonArray& listening,
+                                const QJsonArray& connections);
 
     static NetworkMonManager* s_instance;
 

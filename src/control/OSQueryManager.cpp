@@ -59,7 +59,8 @@ bool OSQueryManager::executeQuery(const QString& query, QJsonArray& rows)
     const ToolResult r = m_runner.run(osqueryPath(), {QStringLiteral("--json"), query},
                                       Common::scaledMs(kQueryTimeoutMs), kMaxOutputBytes);
     if (!r.finished) {
-        EDR_LOG->Error(Q_FUNC_INFO, r.timedOut ? ETIMEDOUT : (r.started ? errno : ENOENT), "Failed to run OSQuery!");
+        EDR_LOG->Error(Q_FUNC_INFO, r.timedOut ? ETIMEDOUT : (r.started ? errno : ENOENT),
+                       "Failed to run OSQuery!");
         return false;
     }
     std::optional<QJsonArray> parsed = parseOutput(r.standardOutput);
@@ -74,22 +75,22 @@ bool OSQueryManager::executeQuery(const QString& query, QJsonArray& rows)
 bool OSQueryManager::sendRptToServer(const QString& arg, bool permitted)
 {
     const char* origin = Q_FUNC_INFO;
-    return ReportSubmitter::submitReport(
-        origin, m_reportBusy, OSQUERY_OUTPUT,
-        {"Failed to osquery output.", "Successfully send osquery output to server.",
-         "Failed to send osquery output to server."},
-        [this, &arg, origin, permitted](QJsonObject& body) {
-            const std::optional<Request> request = parseArgument(arg);
-            if (!request) {
-                // Nothing to run: counts as a failed query.
-                EDR_LOG->Error(origin, EINVAL, "Invalid Parameters!");
-                return false;
-            }
-            QJsonArray rows;
-            if (!permitted || !executeQuery(request->query, rows))
-                return false;
-            body.insert(QStringLiteral("_id"), request->id);
-            body.insert(QStringLiteral("Output"), rows);
-            return true;
-        });
+    return ReportSubmitter::submitReport(origin, m_reportBusy, OSQUERY_OUTPUT,
+                                         {"Failed to osquery output.",
+                                          "Successfully send osquery output to server.",
+                                          "Failed to send osquery output to server."},
+                                         [this, &arg, origin, permitted](QJsonObject& body) {
+                                             const std::optional<Request> request = parseArgument(arg);
+                                             if (!request) {
+                                                 // Nothing to run: counts as a failed query.
+                                                 EDR_LOG->Error(origin, EINVAL, "Invalid Parameters!");
+                                                 return false;
+                                             }
+                                             QJsonArray rows;
+                                             if (!permitted || !executeQuery(request->query, rows))
+                                                 return false;
+                                             body.insert(QStringLiteral("_id"), request->id);
+                                             body.insert(QStringLiteral("Output"), rows);
+                                             return true;
+                                         });
 }

@@ -10,7 +10,8 @@
 
 // Runs one query of the osquery executable shipped under the agent's root
 // directory and posts the rows.
-class OSQueryManager {
+class OSQueryManager
+{
 public:
     static OSQueryManager* getInstance();
     static void releaseInstance();

@@ -11,7 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 // Nothing the kernel writes into these files comes near this; fixture trees
 // and odd processes must not make the agent grow without bound.
 constexpr qint64 kLineCap = 4 * 1024 * 1024;
@@ -58,7 +59,8 @@ QByteArray ProcessInfo::readUntil(int fd, bool stopAtLineFeed, qint64 cap)
         const size_t take = static_cast<size_t>(qMin<qint64>(n, cap - out.size()));
         const char* stop = static_cast<const char*>(std::memchr(buf, '\0', take));
         if (stopAtLineFeed) {
-            const char* lf = static_cast<const char*>(std::memchr(buf, '\n', stop ? size_t(stop - buf) : take));
+            const char* lf =
+                static_cast<const char*>(std::memchr(buf, '\n', stop ? size_t(stop - buf) : take));
             if (lf)
                 stop = lf;
         }

@@ -8,7 +8,8 @@
 // Small readers that turn a process id into what the reports show of it, from
 // the per-process files under the proc root. They keep no state beyond where
 // that root is, so tests point them at fixture trees.
-class ProcessInfo {
+class ProcessInfo
+{
 public:
     explicit ProcessInfo(const HostPaths& host = HostPaths());
 

@@ -174,7 +174,8 @@ bool ProcessManager::killProcess(const QString& name)
     return false; // kill by name is not carried out
 }
 
-bool ProcessManager::startProcess(const QString& program, const QStringList& arguments, bool, unsigned int waitForExit)
+bool ProcessManager::startProcess(const QString& program, const QStringList& arguments, bool,
+                                  unsigned int waitForExit)
 {
     // Without waitForExit the child must not outlive the call: the runner
     // gets a short limit and ends it; otherwise the usual tool limit applies.
@@ -189,10 +190,11 @@ bool ProcessManager::startProcess(const QString& program, const QStringList& arg
 
 bool ProcessManager::sendRptToServer(const QString&)
 {
-    return ReportSubmitter::submitReport(
-        Q_FUNC_INFO, m_reportBusy, PROCESSES,
-        {"Failed to Processes Info.", "Successfully send processes to server.", "Failed to send processes to server."},
-        [this](QJsonObject& body) { return collectReport(body); });
+    return ReportSubmitter::submitReport(Q_FUNC_INFO, m_reportBusy, PROCESSES,
+                                         {"Failed to Processes Info.",
+                                          "Successfully send processes to server.",
+                                          "Failed to send processes to server."},
+                                         [this](QJsonObject& body) { return collectReport(body); });
 }
 
 bool ProcessManager::executeSendReportToServer(const QString& parameter, bool permitted)
@@ -225,8 +227,7 @@ bool ProcessManager::executeSendReportToServer(const QString& parameter, bool pe
 
     // The wire text keeps its "%s": the server expects it literally.
     const QString message = QString::fromLatin1(killed ? kKillSucceeded : kKillFailed);
-    return ActionResult::finish(Q_FUNC_INFO, result, killed, message,
-                                QString(message).replace(QLatin1String("%s"), target),
-                                "Successfully Send Process Action to server.",
-                                "Failed to Send Process Action to server.");
+    return ActionResult::finish(
+        Q_FUNC_INFO, result, killed, message, QString(message).replace(QLatin1String("%s"), target),
+        "Successfully Send Process Action to server.", "Failed to Send Process Action to server.");
 }

@@ -12,7 +12,8 @@
 #include <optional>
 
 // The process list report, the server's kill order and starting a program.
-class ProcessManager {
+class ProcessManager
+{
 public:
     static ProcessManager* getInstance();
     static void releaseInstance();

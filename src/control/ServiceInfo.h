@@ -4,7 +4,8 @@
 #include <QString>
 
 // One systemd service as the services report shows it.
-class ServiceInfo {
+class ServiceInfo
+{
 public:
     QString getName() const { return m_name; }
     void setName(const QString& value) { m_name = value; }

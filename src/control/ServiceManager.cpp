@@ -12,17 +12,18 @@
 
 ServiceManager* ServiceManager::s_instance = nullptr;
 
-namespace {
-const char* const kShowProperties[] = {"Description", "ExecStart",    "Type",         "ActiveState",
-                                       "MainPID",     "ExecStop",     "WantedBy",     "DesktopEntry",
+namespace
+{
+const char* const kShowProperties[] = {"Description",       "ExecStart",    "Type",     "ActiveState",
+                                       "MainPID",           "ExecStop",     "WantedBy", "DesktopEntry",
                                        "SuccessExitStatus", "UnitFileState"};
 
 // Bytes systemctl keeps as they are in every unit name; '@' and '\\' are
 // left out, which only makes the length bound below stricter.
 bool isPlainUnitByte(char c)
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == ':' || c == '_' ||
-           c == '.' || c == '-';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == ':' ||
+           c == '_' || c == '.' || c == '-';
 }
 } // namespace
 
@@ -106,7 +107,8 @@ void ServiceManager::applyProperties(const QStringList& lines, ServiceInfo& info
         } else if (key == QLatin1String("SuccessExitStatus")) {
             info.setExitCode(value.toInt(nullptr, 10));
         } else if (key == QLatin1String("UnitFileState")) {
-            info.setStartMode(value == QLatin1String("enabled") ? QStringLiteral("Auto") : QStringLiteral("Manual"));
+            info.setStartMode(value == QLatin1String("enabled") ? QStringLiteral("Auto")
+                                                                : QStringLiteral("Manual"));
         }
     }
 }
@@ -180,7 +182,8 @@ void ServiceManager::getServiceInfo(const QString& name, ServiceInfo& info)
     if (!isSafeServiceName(name))
         return;
     QStringList names{name};
-    const ToolResult result = m_runner.run(QStringLiteral("systemctl"), showArguments(names), m_toolTimeoutMs);
+    const ToolResult result =
+        m_runner.run(QStringLiteral("systemctl"), showArguments(names), m_toolTimeoutMs);
     applyProperties(QString::fromUtf8(result.standardOutput).split(QLatin1Char('\n')), info);
 }
 
@@ -207,17 +210,20 @@ void ServiceManager::fillServiceInfos(QList<ServiceInfo>& services)
         QStringList names;
         for (int k = from; k < shared.size(); ++k)
             names << services.at(shared.at(k)).getName();
-        const ToolResult result = m_runner.run(QStringLiteral("systemctl"), showArguments(names), m_toolTimeoutMs);
+        const ToolResult result =
+            m_runner.run(QStringLiteral("systemctl"), showArguments(names), m_toolTimeoutMs);
         if (!result.started || result.timedOut) {
-            EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "systemctl show gave no answer (%s); services have no properties",
+            EDR_LOG->Error(Q_FUNC_INFO, ENOENT,
+                           "systemctl show gave no answer (%s); services have no properties",
                            qUtf8Printable(result.errorText));
             return;
         }
         const QList<QStringList> blocks = splitShowBlocks(result.standardOutput);
         const int remaining = shared.size() - from;
         if (blocks.size() > remaining) {
-            EDR_LOG->Error(Q_FUNC_INFO, EPROTO, "systemctl show printed %d blocks for %d units; asking one by one",
-                           blocks.size(), remaining);
+            EDR_LOG->Error(Q_FUNC_INFO, EPROTO,
+                           "systemctl show printed %d blocks for %d units; asking one by one", blocks.size(),
+                           remaining);
             for (int k = from; k < shared.size(); ++k) {
                 ServiceInfo& info = services[shared.at(k)];
                 getServiceInfo(info.getName(), info);
@@ -238,11 +244,11 @@ void ServiceManager::fillServiceInfos(QList<ServiceInfo>& services)
 bool ServiceManager::getListOfServices(QJsonObject& report)
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
-    const ToolResult result = m_runner.run(QStringLiteral("systemctl"),
-                                           {QStringLiteral("list-unit-files"), QStringLiteral("--type=service"),
-                                            QStringLiteral("--no-pager"), QStringLiteral("--all"),
-                                            QStringLiteral("--plain")},
-                                           m_toolTimeoutMs);
+    const ToolResult result =
+        m_runner.run(QStringLiteral("systemctl"),
+                     {QStringLiteral("list-unit-files"), QStringLiteral("--type=service"),
+                      QStringLiteral("--no-pager"), QStringLiteral("--all"), QStringLiteral("--plain")},
+                     m_toolTimeoutMs);
     if (!result.started || result.timedOut)
         EDR_LOG->Error(Q_FUNC_INFO, ENOENT, "systemctl list-unit-files gave no answer (%s)",
                        qUtf8Printable(result.errorText));
@@ -274,10 +280,10 @@ QString ServiceManager::getServiceProperty(const QString& name, const QString& p
 {
     if (!isSafeServiceName(name))
         return QString();
-    const ToolResult result =
-        m_runner.run(QStringLiteral("systemctl"),
-                     {QStringLiteral("show"), name, QStringLiteral("--property=") + property, QStringLiteral("--value")},
-                     m_toolTimeoutMs);
+    const ToolResult result = m_runner.run(
+        QStringLiteral("systemctl"),
+        {QStringLiteral("show"), name, QStringLiteral("--property=") + property, QStringLiteral("--value")},
+        m_toolTimeoutMs);
     return QString::fromUtf8(result.standardOutput);
 }
 
@@ -308,8 +314,9 @@ bool ServiceManager::runOrder(const QString& verb, const QString& name)
 bool ServiceManager::setServiceType(const QString& name, unsigned int type)
 {
     EDR_LOG->Info(Q_FUNC_INFO, "Service Name: %s", qUtf8Printable(name));
-    const QString verb = type == 1 ? QStringLiteral("disable") : type == 2 ? QStringLiteral("mask")
-                                                                           : QStringLiteral("enable");
+    const QString verb = type == 1   ? QStringLiteral("disable")
+                         : type == 2 ? QStringLiteral("mask")
+                                     : QStringLiteral("enable");
     return runOrder(verb, name);
 }
 
@@ -333,10 +340,10 @@ bool ServiceManager::restartService(const QString& name)
 
 bool ServiceManager::sendRptToServer(const QString&)
 {
-    return ReportSubmitter::submitReport(
-        Q_FUNC_INFO, m_reportBusy, SERVICES,
-        {"Failed to Services Info.", "Successfully send services to server.", "Failed to send services to server."},
-        [this](QJsonObject& body) { return collectReport(body); });
+    return ReportSubmitter::submitReport(Q_FUNC_INFO, m_reportBusy, SERVICES,
+                                         {"Failed to Services Info.", "Successfully send services to server.",
+                                          "Failed to send services to server."},
+                                         [this](QJsonObject& body) { return collectReport(body); });
 }
 
 bool ServiceManager::executeSendReportToServer(const QString& parameter, bool permitted)
@@ -375,14 +382,14 @@ bool ServiceManager::executeSendReportToServer(const QString& parameter, bool pe
             break;
         }
     } else {
-        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Service order '%s' has too few fields", qUtf8Printable(parameter));
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Service order '%s' has too few fields",
+                       qUtf8Printable(parameter));
     }
 
     // The wire text keeps its "%s": the server expects it literally.
     const QString message = done ? QStringLiteral("Successfully Service %s Action Performed!")
                                  : QStringLiteral("Failed to Perform Service %s Action!");
-    return ActionResult::finish(Q_FUNC_INFO, result, done, message,
-                                QString(message).replace(QLatin1String("%s"), name),
-                                "Successfully Send Service Action to server.",
-                                "Failed to Send Service Action to server.");
+    return ActionResult::finish(
+        Q_FUNC_INFO, result, done, message, QString(message).replace(QLatin1String("%s"), name),
+        "Successfully Send Service Action to server.", "Failed to Send Service Action to server.");
 }

@@ -11,7 +11,8 @@
 
 // The systemd services report and the server's service orders, all through
 // "systemctl".
-class ServiceManager {
+class ServiceManager
+{
 public:
     static ServiceManager* getInstance();
     static void releaseInstance();

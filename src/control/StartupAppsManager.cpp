@@ -13,7 +13,8 @@
 
 StartupAppsManager* StartupAppsManager::s_instance = nullptr;
 
-namespace {
+namespace
+{
 const QString kAllUsers = QStringLiteral("All Users");
 const QString kHomePrefix = QStringLiteral("/home/");
 
@@ -41,7 +42,8 @@ StartupAppsManager::StartupAppsManager(const HostPaths& host) : m_host(host) {}
 
 QStringList StartupAppsManager::getListOfUsers()
 {
-    return QDir(m_host.root(QStringLiteral("/home"))).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    return QDir(m_host.root(QStringLiteral("/home")))
+        .entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
 }
 
 bool StartupAppsManager::hasDesktopFileExtension(const QString& file)
@@ -128,8 +130,8 @@ bool StartupAppsManager::getStartupApps(QJsonObject& report)
             const QString dir = m_host.root(location);
             const QStringList files = QDir(dir).entryList(QDir::Files | QDir::Hidden, QDir::Name);
             const QString user = location.startsWith(kHomePrefix)
-                ? location.mid(kHomePrefix.size()).section(QLatin1Char('/'), 0, 0)
-                : kAllUsers;
+                                     ? location.mid(kHomePrefix.size()).section(QLatin1Char('/'), 0, 0)
+                                     : kAllUsers;
             for (const QString& file : files) {
                 const QString path = dir + QLatin1Char('/') + file;
                 QString name, command, description;
@@ -179,11 +181,11 @@ bool StartupAppsManager::collectReport(QJsonObject& body)
 
 bool StartupAppsManager::sendRptToServer(const QString&)
 {
-    return ReportSubmitter::submitReport(
-        Q_FUNC_INFO, m_reportBusy, STARTUP_APPS,
-        {"Failed to Startup Apps Info.", "Successfully send Startup Apps to server.",
-         "Failed to send Startup Apps to server."},
-        [this](QJsonObject& body) { return getStartupApps(body); });
+    return ReportSubmitter::submitReport(Q_FUNC_INFO, m_reportBusy, STARTUP_APPS,
+                                         {"Failed to Startup Apps Info.",
+                                          "Successfully send Startup Apps to server.",
+                                          "Failed to send Startup Apps to server."},
+                                         [this](QJsonObject& body) { return getStartupApps(body); });
 }
 
 StartupAppsManager::Order StartupAppsManager::parseOrder(const QString& parameter)
@@ -213,13 +215,13 @@ bool StartupAppsManager::executeSendReportToServer(const QString& parameter, boo
         result.insert(QStringLiteral("_id"), *order.id);
 
     const bool done = permitted && enableStartupTask(order.first, order.second, order.enable);
-    const QString action = done ? (order.enable ? QStringLiteral("Successfully Enabled")
-                                                : QStringLiteral("Successfully Disabled"))
-                                : (order.enable ? QStringLiteral("Failed to Enable")
-                                                : QStringLiteral("Failed to Disable"));
-    return ActionResult::finish(Q_FUNC_INFO, result, done,
-                                QStringLiteral("%1 Startup App - %2 %3").arg(action, order.first, order.second),
-                                QStringLiteral("%1 Startup App! - %2 %3").arg(action, order.first, order.second),
-                                "Successfully send Startup Apps Action to server.",
-                                "Failed to send Startup Apps Action to server.");
+    const QString action =
+        done ? (order.enable ? QStringLiteral("Successfully Enabled")
+                             : QStringLiteral("Successfully Disabled"))
+             : (order.enable ? QStringLiteral("Failed to Enable") : QStringLiteral("Failed to Disable"));
+    return ActionResult::finish(
+        Q_FUNC_INFO, result, done,
+        QStringLiteral("%1 Startup App - %2 %3").arg(action, order.first, order.second),
+        QStringLiteral("%1 Startup App! - %2 %3").arg(action, order.first, order.second),
+        "Successfully send Startup Apps Action to server.", "Failed to send Startup Apps Action to server.");
 }

@@ -12,7 +12,8 @@
 
 // Lists what starts with a user session (XDG autostart entries and systemd
 // user units), reports it, and answers the server's enable/disable orders.
-class StartupAppsManager {
+class StartupAppsManager
+{
 public:
     static StartupAppsManager* getInstance();
     static void releaseInstance();

@@ -9,7 +9,8 @@
 
 // Runs one command line sent by the server, without a shell, and posts what it
 // printed.
-class TerminalManager {
+class TerminalManager
+{
 public:
     static TerminalManager* getInstance();
     static void releaseInstance();

@@ -16,7 +16,8 @@
 
 AuditLog* AuditLog::s_instance = nullptr;
 
-namespace {
+namespace
+{
 QMutex g_instanceMutex;
 
 // Every outcome fits this width, so a pending line can be completed in place.
@@ -27,7 +28,9 @@ QString isoWithOffset(const QDateTime& when)
     const int offset = when.offsetFromUtc();
     const int minutes = (offset < 0 ? -offset : offset) / 60;
     return when.toString(QStringLiteral("yyyy-MM-ddThh:mm:ss.zzz")) + QLatin1Char(offset < 0 ? '-' : '+') +
-           QStringLiteral("%1:%2").arg(minutes / 60, 2, 10, QLatin1Char('0')).arg(minutes % 60, 2, 10, QLatin1Char('0'));
+           QStringLiteral("%1:%2")
+               .arg(minutes / 60, 2, 10, QLatin1Char('0'))
+               .arg(minutes % 60, 2, 10, QLatin1Char('0'));
 }
 
 // At most kMaxCommandBytes of UTF-8, cut on a character boundary.
@@ -88,12 +91,18 @@ void AuditLog::setRotation(qint64 maxBytes, int keptFiles)
 const char* AuditLog::outcomeName(Outcome outcome)
 {
     switch (outcome) {
-    case Pending: return "pending";
-    case Done: return "done";
-    case Failed: return "failed";
-    case Denied: return "denied";
-    case RefusedPeer: return "refused-peer";
-    case Malformed: return "malformed";
+    case Pending:
+        return "pending";
+    case Done:
+        return "done";
+    case Failed:
+        return "failed";
+    case Denied:
+        return "denied";
+    case RefusedPeer:
+        return "refused-peer";
+    case Malformed:
+        return "malformed";
     }
     return "pending";
 }
@@ -143,8 +152,8 @@ bool AuditLog::write(const QByteArray& line, RotatingFile::Position* where)
 void AuditLog::record(Channel channel, const QString& peer, const QString& command, std::optional<int> task,
                       Outcome outcome)
 {
-    const QByteArray line = recordHead(QDateTime::currentDateTime(), channel, peer, command, task) +
-                            recordTail(outcome);
+    const QByteArray line =
+        recordHead(QDateTime::currentDateTime(), channel, peer, command, task) + recordTail(outcome);
     QMutexLocker lock(&m_mutex);
     write(line, nullptr);
 }
@@ -166,8 +175,10 @@ void AuditLog::finish(const Entry& entry, Outcome outcome)
     const QByteArray tail = recordTail(outcome);
     QMutexLocker lock(&m_mutex);
     if (entry.written) {
-        const int fd = ::open(QFile::encodeName(currentPath()).constData(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
-        struct stat st {};
+        const int fd =
+            ::open(QFile::encodeName(currentPath()).constData(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+        struct stat st {
+        };
         bool patched = false;
         if (fd >= 0 && ::fstat(fd, &st) == 0 && st.st_dev == entry.position.device &&
             st.st_ino == entry.position.inode &&

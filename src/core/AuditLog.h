@@ -14,7 +14,8 @@
 // and never touched by the trace-log reset. An order's line is written before
 // it runs, with the outcome "pending", and completed in place afterwards, so a
 // crash in the middle still leaves the record. Thread-safe.
-class AuditLog {
+class AuditLog
+{
 public:
     enum Channel { Push, Listener };
     enum Outcome { Pending, Done, Failed, Denied, RefusedPeer, Malformed };

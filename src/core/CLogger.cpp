@@ -12,20 +12,26 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace LOGGER {
+namespace LOGGER
+{
 
 CLogger* CLogger::s_instance = nullptr;
 
-namespace {
+namespace
+{
 QMutex g_instanceMutex;
 
 const char* levelName(CLogger::Level level)
 {
     switch (level) {
-    case CLogger::LEVEL_TRACE: return "TRACE";
-    case CLogger::LEVEL_DEBUG: return "DEBUG";
-    case CLogger::LEVEL_INFO: return "INFO";
-    case CLogger::LEVEL_ERROR: return "ERROR";
+    case CLogger::LEVEL_TRACE:
+        return "TRACE";
+    case CLogger::LEVEL_DEBUG:
+        return "DEBUG";
+    case CLogger::LEVEL_INFO:
+        return "INFO";
+    case CLogger::LEVEL_ERROR:
+        return "ERROR";
     }
     return "?";
 }
@@ -60,7 +66,8 @@ bool CLogger::parseLevel(const QString& text, Level* out)
     static const struct {
         const char* name;
         Level level;
-    } names[] = {{"trace", LEVEL_TRACE}, {"debug", LEVEL_DEBUG}, {"info", LEVEL_INFO}, {"error", LEVEL_ERROR}};
+    } names[] = {
+        {"trace", LEVEL_TRACE}, {"debug", LEVEL_DEBUG}, {"info", LEVEL_INFO}, {"error", LEVEL_ERROR}};
     for (const auto& n : names) {
         if (text.compare(QLatin1String(n.name), Qt::CaseInsensitive) == 0) {
             *out = n.level;
@@ -110,7 +117,8 @@ void CLogger::write(Level level, const char* origin, const int* err, const char*
         message.resize(needed);
     }
 
-    QByteArray line = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).toLatin1();
+    QByteArray line =
+        QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).toLatin1();
     line += ' ';
     line += levelName(level);
     line += " [";

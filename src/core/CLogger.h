@@ -8,12 +8,14 @@
 #include <cstdarg>
 #include <cstdio>
 
-namespace LOGGER {
+namespace LOGGER
+{
 
 // Trace log of the agent: "yyyy-MM-dd hh:mm:ss.zzz LEVEL [tid] origin | message".
 // Thread-safe; the file is re-created when somebody deletes it and rotated by size.
 // When the file cannot be written the lines go to standard error instead.
-class CLogger {
+class CLogger
+{
 public:
     enum Level { LEVEL_TRACE = 0, LEVEL_DEBUG = 1, LEVEL_INFO = 2, LEVEL_ERROR = 3 };
 

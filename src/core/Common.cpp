@@ -7,7 +7,8 @@
 #include <cmath>
 #include <cstdlib>
 
-namespace {
+namespace
+{
 QMutex g_mutex;
 QString g_prefix;
 std::atomic<double> g_scale{-1.0};

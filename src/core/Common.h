@@ -4,7 +4,8 @@
 
 // Where the agent keeps its files. Every directory hangs below an optional
 // prefix (--prefix) so tests and demos run in a scratch tree.
-class Common {
+class Common
+{
 public:
     static void setPrefix(const QString& prefix);
     static QString prefix();

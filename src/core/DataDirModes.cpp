@@ -10,7 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 // Opens without following a link, so a swapped-in link cannot redirect the
 // change; 1 when changed, 0 when already right or not ours to change.
 int restrict(const QString& path, bool directory)
@@ -19,10 +20,12 @@ int restrict(const QString& path, bool directory)
     const int fd = ::open(QFile::encodeName(path).constData(), flags);
     if (fd < 0)
         return 0;
-    struct stat st {};
+    struct stat st {
+    };
     int changed = 0;
     const mode_t wanted = directory ? 0700 : 0600;
-    if (::fstat(fd, &st) == 0 && (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) && (st.st_mode & 07777) != wanted) {
+    if (::fstat(fd, &st) == 0 && (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) &&
+        (st.st_mode & 07777) != wanted) {
         if (::fchmod(fd, wanted) == 0) {
             EDR_LOG->Info(Q_FUNC_INFO, "Mode of %s changed from %04o to %04o", qUtf8Printable(path),
                           static_cast<unsigned>(st.st_mode & 07777), static_cast<unsigned>(wanted));

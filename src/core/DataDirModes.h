@@ -7,7 +7,8 @@
 // the directory and every directory below it 0700 and every file 0600,
 // repairing a tree left with wider modes, and returns how many it changed.
 // Symbolic links are neither followed nor changed.
-class DataDirModes {
+class DataDirModes
+{
 public:
     static int tighten(const QString& dir);
 };

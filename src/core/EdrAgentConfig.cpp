@@ -15,7 +15,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 // QSettings already serialises access to one file inside the process; this lock
 // keeps read-modify-write sequences of different EdrAgentConfig objects whole.
 QMutex g_configMutex;
@@ -64,7 +65,8 @@ bool EdrAgentConfig::write(const QString& key, const QString& value)
     settings.sync();
     ::chmod(QFile::encodeName(file).constData(), 0600);
     if (settings.status() != QSettings::NoError) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to write %s to %s", qUtf8Printable(key), qUtf8Printable(file));
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to write %s to %s", qUtf8Printable(key),
+                       qUtf8Printable(file));
         return false;
     }
     return true;

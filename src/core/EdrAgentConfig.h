@@ -8,9 +8,10 @@
 // AuthCode, CorporateID, CorporateKey, LastSettingTime, LogLevel, ListenerAllow,
 // and one ISO-8601 local date-time per schedule name in group TaskLastRun.
 // Mode 0600; every write replaces the file atomically. Safe from several threads.
-class EdrAgentConfig {
+class EdrAgentConfig
+{
 public:
-    EdrAgentConfig();                              // Common::getEdrDirPath() + "/agent.conf", resolved per call
+    EdrAgentConfig(); // Common::getEdrDirPath() + "/agent.conf", resolved per call
     explicit EdrAgentConfig(const QString& path);
 
     QString path() const;

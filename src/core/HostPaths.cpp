@@ -8,7 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-HostPaths::HostPaths() : m_proc(QStringLiteral("/proc")), m_sys(QStringLiteral("/sys")), m_root(QStringLiteral("/")) {}
+HostPaths::HostPaths()
+    : m_proc(QStringLiteral("/proc")), m_sys(QStringLiteral("/sys")), m_root(QStringLiteral("/"))
+{
+}
 
 HostPaths::HostPaths(const QString& procRoot, const QString& sysRoot, const QString& rootFs)
     : m_proc(procRoot), m_sys(sysRoot), m_root(rootFs)

@@ -6,7 +6,8 @@
 // Every host file is reached through these roots so collectors can be pointed
 // at fixture trees: procfs (default /proc), sysfs (default /sys) and the root
 // file system (default /, for /etc, /home, /var/lib/dpkg, /usr/share/misc).
-class HostPaths {
+class HostPaths
+{
 public:
     HostPaths();
     HostPaths(const QString& procRoot, const QString& sysRoot, const QString& rootFs);

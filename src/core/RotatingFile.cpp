@@ -55,7 +55,8 @@ bool RotatingFile::ensureOpen()
 {
     const QByteArray path = QFile::encodeName(m_path);
     if (m_fd >= 0) {
-        struct stat onDisk {}, open {};
+        struct stat onDisk {
+        }, open{};
         if (::stat(path.constData(), &onDisk) == 0 && ::fstat(m_fd, &open) == 0 &&
             onDisk.st_ino == open.st_ino && onDisk.st_dev == open.st_dev)
             return true;
@@ -65,7 +66,8 @@ bool RotatingFile::ensureOpen()
     if (m_fd < 0)
         return false;
     ::fchmod(m_fd, 0600);
-    struct stat st {};
+    struct stat st {
+    };
     m_size = ::fstat(m_fd, &st) == 0 ? st.st_size : 0;
     return true;
 }
@@ -93,7 +95,8 @@ bool RotatingFile::append(const QByteArray& data, Position* where)
             return false;
     }
     if (where) {
-        struct stat st {};
+        struct stat st {
+        };
         if (::fstat(m_fd, &st) != 0)
             return false;
         // O_APPEND writes at the end, which only this process moves.

@@ -8,7 +8,8 @@
 // An append-only file of root's alone (0600) that is re-created when somebody
 // deletes or replaces it and rotated by size (path, path.1 … path.N). Not
 // thread-safe: the owner serialises calls.
-class RotatingFile {
+class RotatingFile
+{
 public:
     // Where a line landed, so its owner can find it again.
     struct Position {

@@ -3,7 +3,8 @@
 #include <atomic>
 #include <poll.h>
 
-namespace {
+namespace
+{
 std::atomic<int> g_fd{-1};
 }
 

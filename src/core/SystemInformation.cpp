@@ -30,7 +30,8 @@ bool SystemInformation::bootUniqueId(QString& id, const HostPaths& host)
     if (n != static_cast<ssize_t>(sizeof buf))
         return false;
     const void* nul = std::memchr(buf, '\0', sizeof buf);
-    const int len = nul ? static_cast<int>(static_cast<const char*>(nul) - buf) : static_cast<int>(sizeof buf);
+    const int len =
+        nul ? static_cast<int>(static_cast<const char*>(nul) - buf) : static_cast<int>(sizeof buf);
     id = QString::fromUtf8(buf, len);
     return true;
 }

@@ -4,7 +4,8 @@
 
 // The tenant this agent belongs to at the server: CorporateID and CorporateKey
 // of agent.conf, read on every call.
-class TenantIdentity {
+class TenantIdentity
+{
 public:
     TenantIdentity() = default;
     explicit TenantIdentity(const EdrAgentConfig& config) : m_config(config) {}

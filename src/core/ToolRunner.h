@@ -22,7 +22,8 @@ struct ToolResult {
 // Every run has a time limit; a child that overruns it, or is still running
 // when the agent is asked to stop, is ended together with its process group.
 // Standard input is empty and standard error is discarded; output is capped.
-class ToolRunner {
+class ToolRunner
+{
 public:
     static constexpr int kDefaultTimeoutMs = 120000;
     static constexpr qint64 kDefaultMaxOutput = 64 * 1024 * 1024;

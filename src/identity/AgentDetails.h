@@ -9,7 +9,8 @@
 #include <QStringList>
 
 // Who this agent is: boot-based agent ID, names, network cards, listen port.
-class AgentDetails {
+class AgentDetails
+{
 public:
     struct _LAN_CARD_CONFIG {
         int index = 0;

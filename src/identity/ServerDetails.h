@@ -5,7 +5,8 @@
 
 // Where the management server is. Every value comes from serverip.ini in the
 // settings directory, read again on every call and never written.
-class ServerDetails {
+class ServerDetails
+{
 public:
     static ServerDetails* getInstance();
     static void releaseInstance();

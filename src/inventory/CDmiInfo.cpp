@@ -17,8 +17,8 @@ QString CDmiInfo::decodeOutput(const QByteArray& output)
 
 bool CDmiInfo::getDataToJSON(QJsonArray& out, const QString& type)
 {
-    const ToolResult r = m_runner.run(QStringLiteral("dmidecode"), {QStringLiteral("-q"), QStringLiteral("-t"), type},
-                                      m_timeoutMs);
+    const ToolResult r = m_runner.run(QStringLiteral("dmidecode"),
+                                      {QStringLiteral("-q"), QStringLiteral("-t"), type}, m_timeoutMs);
     // A VM without tables or a non-root run just yields nothing; a run cut
     // short may have stopped mid-structure, so its output is not trusted.
     if (!r.started || r.timedOut || r.crashed) {

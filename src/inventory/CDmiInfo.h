@@ -8,7 +8,8 @@
 
 // Reads the firmware's DMI tables through dmidecode. Generic: one JSON object
 // per structure, keyed by dmidecode's own property names.
-class CDmiInfo {
+class CDmiInfo
+{
 public:
     // dmidecode has no limit of its own: it gets the runner's default.
     static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;

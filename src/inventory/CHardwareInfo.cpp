@@ -58,12 +58,14 @@ QString CHardwareInfo::leadingNumber(const QString& speed)
     return space >= 0 ? speed.left(space) : speed;
 }
 
-namespace {
+namespace
+{
 
 // Sets to[toKey] from from[fromKey], converted, when that value is a string;
 // from and to may be the same object. Returns whether it did.
 template <typename Convert>
-bool copyString(const QJsonObject& from, const char* fromKey, QJsonObject& to, const char* toKey, Convert convert)
+bool copyString(const QJsonObject& from, const char* fromKey, QJsonObject& to, const char* toKey,
+                Convert convert)
 {
     const QJsonValue v = from.value(QLatin1String(fromKey));
     if (!v.isString())
@@ -147,22 +149,22 @@ QStringList CHardwareInfo::partitionArguments()
 {
     return {QStringLiteral("--output"),
             QStringLiteral("FSSIZE,FSAVAIL,NAME,UUID,FSTYPE,TYPE,HOTPLUG,MOUNTPOINT,LABEL,STATE"),
-            QStringLiteral("-J"),
-            QStringLiteral("-e"),
-            QStringLiteral("7")};
+            QStringLiteral("-J"), QStringLiteral("-e"), QStringLiteral("7")};
 }
 
 QByteArray CHardwareInfo::runLsblk(const QStringList& arguments, const char* origin)
 {
     const ToolResult r = m_runner.run(QStringLiteral("lsblk"), arguments, m_timeoutMs);
     if (!r.started || r.timedOut || r.crashed) {
-        EDR_LOG->Debug(origin, "lsblk did not complete: %s", r.timedOut ? "timed out" : qUtf8Printable(r.errorText));
+        EDR_LOG->Debug(origin, "lsblk did not complete: %s",
+                       r.timedOut ? "timed out" : qUtf8Printable(r.errorText));
         return QByteArray();
     }
     return r.standardOutput;
 }
 
-namespace {
+namespace
+{
 
 QString bytesText(const QString& size)
 {

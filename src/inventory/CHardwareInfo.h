@@ -10,7 +10,8 @@
 
 // Operating system, processors, memory devices, disks and mounted volumes of
 // the hardware report.
-class CHardwareInfo {
+class CHardwareInfo
+{
 public:
     // dmidecode and lsblk have no limit of their own: the runner's default.
     static constexpr int kTimeoutMs = ToolRunner::kDefaultTimeoutMs;

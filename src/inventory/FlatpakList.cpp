@@ -16,7 +16,8 @@ bool FlatpakList::isApplicationId(const QString& id)
             return false;
         for (const QChar c : element) {
             const ushort u = c.unicode();
-            if (!((u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == '_' || u == '-'))
+            if (!((u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == '_' ||
+                  u == '-'))
                 return false;
         }
     }
@@ -27,7 +28,8 @@ std::optional<long long> FlatpakList::bytesOf(const QString& text)
 {
     QString t = text.trimmed();
     int split = 0;
-    while (split < t.size() && (t.at(split).isDigit() || t.at(split) == QLatin1Char('.') || t.at(split) == QLatin1Char(',')))
+    while (split < t.size() &&
+           (t.at(split).isDigit() || t.at(split) == QLatin1Char('.') || t.at(split) == QLatin1Char(',')))
         ++split;
     QString number = t.left(split);
     number.replace(QLatin1Char(','), QLatin1Char('.'));

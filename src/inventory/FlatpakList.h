@@ -8,7 +8,8 @@
 
 // Pure reader of `flatpak list --app --columns=application,version,size,name,description`,
 // which prints one tab-separated line per application when its output is not a terminal.
-class FlatpakList {
+class FlatpakList
+{
 public:
     struct App {
         QString id;

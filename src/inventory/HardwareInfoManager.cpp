@@ -35,8 +35,8 @@ HardwareInfoManager::HardwareInfoManager()
 {
 }
 
-HardwareInfoManager::HardwareInfoManager(const HostPaths& host, const ToolRunner& runner, UsersAccountManager* users,
-                                         const NetworkAdapterInfo& adapters)
+HardwareInfoManager::HardwareInfoManager(const HostPaths& host, const ToolRunner& runner,
+                                         UsersAccountManager* users, const NetworkAdapterInfo& adapters)
     : m_users(users ? users : UsersAccountManager::getInstance()), m_adapters(adapters), m_host(host),
       m_runner(runner), m_systemNames(readSystemNames)
 {
@@ -64,7 +64,8 @@ HardwareInfoManager::SystemNames HardwareInfoManager::readSystemNames()
 
 QString HardwareInfoManager::systemTypeOf(const QString& machine)
 {
-    return machine.contains(QLatin1String("64")) ? QStringLiteral("x64-based PC") : QStringLiteral("x86-based PC");
+    return machine.contains(QLatin1String("64")) ? QStringLiteral("x64-based PC")
+                                                 : QStringLiteral("x86-based PC");
 }
 
 QJsonArray HardwareInfoManager::buildIpList(const QList<AgentDetails::_LAN_CARD_CONFIG>& cards)

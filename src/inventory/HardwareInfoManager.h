@@ -18,7 +18,8 @@ class UsersAccountManager;
 
 // The hardware inventory report (machine, users, memory, processors, disks,
 // volumes, OS, network adapters, firmware, batteries).
-class HardwareInfoManager {
+class HardwareInfoManager
+{
 public:
     // Host name, domain name and uname's machine field; a failed call leaves
     // its member empty and its key out of the report.

@@ -10,8 +10,8 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -37,7 +37,8 @@ InstallSoftManager::InstallSoftManager(const HostPaths& host, const ToolRunner& 
 {
 }
 
-namespace {
+namespace
+{
 
 QString sizeText(const char* text, int length)
 {
@@ -63,10 +64,14 @@ Field fieldOf(const char* name, int length)
         const char* text;
         int length;
         Field field;
-    } known[] = {{"Package", 7, PACKAGE},          {"Version", 7, VERSION},
-                 {"Description", 11, DESCRIPTION}, {"Installed-Size", 14, INSTALLED_SIZE},
-                 {"Original-Maintainer", 19, VENDOR}, {"Status", 6, STATUS},
-                 {"Architecture", 12, ARCHITECTURE}, {"Multi-Arch", 10, MULTI_ARCH}};
+    } known[] = {{"Package", 7, PACKAGE},
+                 {"Version", 7, VERSION},
+                 {"Description", 11, DESCRIPTION},
+                 {"Installed-Size", 14, INSTALLED_SIZE},
+                 {"Original-Maintainer", 19, VENDOR},
+                 {"Status", 6, STATUS},
+                 {"Architecture", 12, ARCHITECTURE},
+                 {"Multi-Arch", 10, MULTI_ARCH}};
     for (const auto& k : known)
         if (k.length == length && std::memcmp(k.text, name, size_t(length)) == 0)
             return k.field;

@@ -11,7 +11,8 @@
 // The installed-software report: every package dpkg's status database holds
 // as installed, dated by its file list, followed by the snaps and flatpak
 // applications their own tools list.
-class InstallSoftManager {
+class InstallSoftManager
+{
 public:
     // One installed package as read from its stanza; a later line with the
     // same field overwrites.

@@ -4,7 +4,8 @@
 #include <QString>
 
 // One active network interface as the hardware report lists it.
-class NetworkAdapter {
+class NetworkAdapter
+{
 public:
     QString getName() const { return m_name; }
     void setName(const QString& v) { m_name = v; }

@@ -5,13 +5,13 @@
 #include <QNetworkInterface>
 #include <QRegularExpression>
 
-namespace {
+namespace
+{
 
 const QString kNA = QStringLiteral("NA");
 
 // Calls fn(line) for each line of text until it returns true.
-template <typename Fn>
-void forEachLine(const QByteArray& text, Fn fn)
+template <typename Fn> void forEachLine(const QByteArray& text, Fn fn)
 {
     int start = 0;
     while (start < text.size()) {
@@ -119,7 +119,8 @@ QString NetworkAdapterInfo::speedText(const QByteArray& fileText)
 {
     const int eol = fileText.indexOf('\n');
     bool ok = false;
-    const qint64 mbits = QString::fromLatin1(eol >= 0 ? fileText.left(eol) : fileText).trimmed().toInt(&ok, 10);
+    const qint64 mbits =
+        QString::fromLatin1(eol >= 0 ? fileText.left(eol) : fileText).trimmed().toInt(&ok, 10);
     return QString::number(ok ? mbits * 1000 : 0);
 }
 
@@ -142,7 +143,8 @@ QString NetworkAdapterInfo::findVendorName(const QByteArray& pciIds, const QStri
 QString NetworkAdapterInfo::findDeviceName(const QByteArray& pciIds, const QString& vendorId,
                                            const QString& deviceId)
 {
-    const QByteArray prefix = (vendorId + QLatin1Char(' ') + deviceId.rightJustified(4, QLatin1Char('0'))).toUtf8();
+    const QByteArray prefix =
+        (vendorId + QLatin1Char(' ') + deviceId.rightJustified(4, QLatin1Char('0'))).toUtf8();
     QString found;
     forEachLine(pciIds, [&](const QByteArray& line) {
         if (!line.startsWith(prefix))

@@ -14,18 +14,19 @@
 
 // Lists the active network interfaces with their maker (PCI vendor from sysfs
 // and the PCI id database) and link speed.
-class NetworkAdapterInfo {
+class NetworkAdapterInfo
+{
 public:
     // What the adapter list needs of one interface; filled from
     // QNetworkInterface on a live system, by hand in tests.
     struct InterfaceEntry {
-        QString name;              // kernel name, e.g. eth0
+        QString name; // kernel name, e.g. eth0
         QString humanReadableName;
         QString hardwareAddress;
         bool up = false;
         bool running = false;
         bool loopback = false;
-        QStringList addresses;     // QHostAddress::toString() of each entry
+        QStringList addresses; // QHostAddress::toString() of each entry
     };
     using InterfaceSource = std::function<QList<InterfaceEntry>()>;
 

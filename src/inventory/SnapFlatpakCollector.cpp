@@ -13,7 +13,8 @@
 #include <ctime>
 #include <sys/stat.h>
 
-namespace {
+namespace
+{
 
 struct FileFacts {
     bool exists = false;
@@ -33,14 +34,15 @@ FileFacts factsOf(const QString& path)
     const time_t when = st.st_mtime;
     if (::localtime_r(&when, &local)) {
         char text[32];
-        std::snprintf(text, sizeof text, "%04d%02d%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
+        std::snprintf(text, sizeof text, "%04d%02d%02d", local.tm_year + 1900, local.tm_mon + 1,
+                      local.tm_mday);
         facts.date = QString::fromLatin1(text);
     }
     return facts;
 }
 
-QJsonObject record(const QString& name, const QString& packageName, const QString& version, const QString& size,
-                   const QString& installDate, const QString& description)
+QJsonObject record(const QString& name, const QString& packageName, const QString& version,
+                   const QString& size, const QString& installDate, const QString& description)
 {
     QJsonObject o;
     o.insert(QLatin1String("Name"), name);
@@ -67,10 +69,12 @@ void SnapFlatpakCollector::appendTo(QJsonArray& records) const
         records.append(v);
 }
 
-std::optional<QByteArray> SnapFlatpakCollector::listOutput(const QString& tool, const QStringList& arguments) const
+std::optional<QByteArray> SnapFlatpakCollector::listOutput(const QString& tool,
+                                                           const QStringList& arguments) const
 {
     if (m_runner.findProgram(tool).isEmpty()) {
-        EDR_LOG->Debug(Q_FUNC_INFO, "%s not found: no %ss reported", qUtf8Printable(tool), qUtf8Printable(tool));
+        EDR_LOG->Debug(Q_FUNC_INFO, "%s not found: no %ss reported", qUtf8Printable(tool),
+                       qUtf8Printable(tool));
         return std::nullopt;
     }
     // flatpak prints through GLib, which turns every non-ASCII character of a
@@ -81,13 +85,13 @@ std::optional<QByteArray> SnapFlatpakCollector::listOutput(const QString& tool, 
         runner.setLocale(QStringLiteral("C.UTF-8"));
     const ToolResult r = runner.run(tool, arguments, Common::scaledMs(kToolTimeoutMs), kMaxOutputBytes);
     if (!r.ok() || r.outputTruncated) {
-        const QString why = r.timedOut      ? QStringLiteral("overran its time limit")
-                            : !r.started    ? r.errorText
-                            : r.crashed     ? QStringLiteral("crashed")
+        const QString why = r.timedOut          ? QStringLiteral("overran its time limit")
+                            : !r.started        ? r.errorText
+                            : r.crashed         ? QStringLiteral("crashed")
                             : r.outputTruncated ? QStringLiteral("printed too much")
-                                            : QStringLiteral("exited with %1").arg(r.exitCode);
-        EDR_LOG->Debug(Q_FUNC_INFO, "%s list failed (%s): no %ss reported", qUtf8Printable(tool), qUtf8Printable(why),
-                       qUtf8Printable(tool));
+                                                : QStringLiteral("exited with %1").arg(r.exitCode);
+        EDR_LOG->Debug(Q_FUNC_INFO, "%s list failed (%s): no %ss reported", qUtf8Printable(tool),
+                       qUtf8Printable(why), qUtf8Printable(tool));
         return std::nullopt;
     }
     return r.standardOutput;
@@ -96,8 +100,9 @@ std::optional<QByteArray> SnapFlatpakCollector::listOutput(const QString& tool, 
 QJsonArray SnapFlatpakCollector::snapRecords() const
 {
     QJsonArray out;
-    const std::optional<QByteArray> text = listOutput(
-        QStringLiteral("snap"), {QStringLiteral("list"), QStringLiteral("--color=never"), QStringLiteral("--unicode=never")});
+    const std::optional<QByteArray> text =
+        listOutput(QStringLiteral("snap"), {QStringLiteral("list"), QStringLiteral("--color=never"),
+                                            QStringLiteral("--unicode=never")});
     if (!text)
         return out;
     int skipped = 0;
@@ -111,11 +116,12 @@ QJsonArray SnapFlatpakCollector::snapRecords() const
     for (const SnapList::Snap& s : *snaps) {
         const FileFacts file =
             factsOf(m_host.root(QStringLiteral("/var/lib/snapd/snaps/%1_%2.snap").arg(s.name, s.revision)));
-        const QByteArray yaml =
-            HostPaths::readFile(m_host.root(QStringLiteral("/snap/%1/%2/meta/snap.yaml").arg(s.name, s.revision)),
-                                nullptr, kMaxSnapYamlBytes);
-        out.append(record(s.name, s.name, s.version, file.exists ? SizeOperation::getBytesSizeInString(file.size) : QString(),
-                          file.date, SnapList::summaryOf(yaml)));
+        const QByteArray yaml = HostPaths::readFile(
+            m_host.root(QStringLiteral("/snap/%1/%2/meta/snap.yaml").arg(s.name, s.revision)), nullptr,
+            kMaxSnapYamlBytes);
+        out.append(record(s.name, s.name, s.version,
+                          file.exists ? SizeOperation::getBytesSizeInString(file.size) : QString(), file.date,
+                          SnapList::summaryOf(yaml)));
     }
     return out;
 }
@@ -123,9 +129,9 @@ QJsonArray SnapFlatpakCollector::snapRecords() const
 QJsonArray SnapFlatpakCollector::flatpakRecords() const
 {
     QJsonArray out;
-    const std::optional<QByteArray> text =
-        listOutput(QStringLiteral("flatpak"), {QStringLiteral("list"), QStringLiteral("--app"),
-                                               QStringLiteral("--columns=application,version,size,name,description")});
+    const std::optional<QByteArray> text = listOutput(
+        QStringLiteral("flatpak"), {QStringLiteral("list"), QStringLiteral("--app"),
+                                    QStringLiteral("--columns=application,version,size,name,description")});
     if (!text)
         return out;
     int skipped = 0;
@@ -137,8 +143,10 @@ QJsonArray SnapFlatpakCollector::flatpakRecords() const
     if (skipped > 0)
         EDR_LOG->Debug(Q_FUNC_INFO, "flatpak list: %d unreadable lines left out", skipped);
     for (const FlatpakList::App& a : *apps) {
-        const FileFacts current = factsOf(m_host.root(QStringLiteral("/var/lib/flatpak/app/%1/current").arg(a.id)));
-        out.append(record(a.name.isEmpty() ? a.id : a.name, a.id, a.version, a.size, current.date, a.description));
+        const FileFacts current =
+            factsOf(m_host.root(QStringLiteral("/var/lib/flatpak/app/%1/current").arg(a.id)));
+        out.append(
+            record(a.name.isEmpty() ? a.id : a.name, a.id, a.version, a.size, current.date, a.description));
     }
     return out;
 }

@@ -12,7 +12,8 @@
 // Size, InstallDate, Description; all text). One run of each tool, none per
 // package; a missing, failing, hanging or unreadable tool adds nothing and
 // leaves one Debug line.
-class SnapFlatpakCollector {
+class SnapFlatpakCollector
+{
 public:
     static constexpr int kToolTimeoutMs = 30000; // scaled by the agent's time scale
     static constexpr qint64 kMaxOutputBytes = 16 * 1024 * 1024;

@@ -2,7 +2,8 @@
 
 #include <QStringList>
 
-namespace {
+namespace
+{
 
 struct Column {
     QString title;
@@ -90,9 +91,15 @@ QString unquoteDouble(const QString& text)
         }
         const QChar e = text.at(++i);
         switch (e.unicode()) {
-        case 'n': out += QLatin1Char('\n'); break;
-        case 't': out += QLatin1Char('\t'); break;
-        case '0': out += QChar(0); break;
+        case 'n':
+            out += QLatin1Char('\n');
+            break;
+        case 't':
+            out += QLatin1Char('\t');
+            break;
+        case '0':
+            out += QChar(0);
+            break;
         case 'u':
         case 'x': {
             const int digits = e == QLatin1Char('u') ? 4 : 2;
@@ -106,7 +113,9 @@ QString unquoteDouble(const QString& text)
             }
             break;
         }
-        default: out += e; break;
+        default:
+            out += e;
+            break;
         }
     }
     return out;
@@ -125,8 +134,8 @@ bool SnapList::isSafeName(const QString& name)
         return false;
     for (const QChar c : name) {
         const ushort u = c.unicode();
-        const bool ok = (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == '-' ||
-                        u == '_' || u == '.' || u == '+';
+        const bool ok = (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') ||
+                        u == '-' || u == '_' || u == '.' || u == '+';
         if (!ok)
             return false;
     }

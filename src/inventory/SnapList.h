@@ -8,7 +8,8 @@
 
 // Pure readers for what snapd tells about installed snaps: the table of
 // `snap list --color=never --unicode=never` and a snap's meta/snap.yaml.
-class SnapList {
+class SnapList
+{
 public:
     struct Snap {
         QString name;     // may carry an instance key: name_key

@@ -5,7 +5,8 @@
 
 // One local account as the hardware report's "Users" array lists it. Every
 // value is text, as the server reads it.
-class UserInfo {
+class UserInfo
+{
 public:
     QString getUserID() const { return m_userId; }
     void setUserID(const QString& v) { m_userId = v; }

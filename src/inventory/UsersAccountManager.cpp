@@ -29,7 +29,8 @@ UsersAccountManager::UsersAccountManager(const HostPaths& host, const ToolRunner
 {
 }
 
-namespace {
+namespace
+{
 
 const QRegularExpression& blanks()
 {
@@ -179,7 +180,8 @@ QList<UserInfo> UsersAccountManager::parseAccounts(const AccountFiles& files, co
             if (g.members.contains(name) && !groupNames.contains(g.name))
                 groupNames << g.name;
         // Only a group of exactly that name makes an administrator ("grootman" does not).
-        const bool admin = groupNames.contains(QLatin1String("sudo")) || groupNames.contains(QLatin1String("root"));
+        const bool admin =
+            groupNames.contains(QLatin1String("sudo")) || groupNames.contains(QLatin1String("root"));
         u.setPrivileges(admin ? QStringLiteral("2") : QStringLiteral("1"));
 
         const auto sp = shadow.constFind(name);
@@ -194,11 +196,13 @@ QList<UserInfo> UsersAccountManager::parseAccounts(const AccountFiles& files, co
             if (maxAge >= 99999)
                 maxAge = kUnset;
             if (changed != kUnset) {
-                u.setPasswordChagedOn(QDate(1970, 1, 1).addDays(changed).toString(QStringLiteral("yyyy-MM-dd")) +
-                                      QStringLiteral(" 00:00:00"));
+                u.setPasswordChagedOn(
+                    QDate(1970, 1, 1).addDays(changed).toString(QStringLiteral("yyyy-MM-dd")) +
+                    QStringLiteral(" 00:00:00"));
                 u.setPasswordAge(QString::number(qMax<qint64>(0, now - changed)));
             }
-            const bool locked = password.startsWith(QLatin1Char('!')) || password.startsWith(QLatin1Char('*'));
+            const bool locked =
+                password.startsWith(QLatin1Char('!')) || password.startsWith(QLatin1Char('*'));
             u.setDisabled(flag(locked || (expire != kUnset && now >= expire)));
             u.setPasswordExpires(flag(maxAge != kUnset));
             u.setPasswordRequired(flag(!password.isEmpty()));
@@ -219,7 +223,8 @@ QString UsersAccountManager::getCurrentLoginUsers()
 {
     const ToolResult r = m_runner.run(QStringLiteral("who"), {}, m_timeoutMs);
     if (!r.finished) {
-        EDR_LOG->Debug(Q_FUNC_INFO, "who did not complete: %s", r.timedOut ? "timed out" : qUtf8Printable(r.errorText));
+        EDR_LOG->Debug(Q_FUNC_INFO, "who did not complete: %s",
+                       r.timedOut ? "timed out" : qUtf8Printable(r.errorText));
         return QString();
     }
     return parseWhoOutput(r.standardOutput);
@@ -243,9 +248,9 @@ QList<UserInfo> UsersAccountManager::getUsersAccounts(bool* ok)
         EDR_LOG->Debug(Q_FUNC_INFO, "No shadow file: password fields stay empty");
     files.group = HostPaths::readFile(m_host.root(QStringLiteral("/etc/group")));
     files.loginDefs = HostPaths::readFile(m_host.root(QStringLiteral("/etc/login.defs")));
-    const ToolResult last = m_runner.run(QStringLiteral("last"),
-                                         {QStringLiteral("-w"), QStringLiteral("--time-format"), QStringLiteral("iso")},
-                                         m_timeoutMs);
+    const ToolResult last = m_runner.run(
+        QStringLiteral("last"),
+        {QStringLiteral("-w"), QStringLiteral("--time-format"), QStringLiteral("iso")}, m_timeoutMs);
     if (last.finished)
         files.last = last.standardOutput;
     else

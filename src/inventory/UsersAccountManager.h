@@ -14,12 +14,14 @@
 // Local user accounts and current login sessions for the hardware report.
 // Accounts are read from the account files directly (passwd, shadow, group,
 // login.defs) so no tool runs per user; "who" and "last" each run once.
-class UsersAccountManager {
+class UsersAccountManager
+{
 public:
     static UsersAccountManager* getInstance();
     static void releaseInstance();
 
-    explicit UsersAccountManager(const HostPaths& host = HostPaths(), const ToolRunner& runner = ToolRunner());
+    explicit UsersAccountManager(const HostPaths& host = HostPaths(),
+                                 const ToolRunner& runner = ToolRunner());
 
     // Login names of the current sessions, joined with "|".
     QString getCurrentLoginUsers();

@@ -52,7 +52,8 @@ bool isTransientAcceptError(int err)
 }
 } // namespace
 
-ClientSocketThread::ClientSocketThread(QObject* parent) : QThread(parent), m_serverDetails(ServerDetails::getInstance())
+ClientSocketThread::ClientSocketThread(QObject* parent)
+    : QThread(parent), m_serverDetails(ServerDetails::getInstance())
 {
 }
 
@@ -67,7 +68,8 @@ ClientSocketThread::~ClientSocketThread()
 // is rebuilt only when they changed.
 void ClientSocketThread::refreshAllowList()
 {
-    const QStringList servers = m_serverDetails ? m_serverDetails->getConfiguredServerAddresses() : QStringList();
+    const QStringList servers =
+        m_serverDetails ? m_serverDetails->getConfiguredServerAddresses() : QStringList();
     const QString listenerAllow = EdrAgentConfig().getSetting(QStringLiteral("ListenerAllow"));
     if (m_allowBuilt && servers == m_allowServers && listenerAllow == m_allowSetting)
         return;

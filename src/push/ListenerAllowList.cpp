@@ -44,7 +44,8 @@ ListenerAllowList ListenerAllowList::fromSettings(const QStringList& serverAddre
             list.add(literal, 32);
             continue;
         }
-        const QList<QHostAddress> resolved = resolver ? resolver(server) : QHostInfo::fromName(server).addresses();
+        const QList<QHostAddress> resolved =
+            resolver ? resolver(server) : QHostInfo::fromName(server).addresses();
         for (const QHostAddress& address : resolved)
             if (address.protocol() == QAbstractSocket::IPv4Protocol)
                 list.add(address, 32);

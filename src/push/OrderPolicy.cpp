@@ -9,9 +9,9 @@ OrderPolicy::OrderPolicy(const EdrAgentConfig& config) : m_config(config) {}
 
 QStringList OrderPolicy::keys()
 {
-    return {QStringLiteral("Terminal"),    QStringLiteral("Osquery"),  QStringLiteral("Kill"),
-            QStringLiteral("ServiceOrders"), QStringLiteral("StartupApps"), QStringLiteral("Firewall"),
-            QStringLiteral("Update"),      QStringLiteral("TraceLogReset")};
+    return {QStringLiteral("Terminal"),      QStringLiteral("Osquery"),      QStringLiteral("Kill"),
+            QStringLiteral("ServiceOrders"), QStringLiteral("StartupApps"),  QStringLiteral("Firewall"),
+            QStringLiteral("Update"),        QStringLiteral("TraceLogReset")};
 }
 
 QString OrderPolicy::keyFor(const PushCommand& command)

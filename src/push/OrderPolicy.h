@@ -9,7 +9,8 @@
 // Which orders this machine carries out: agent.conf group [Policy], one key per
 // kind of order, "allow" (the default) or "deny". Read at every order, so an
 // edit takes effect without a restart. A value that is neither counts as deny.
-class OrderPolicy {
+class OrderPolicy
+{
 public:
     enum Decision { Allow, Deny, Unknown };
 

@@ -3,7 +3,8 @@
 #include <QString>
 
 // One push-channel message, "#$#"-separated: command word, subject, parameter.
-class PushCommand {
+class PushCommand
+{
 public:
     enum Kind {
         Ignored,      // unknown word or subject: nothing to do, nothing logged

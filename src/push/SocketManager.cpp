@@ -138,8 +138,8 @@ void SocketManager::processCommand(const QString& ip, const QString& message, Au
     const std::optional<int> task = numbered ? std::optional<int>(command.task) : std::nullopt;
     // Refused before the number becomes a task of the dispatcher.
     if (numbered && (command.task < 0 || command.task >= TasksManager::kTaskCount)) {
-        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Refused %s command for unknown task %d", qUtf8Printable(command.word),
-                       command.task);
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Refused %s command for unknown task %d",
+                       qUtf8Printable(command.word), command.task);
         audit->record(channel, ip, message, task, AuditLog::Malformed);
         return;
     }
@@ -168,7 +168,8 @@ bool SocketManager::carryOut(const PushCommand& command, bool permitted)
     case PushCommand::Ignored:
         return false;
     case PushCommand::TooShort:
-        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Ignored %s command without a subject", qUtf8Printable(command.word));
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Ignored %s command without a subject",
+                       qUtf8Printable(command.word));
         return false;
     case PushCommand::ConfigChange:
         if (m_scheduleManager && m_scheduleManager->getLatestSceduleFromServer()) {
@@ -187,9 +188,11 @@ bool SocketManager::carryOut(const PushCommand& command, bool permitted)
         EDR_LOG->Trace(Q_FUNC_INFO, "Failed to Start Agent Updater!");
         return false;
     case PushCommand::Report:
-        return m_tasksManager && m_tasksManager->carryOutReport(task, command.parameter, permitted).value_or(false);
+        return m_tasksManager &&
+               m_tasksManager->carryOutReport(task, command.parameter, permitted).value_or(false);
     case PushCommand::Action:
-        return m_tasksManager && m_tasksManager->carryOutAction(task, command.parameter, permitted).value_or(false);
+        return m_tasksManager &&
+               m_tasksManager->carryOutAction(task, command.parameter, permitted).value_or(false);
     case PushCommand::ResetTraceLog:
         if (!permitted)
             return false;

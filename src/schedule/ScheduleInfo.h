@@ -4,7 +4,8 @@
 
 // One entry of the schedule. Intervals count scheduler ticks (minutes); the
 // task number of an entry is its position in the schedule list, not its ID.
-class ScheduleInfo {
+class ScheduleInfo
+{
 public:
     ScheduleInfo();
 

@@ -19,7 +19,8 @@
 
 ScheduleManager* ScheduleManager::s_instance = nullptr;
 
-namespace {
+namespace
+{
 constexpr int kTickMs = 60000;
 
 TasksManager::TASK_NAMES taskAt(int position)
@@ -42,10 +43,8 @@ void ScheduleManager::releaseInstance()
 }
 
 ScheduleManager::ScheduleManager()
-    : m_agentDetails(AgentDetails::getInstance()),
-      m_serverDetails(ServerDetails::getInstance()),
-      m_httpManager(HttpManager::getInstance()),
-      m_tasks(TasksManager::getInstance()),
+    : m_agentDetails(AgentDetails::getInstance()), m_serverDetails(ServerDetails::getInstance()),
+      m_httpManager(HttpManager::getInstance()), m_tasks(TasksManager::getInstance()),
       m_timer(new QTimer(this))
 {
     m_scheduleNames = TasksManager::taskNames();
@@ -214,7 +213,8 @@ void ScheduleManager::onScheduleTimer()
     });
 }
 
-bool ScheduleManager::isDueAtStartUp(const ScheduleInfo& entry, const QDateTime& lastRun, const QDateTime& now)
+bool ScheduleManager::isDueAtStartUp(const ScheduleInfo& entry, const QDateTime& lastRun,
+                                     const QDateTime& now)
 {
     if (!entry.getEnable() || !entry.getRunOnStart())
         return false;
@@ -277,7 +277,8 @@ bool ScheduleManager::getAgentConfigFromServer()
     const QString url = ApiManager::getAPI(CONFIG_FILE);
     QString response;
     // No larger than the schedule reader would parse.
-    if (!m_httpManager->sendDataToServer(false, url, 0, QMap<QString, QString>(), response, kMaxScheduleFileBytes)) {
+    if (!m_httpManager->sendDataToServer(false, url, 0, QMap<QString, QString>(), response,
+                                         kMaxScheduleFileBytes)) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to get Agent Config file server.");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;

@@ -21,7 +21,8 @@ class ScheduleReader;
 // Owns the schedule: the built-in defaults, the overlay from "schedule.db",
 // the start-up run and the one-minute timer that dispatches due tasks. Also
 // fetches the schedule from the server and starts the updater. Main thread only.
-class ScheduleManager : public QObject {
+class ScheduleManager : public QObject
+{
     Q_OBJECT
 
 public:

@@ -10,7 +10,8 @@ struct ScheduleReader::Document {
     rapidxml::xml_document<char> xml;
 };
 
-namespace {
+namespace
+{
 using Tables = rapidxml::internal::lookup_tables<0>;
 
 bool isSpace(char c)

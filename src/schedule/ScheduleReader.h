@@ -10,7 +10,8 @@
 // Reads the schedule file: a sequence of top-level task elements (no root
 // element), each with up to four numeric children. The XML parser is kept in
 // here; the reader owns the zero-terminated buffer it parses in place.
-class ScheduleReader {
+class ScheduleReader
+{
 public:
     // Raw child values, already cut to 32 bits; absent children stay empty.
     struct TaskValues {

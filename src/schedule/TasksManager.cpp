@@ -136,7 +136,8 @@ std::optional<bool> TasksManager::carryOutAction(TASK_NAMES task, const QString&
     }
 }
 
-namespace {
+namespace
+{
 // The body is dropped after reading, so reading more than this gains nothing.
 constexpr qint64 kMaxPendingBodyBytes = 16 * 1024 * 1024;
 } // namespace

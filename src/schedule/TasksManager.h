@@ -19,7 +19,8 @@ class OSQueryManager;
 
 // Turns a task number into a call on the manager that owns the work. Returns
 // false whatever the manager did: only the managers' own log lines tell.
-class TasksManager {
+class TasksManager
+{
 public:
     enum TASK_NAMES {
         AgentInfo = 0,

@@ -9,7 +9,8 @@
 
 #include <cerrno>
 
-namespace {
+namespace
+{
 constexpr int kSystemdRunTimeoutMs = 30000;
 const QString kSystemdRun = QStringLiteral("systemd-run");
 } // namespace
@@ -22,12 +23,21 @@ UpdaterLauncher::UpdaterLauncher()
 {
 }
 
-UpdaterLauncher::UpdaterLauncher(const HostPaths& host, const ToolRunner& runner) : m_host(host), m_runner(runner) {}
-
-QStringList UpdaterLauncher::transientUnitArguments(const QString& unit, const QString& shell, const QString& script)
+UpdaterLauncher::UpdaterLauncher(const HostPaths& host, const ToolRunner& runner)
+    : m_host(host), m_runner(runner)
 {
-    return {QStringLiteral("--unit=") + unit, QStringLiteral("--collect"), QStringLiteral("--quiet"),
-            QStringLiteral("--description=edr-agent updater"), QStringLiteral("--"), shell, script};
+}
+
+QStringList UpdaterLauncher::transientUnitArguments(const QString& unit, const QString& shell,
+                                                    const QString& script)
+{
+    return {QStringLiteral("--unit=") + unit,
+            QStringLiteral("--collect"),
+            QStringLiteral("--quiet"),
+            QStringLiteral("--description=edr-agent updater"),
+            QStringLiteral("--"),
+            shell,
+            script};
 }
 
 // The test systemd itself uses (sd_booted): its runtime unit directory exists.
@@ -43,7 +53,8 @@ UpdaterLauncher::Outcome UpdaterLauncher::start(const QString& script) const
         if (shell.isEmpty())
             shell = QStringLiteral("/bin/sh");
         const QString unit = QStringLiteral("edr-agent-update-%1").arg(QDateTime::currentMSecsSinceEpoch());
-        const ToolResult r = m_runner.run(kSystemdRun, transientUnitArguments(unit, shell, script), kSystemdRunTimeoutMs);
+        const ToolResult r =
+            m_runner.run(kSystemdRun, transientUnitArguments(unit, shell, script), kSystemdRunTimeoutMs);
         if (r.ok())
             return Outcome::TransientUnit;
         // Detached, the updater still runs; only a restart of the agent's unit
@@ -51,5 +62,6 @@ UpdaterLauncher::Outcome UpdaterLauncher::start(const QString& script) const
         EDR_LOG->Error(Q_FUNC_INFO, errno, "systemd-run could not start %s (exit %d%s); starting it detached",
                        qUtf8Printable(unit), r.exitCode, r.timedOut ? ", timed out" : "");
     }
-    return QProcess::startDetached(QStringLiteral("sh"), QStringList{script}) ? Outcome::Detached : Outcome::Failed;
+    return QProcess::startDetached(QStringLiteral("sh"), QStringList{script}) ? Outcome::Detached
+                                                                              : Outcome::Failed;
 }

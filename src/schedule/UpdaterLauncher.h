@@ -11,7 +11,8 @@
 // and "systemctl restart edr-agent" from the script would kill the script too;
 // there it runs as a transient unit of its own. Elsewhere it is started
 // detached.
-class UpdaterLauncher {
+class UpdaterLauncher
+{
 public:
     enum class Outcome { TransientUnit, Detached, Failed };
 
@@ -21,7 +22,8 @@ public:
     Outcome start(const QString& script) const;
 
     // systemd-run's arguments for running `shell script` as the unit `unit`.
-    static QStringList transientUnitArguments(const QString& unit, const QString& shell, const QString& script);
+    static QStringList transientUnitArguments(const QString& unit, const QString& shell,
+                                              const QString& script);
 
 private:
     bool systemdIsRunning() const;

@@ -10,8 +10,8 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <csignal>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
@@ -71,7 +71,8 @@ int OutboxCommand::run(bool flush)
         for (const QString& path : {Common::getEdrDirPath(), dir}) {
             const QByteArray local = QFile::encodeName(path);
             if (::access(local.constData(), F_OK) == 0 && ::access(local.constData(), R_OK | X_OK) != 0) {
-                std::fprintf(stderr, "edr-agent: cannot read %s: %s\n", local.constData(), std::strerror(errno));
+                std::fprintf(stderr, "edr-agent: cannot read %s: %s\n", local.constData(),
+                             std::strerror(errno));
                 return 1;
             }
         }

@@ -8,7 +8,8 @@
 
 // `edr-agent report NAME`: collects one report and prints the exact body the
 // agent would post, without a server and without registering.
-class ReportCommand {
+class ReportCommand
+{
 public:
     static QStringList names();
     // 0 when the collector succeeded, else 1 with a message on stderr.

@@ -20,7 +20,8 @@ void releaseInstances();
 // Runs the start sequence on the event loop: registration (retried with
 // backoff until it succeeds), the agent-information report, the push channel
 // and the scheduler.
-class ServiceHost : public QObject {
+class ServiceHost : public QObject
+{
     Q_OBJECT
 public:
     explicit ServiceHost(QObject* parent = nullptr);

@@ -11,8 +11,10 @@
 
 using namespace edrtest;
 
-namespace {
-class AgentManagerTest : public ::testing::Test, protected ServerUnderTest {
+namespace
+{
+class AgentManagerTest : public ::testing::Test, protected ServerUnderTest
+{
 protected:
     void SetUp() override { HttpManager::getInstance()->setAuthorizationToke(QString()); }
     void TearDown() override { HttpManager::getInstance()->setAuthorizationToke(QString()); }
@@ -31,7 +33,8 @@ TEST_F(AgentManagerTest, RegistersOnceAndCarriesTheTokenAfterwards)
     ASSERT_EQ(rs.size(), 2);
     EXPECT_EQ(rs[0].target, "/api/v1/machineInfo/registerAgent");
     EXPECT_FALSE(rs[0].hasHeader("Authorization"));
-    EXPECT_EQ(rs[0].body, "{    \"agent_id\": \"" + AgentDetails::getInstance()->getAgentID().toUtf8() + "\"}");
+    EXPECT_EQ(rs[0].body,
+              "{    \"agent_id\": \"" + AgentDetails::getInstance()->getAgentID().toUtf8() + "\"}");
 
     EXPECT_EQ(rs[1].target, "/api/v1/machineInfo/addMachineInfo");
     EXPECT_EQ(rs[1].header("Authorization"), "tok-1");

@@ -14,8 +14,10 @@
 
 using namespace edrtest;
 
-namespace {
-class HttpTest : public ::testing::Test, protected ServerUnderTest {
+namespace
+{
+class HttpTest : public ::testing::Test, protected ServerUnderTest
+{
 protected:
     void SetUp() override { http->setAuthorizationToke(QString()); }
     void TearDown() override { http->setAuthorizationToke(QString()); }
@@ -34,8 +36,10 @@ TEST_F(HttpTest, EachModeSendsItsExactBodyHeadersAndRequestCopy)
     file.write("file-content-123");
     file.close();
     const QMap<QString, QString> json{{QStringLiteral("data"), QStringLiteral("{\n    \"a\": \"x y\"\n}\n")}};
-    const QMap<QString, QString> fields{{QStringLiteral("b"), QStringLiteral("x y")}, {QStringLiteral("a"), QStringLiteral("1")}};
-    const QMap<QString, QString> upload{{QStringLiteral("logFILE"), file.fileName()}, {QStringLiteral("name"), QStringLiteral("v")}};
+    const QMap<QString, QString> fields{{QStringLiteral("b"), QStringLiteral("x y")},
+                                        {QStringLiteral("a"), QStringLiteral("1")}};
+    const QMap<QString, QString> upload{{QStringLiteral("logFILE"), file.fileName()},
+                                        {QStringLiteral("name"), QStringLiteral("v")}};
     QString response;
     ASSERT_TRUE(http->sendDataToServer(true, url("machineInfo/addProcesses"), 3, json, response));
     http->setAuthorizationToke(QStringLiteral("abc"));
@@ -46,7 +50,11 @@ TEST_F(HttpTest, EachModeSendsItsExactBodyHeadersAndRequestCopy)
     ASSERT_TRUE(http->sendDataToServer(true, url("m/bare"), 7, upload, response));
     const QList<RecordedRequest> rs = server.requests();
     ASSERT_EQ(rs.size(), 6);
-    const struct { const char* request; QByteArray body; const char* type; } sent[] = {
+    const struct {
+        const char* request;
+        QByteArray body;
+        const char* type;
+    } sent[] = {
         {"POST /api/v1/machineInfo/addProcesses", "{    \"a\": \"x y\"}", "application/json"},
         {"POST /api/v1/x/y", "{    \"a\": \"1\",    \"b\": \"x y\"}", "application/json"},
         {"POST /api/v1/f/form", "a=1&b=x%20y", "application/x-www-form-urlencoded"},
@@ -81,7 +89,11 @@ TEST_F(HttpTest, RepliesAreTakenUpToTheCapAndFailuresChangeNothing)
 {
     const qint64 max = HttpManager::kMaxReplyBytes;
     const QString untouched = QStringLiteral("untouched");
-    const struct { CannedReply reply; qint64 cap; QString response; } cases[] = {
+    const struct {
+        CannedReply reply;
+        qint64 cap;
+        QString response;
+    } cases[] = {
         {{200, "\"OK\"", "application/json"}, max, QStringLiteral("OK")},
         {{200, "{\"a\":\"b\"}", "application/json"}, max, QStringLiteral("{\"a\":\"b\"}")},
         {{500, "<html>boom</html>", "text/html"}, max, QStringLiteral("<html>boom</html>")},
@@ -93,12 +105,14 @@ TEST_F(HttpTest, RepliesAreTakenUpToTheCapAndFailuresChangeNothing)
     for (const auto& c : cases) {
         server.setReply(c.reply);
         QString response = untouched;
-        EXPECT_EQ(http->sendDataToServer(false, url("r/big"), 0, {}, response, c.cap), c.response != untouched)
+        EXPECT_EQ(http->sendDataToServer(false, url("r/big"), 0, {}, response, c.cap),
+                  c.response != untouched)
             << c.reply.body.left(20).constData();
         EXPECT_EQ(response, c.response) << c.reply.body.left(20).constData();
     }
     QString response;
-    EXPECT_FALSE(http->sendDataToServer(true, QStringLiteral("http://127.0.0.1:1/api/v1/x"), 3, {}, response));
+    EXPECT_FALSE(
+        http->sendDataToServer(true, QStringLiteral("http://127.0.0.1:1/api/v1/x"), 3, {}, response));
 
     TimeScale scale(0.01); // the 60 s stall window becomes about a second
     server.setReply({200, "", "text/plain", true});

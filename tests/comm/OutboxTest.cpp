@@ -72,9 +72,9 @@ TEST(PendingReport, HeaderRoundTripsAndRejectsAnythingElse)
     for (int n = 0; n < used; ++n)
         EXPECT_FALSE(PendingReport::parseHeader(good.left(n))) << n;
     const QByteArray bad[] = {
-        header(3, Kind::Result, PROCESSES, 1),          // a snapshot route kept as a result
-        header(18, Kind::Result, PROCESSES, 1),         // task and route disagree
-        header(0, Kind::Snapshot, REGISTER_AGENT, 1),   // a route that is never kept
+        header(3, Kind::Result, PROCESSES, 1),        // a snapshot route kept as a result
+        header(18, Kind::Result, PROCESSES, 1),       // task and route disagree
+        header(0, Kind::Snapshot, REGISTER_AGENT, 1), // a route that is never kept
         "0003 EDR-PENDING/2 kind=snapshot route=5 mode=3 created=1 length=1\n",
         "0003 EDR-PENDING/1 kind=snapshot route=5 mode=1 created=1 length=1\n",
         "0003 EDR-PENDING/1 kind=snapshot route=5 mode=3 created=1 length=-1\n",
@@ -119,7 +119,8 @@ TEST_F(OutboxTest, FailedPostsAreKeptCoalescedAndReplayedByteForByte)
     // Work that arrives meanwhile (a pushed order) waits for one file at most.
     int sentBeforeOrder = -1;
     QMetaObject::invokeMethod(
-        QCoreApplication::instance(), [&] { sentBeforeOrder = server.requests().size(); }, Qt::QueuedConnection);
+        QCoreApplication::instance(), [&] { sentBeforeOrder = server.requests().size(); },
+        Qt::QueuedConnection);
     for (int i = 0; i < 5 && !outbox->isEmpty(); ++i)
         QCoreApplication::processEvents();
     EXPECT_TRUE(QDir(dir()).entryList({QStringLiteral("*.rpt")}, QDir::Files).isEmpty());
@@ -211,8 +212,8 @@ TEST_F(OutboxTest, DirectoryFaultsKeepNothingAndLoseNothing)
 
 TEST(OutboxCommandTest, ListingShowsTaskKindAgeAndSize)
 {
-    const Outbox::Entry e{QStringLiteral("0000000001-03.rpt"), 1, {3, Kind::Snapshot, PROCESSES, 3, 1000, 2},
-                          2048};
+    const Outbox::Entry e{
+        QStringLiteral("0000000001-03.rpt"), 1, {3, Kind::Snapshot, PROCESSES, 3, 1000, 2}, 2048};
     const QString text =
         OutboxCommand::listing({e}, {QStringLiteral("x.rpt: a symbolic link")}, 1000 + 3723000);
     EXPECT_TRUE(text.contains(QStringLiteral("   3  Processes              snapshot  1h 02m")));

@@ -7,7 +7,10 @@ TEST(TlsSettings, PinsParseOnlyInTheirOneForm)
     const QByteArray a(32, 'a'), b(32, 'b');
     const QString pa = QStringLiteral("sha256//") + QString::fromLatin1(a.toBase64());
     const QString pb = QStringLiteral("sha256//") + QString::fromLatin1(b.toBase64());
-    const struct { QString text; std::optional<QList<QByteArray>> digests; } cases[] = {
+    const struct {
+        QString text;
+        std::optional<QList<QByteArray>> digests;
+    } cases[] = {
         {QString(), QList<QByteArray>()},
         {pa, QList<QByteArray>{a}},
         {QStringLiteral(" %1 ; %2;").arg(pa, pb), QList<QByteArray>{a, b}},

@@ -20,14 +20,18 @@ TEST(DeniedOrders, RunNothingAndReportTheirUsualFailure)
                 QFile::link(fakes.path() + QStringLiteral("/osquery"), OSQueryManager::osqueryPath()));
 
     const QByteArray action = "settings/InvSettingsOutput";
-    EXPECT_TRUE(ServiceManager(fakes.runner()).executeSendReportToServer(QStringLiteral("1|ssh.service|s1"), false));
-    EXPECT_EQ(peer.posted(action),
-              QJsonObject({{"_id", "s1"}, {"status", 1}, {"message", "Failed to Perform Service %s Action!"}}));
+    EXPECT_TRUE(
+        ServiceManager(fakes.runner()).executeSendReportToServer(QStringLiteral("1|ssh.service|s1"), false));
+    EXPECT_EQ(
+        peer.posted(action),
+        QJsonObject({{"_id", "s1"}, {"status", 1}, {"message", "Failed to Perform Service %s Action!"}}));
     EXPECT_TRUE(FirewallManager(fakes.runner()).executeSendReportToServer(QStringLiteral("1|1|1|f1"), false));
-    EXPECT_EQ(peer.posted(action, 2),
-              QJsonObject({{"_id", "f1"}, {"status", 1},
-                           {"message", "Firewall settings change failed. Domain: Enabled | Private: Enabled | "
-                                       "Public: Disabled"}}));
+    EXPECT_EQ(
+        peer.posted(action, 2),
+        QJsonObject({{"_id", "f1"},
+                     {"status", 1},
+                     {"message", "Firewall settings change failed. Domain: Enabled | Private: Enabled | "
+                                 "Public: Disabled"}}));
     // A failed query sends nothing, so neither does a refused one.
     EXPECT_FALSE(OSQueryManager(fakes.runner()).sendRptToServer(QStringLiteral("'q1|select 1'"), false));
     EXPECT_EQ(peer.server.requests().size(), 2);

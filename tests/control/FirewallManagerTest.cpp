@@ -5,15 +5,20 @@
 using edrtest::FakeToolDir;
 using edrtest::ServerUnderTest;
 
-namespace {
+namespace
+{
 
 // Like ufw: "status" prints the scenario's text (or hangs); "enable"/"disable" exit with changeExit.
 void addUfw(FakeToolDir& tools, const QByteArray& statusScenario, int changeExit = 0)
 {
     const QByteArray dir = edrtest::fixturePath(QStringLiteral("commands/ufw/")).toUtf8();
-    tools.addScript(QStringLiteral("ufw"), "case \"$1\" in\nstatus) [ " + statusScenario + " = hang ] && exec sleep 600\n"
-                                           "  cat '" + dir + statusScenario + ".stdout' ;;\n"
-                                           "enable|disable) cat '" + dir + "'\"$1\".stdout; exit " +
+    tools.addScript(QStringLiteral("ufw"), "case \"$1\" in\nstatus) [ " + statusScenario +
+                                               " = hang ] && exec sleep 600\n"
+                                               "  cat '" +
+                                               dir + statusScenario +
+                                               ".stdout' ;;\n"
+                                               "enable|disable) cat '" +
+                                               dir + "'\"$1\".stdout; exit " +
                                                QByteArray::number(changeExit) + " ;;\n*) exit 1 ;;\nesac\n");
 }
 
@@ -27,7 +32,9 @@ TEST(FirewallManagerTest, StatusReportGivesPublicProfileAndSocIdWhenGiven)
         const char* socId;
         QJsonObject expected;
     } cases[] = {
-        {"status-active", "sock-42", {{"domain", false}, {"private", false}, {"public", true}, {"socId", "sock-42"}}},
+        {"status-active",
+         "sock-42",
+         {{"domain", false}, {"private", false}, {"public", true}, {"socId", "sock-42"}}},
         {"status-inactive", "", {{"domain", false}, {"private", false}, {"public", false}}},
         {"not-root", "", {{"domain", false}, {"private", false}, {"public", true}}},
         {"hang", "s1", {{"socId", "s1"}}}, // killed; the report goes out without the profiles
@@ -69,12 +76,15 @@ TEST(FirewallManagerTest, OrdersRunUfwAndAnswerWithShiftedLabels)
         const QString parameter = QString::fromUtf8(c.parameter);
         const bool refused = !*c.ufwArgument;
         EXPECT_EQ(manager.executeSendReportToServer(parameter), !refused) << c.parameter;
-        EXPECT_EQ(tools.invocations(QStringLiteral("ufw")).value(0).join(' '), QString::fromUtf8(c.ufwArgument));
+        EXPECT_EQ(tools.invocations(QStringLiteral("ufw")).value(0).join(' '),
+                  QString::fromUtf8(c.ufwArgument));
         if (refused)
             EXPECT_TRUE(peer.server.requests().isEmpty() && peer.logHas(c.message)) << c.parameter;
         else
-            EXPECT_EQ(peer.posted("settings/InvSettingsOutput"),
-                      QJsonObject({{"_id", parameter.section('|', 3)}, {"status", c.ufwExit}, {"message", c.message}}));
+            EXPECT_EQ(
+                peer.posted("settings/InvSettingsOutput"),
+                QJsonObject(
+                    {{"_id", parameter.section('|', 3)}, {"status", c.ufwExit}, {"message", c.message}}));
         EXPECT_TRUE(manager.executeSendReportToServer(QStringLiteral("0|0|0|x"))); // flag released
     }
 }

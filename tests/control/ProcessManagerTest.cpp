@@ -2,13 +2,13 @@
 
 #include "control/ControlTestHelpers.h"
 
-
 #include <algorithm>
 #include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 
 // Directory order depends on the file system: compare the records sorted.
 QByteArrayList sortedRecords(const QJsonArray& list)
@@ -23,10 +23,12 @@ QByteArrayList sortedRecords(const QJsonArray& list)
 TEST(ProcessManagerTest, FixtureTreeIsPostedWithItsQuirks)
 {
     edrtest::ServerUnderTest peer;
-    const HostPaths host = HostPaths::fromFixtureRoot(edrtest::fixturePath(QStringLiteral("roots/processes")));
+    const HostPaths host =
+        HostPaths::fromFixtureRoot(edrtest::fixturePath(QStringLiteral("roots/processes")));
     EXPECT_TRUE(ProcessManager(host).sendRptToServer(QString()));
     const QJsonObject posted = peer.posted("machineInfo/addProcesses");
-    const QJsonArray expected = edrtest::jsonFixture("expected/processes/processes.json").value("Process").toArray();
+    const QJsonArray expected =
+        edrtest::jsonFixture("expected/processes/processes.json").value("Process").toArray();
     EXPECT_EQ(sortedRecords(posted.value("Process").toArray()), sortedRecords(expected));
 
     // The executable path the ports report takes: none for a kernel thread or a vanished process.
@@ -39,11 +41,14 @@ TEST(ProcessManagerTest, FixtureTreeIsPostedWithItsQuirks)
 TEST(ProcessManagerTest, ParseStatusTakesRawTrimmedValues)
 {
     QJsonObject record;
-    ProcessManager::parseStatus("Name:\tsleep\nState:\tS (sleeping)\nPPid:\t8849\nUid:\t1000\t1001\t1002\t1003\n"
-                                "Uids:\t7\nThreads:\t  3 \nno colon here\nPPid :\t99\n",
-                                record);
-    EXPECT_EQ(record, QJsonObject({{"Status", "S (sleeping)"}, {"ParentProcessId", "8849"},
-                                   {"UserId", "1000\t1001\t1002\t1003"}, {"ThreadCount", "3"}}));
+    ProcessManager::parseStatus(
+        "Name:\tsleep\nState:\tS (sleeping)\nPPid:\t8849\nUid:\t1000\t1001\t1002\t1003\n"
+        "Uids:\t7\nThreads:\t  3 \nno colon here\nPPid :\t99\n",
+        record);
+    EXPECT_EQ(record, QJsonObject({{"Status", "S (sleeping)"},
+                                   {"ParentProcessId", "8849"},
+                                   {"UserId", "1000\t1001\t1002\t1003"},
+                                   {"ThreadCount", "3"}}));
     // Text after the first NUL is not part of the file; a truncated file gives what it holds.
     QJsonObject cut;
     ProcessManager::parseStatus(QByteArray("State:\tR\n\0Uid:\t0\n", 17), cut);
@@ -63,11 +68,21 @@ TEST(ProcessManagerTest, KillOrdersPostTheirResultAndTheSparedAreReported)
     const QString b = QString::number(bystander.pid());
     const QString orders[] = {
         "1|" + QString::number(victim.pid()) + "|abc", // the one that succeeds
-        "2|bash|abc", "9|" + b + "|r9", "1|" + QString::number(unused) + "|gone",
-        "1|abc|r1", "1|0|r2", "1|-1|r3", "1||r4", // never kill(0), our own group, or kill(-1), everyone
-        "1|+" + b + "|r5", "1|" + b + "a|r7", "1|" + QString::number(4294967296LL + bystander.pid()) + "|r8",
-        "1|1|r10", "1|" + QString::number(::getpid()) + "|r11", // init ignores SIGKILL; killing us loses the answer
-        "1|" + b, "1", QString(), // no request id
+        "2|bash|abc",
+        "9|" + b + "|r9",
+        "1|" + QString::number(unused) + "|gone",
+        "1|abc|r1",
+        "1|0|r2",
+        "1|-1|r3",
+        "1||r4", // never kill(0), our own group, or kill(-1), everyone
+        "1|+" + b + "|r5",
+        "1|" + b + "a|r7",
+        "1|" + QString::number(4294967296LL + bystander.pid()) + "|r8",
+        "1|1|r10",
+        "1|" + QString::number(::getpid()) + "|r11", // init ignores SIGKILL; killing us loses the answer
+        "1|" + b,
+        "1",
+        QString(), // no request id
     };
     int posted = 0;
     for (const QString& order : orders) {
@@ -82,7 +97,8 @@ TEST(ProcessManagerTest, KillOrdersPostTheirResultAndTheSparedAreReported)
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     // We are still here and so is the bystander, reported as the real /proc shows it.
     EXPECT_TRUE(bystander.running());
-    ASSERT_TRUE(edrtest::waitUntil([&] { return ProcessInfo().getProcessNameByPID(bystander.pid()) == "sleep\n"; }, 2000));
+    ASSERT_TRUE(edrtest::waitUntil(
+        [&] { return ProcessInfo().getProcessNameByPID(bystander.pid()) == "sleep\n"; }, 2000));
     QJsonObject body, record;
     ASSERT_TRUE(manager.collectReport(body));
     for (const QJsonValue& v : body["Process"].toArray())

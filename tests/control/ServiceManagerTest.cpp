@@ -2,7 +2,8 @@
 
 #include "control/ControlTestHelpers.h"
 
-namespace {
+namespace
+{
 
 using edrtest::FakeToolDir;
 
@@ -47,12 +48,14 @@ QJsonArray perUnitList(ServiceManager& manager, const QJsonArray& report)
 
 TEST(ServiceManagerTest, PureHelpers)
 {
-    EXPECT_EQ(ServiceManager::parseUnitFileList("  leading.service  x\nsolo\n\n"), QStringList{QStringLiteral("solo")});
+    EXPECT_EQ(ServiceManager::parseUnitFileList("  leading.service  x\nsolo\n\n"),
+              QStringList{QStringLiteral("solo")});
     // A unit that printed nothing still has its place.
     EXPECT_EQ(ServiceManager::splitShowBlocks("A=1\n\n\nB=2\n"), QList<QStringList>({{"A=1"}, {}, {"B=2"}}));
     EXPECT_FALSE(ServiceManager::isTemplateUnit(QStringLiteral("getty@tty1.service")));
     // Names that would change what a shared "show" prints: options, job ids, globs, paths, overlong.
-    // Long "name state" lines are shared while their escaped form (\xNN per odd byte, ".service") fits 255 bytes.
+    // Long "name state" lines are shared while their escaped form (\xNN per odd byte, ".service") fits 255
+    // bytes.
     const QString a200(200, QLatin1Char('a'));
     for (const QString& ok : {QString("user-runtime-dir@1000.service"),
                               QString("dbus-org.freedesktop.timesync1.service masked-runtime enabled"),
@@ -66,14 +69,18 @@ TEST(ServiceManagerTest, PureHelpers)
 
 TEST(ServiceManagerTest, PropertiesFollowTheirRules)
 {
-    const QPair<QStringList, QJsonObject> cases[] = { // what the batched test's captured units do not show
+    const QPair<QStringList, QJsonObject> cases[] = {
+        // what the batched test's captured units do not show
         // Whichever of Type and ExecStop comes later sets AcceptStop.
         {{"Type=oneshot", "ExecStop={ path=/bin/true }"}, {{"AcceptStop", true}}},
         {{"Type=simple", "ExecStop="}, {{"AcceptStop", false}, {"AcceptPause", true}}},
         {{"ExecStop=", "Type=idle"}, {{"AcceptStop", true}, {"AcceptPause", false}}},
-        {{"ActiveState=activating", "UnitFileState=enabled-runtime"}, {{"State", "Stopped"}, {"StartMode", "Manual"}}},
-        {{"SuccessExitStatus=0 SIGTERM", "MainPID", "DesktopEntry=true"}, {{"ExitCode", 0}, {"DesktopInteract", true}}},
-        {{"Description=a=b", "description=lower", "ExecStart=/a", "ExecStart=/b"}, {{"Description", "a=b"}, {"PathName", "/b"}}},
+        {{"ActiveState=activating", "UnitFileState=enabled-runtime"},
+         {{"State", "Stopped"}, {"StartMode", "Manual"}}},
+        {{"SuccessExitStatus=0 SIGTERM", "MainPID", "DesktopEntry=true"},
+         {{"ExitCode", 0}, {"DesktopInteract", true}}},
+        {{"Description=a=b", "description=lower", "ExecStart=/a", "ExecStart=/b"},
+         {{"Description", "a=b"}, {"PathName", "/b"}}},
     };
     for (const auto& c : cases) {
         ServiceInfo info;
@@ -96,8 +103,10 @@ TEST(ServiceManagerTest, OneShowRunGivesWhatPerUnitRunsGive)
     const QJsonArray services = posted.value("Services").toArray();
     // One "show" for every unit but the template, in list order, with the properties.
     EXPECT_EQ(tools.invocations("systemctl").value(1).join('|'),
-              "show|UNIT FILE|cron.service|ssh.service|systemd-fsck-root.service|tomcat9.service|5 unit files listed."
-              "|--property|Description|--property|ExecStart|--property|Type|--property|ActiveState|--property|MainPID"
+              "show|UNIT FILE|cron.service|ssh.service|systemd-fsck-root.service|tomcat9.service|5 unit "
+              "files listed."
+              "|--property|Description|--property|ExecStart|--property|Type|--property|ActiveState|--"
+              "property|MainPID"
               "|--property|ExecStop|--property|WantedBy|--property|DesktopEntry|--property|SuccessExitStatus"
               "|--property|UnitFileState");
     EXPECT_EQ(tools.invocations("systemctl").size(), 2);
@@ -123,7 +132,8 @@ TEST(ServiceManagerTest, BrokenOrMissingSystemctl)
         int runs;
     } cases[] = {
         // show fails for everything: the names only, each unit asked once.
-        {"[ \"$1\" = list-unit-files ] && printf 'a.service  enabled\\nb.service  disabled\\n'\nexit 1", 2, 3},
+        {"[ \"$1\" = list-unit-files ] && printf 'a.service  enabled\\nb.service  disabled\\n'\nexit 1", 2,
+         3},
         // Garbage: every line is a name, the properties are ignored lines.
         {"printf '\\001\\002  \\377\\376\\n=\\n\\n'", 2, 2},
         {"exec sleep 600", 0, 1},
@@ -154,12 +164,22 @@ TEST(ServiceManagerTest, OrdersRunTheRightVerbAndPostTheResult)
     ServiceManager manager(tools.runner());
     const QPair<QString, QString> cases[] = {
         // order, then systemctl's arguments (none: it must not run)
-        {"1|ssh.service|id1", "start ssh.service"},   {"2|ssh.service|id2", "stop ssh.service"},
-        {"3|ssh.service|id3", "restart ssh.service"}, {"4|ssh.service|id4", "mask ssh.service"},
-        {"5|ssh.service|id5", "enable ssh.service"},  {"6|ssh.service|id6", "disable ssh.service"},
-        {"1|nosuch.service|id7", "start nosuch.service"}, {"7|ssh.service|id8", ""}, {"start|ssh.service|id9", ""},
-        {"1|--now|id10", ""}, {"2||id11", ""}, {"4|ssh.service", ""}, {"", ""},
-        {"2|*|id12", ""}, {"3|ssh?.service|id13", ""}, {"6|dev-[ab].mount|id14", ""}, // patterns match every unit
+        {"1|ssh.service|id1", "start ssh.service"},
+        {"2|ssh.service|id2", "stop ssh.service"},
+        {"3|ssh.service|id3", "restart ssh.service"},
+        {"4|ssh.service|id4", "mask ssh.service"},
+        {"5|ssh.service|id5", "enable ssh.service"},
+        {"6|ssh.service|id6", "disable ssh.service"},
+        {"1|nosuch.service|id7", "start nosuch.service"},
+        {"7|ssh.service|id8", ""},
+        {"start|ssh.service|id9", ""},
+        {"1|--now|id10", ""},
+        {"2||id11", ""},
+        {"4|ssh.service", ""},
+        {"", ""},
+        {"2|*|id12", ""},
+        {"3|ssh?.service|id13", ""},
+        {"6|dev-[ab].mount|id14", ""}, // patterns match every unit
     };
     int posted = 0;
     for (const auto& c : cases) {
@@ -173,7 +193,8 @@ TEST(ServiceManagerTest, OrdersRunTheRightVerbAndPostTheResult)
             expected.insert("_id", c.first.section('|', 2));
         EXPECT_EQ(peer.posted("settings/InvSettingsOutput", ++posted), expected) << qPrintable(c.first);
         EXPECT_EQ(tools.invocations(QStringLiteral("systemctl")).mid(runs),
-                  c.second.isEmpty() ? QList<QStringList>() : QList<QStringList>{c.second.split(' ')}) << qPrintable(c.first);
+                  c.second.isEmpty() ? QList<QStringList>() : QList<QStringList>{c.second.split(' ')})
+            << qPrintable(c.first);
     }
 }
 

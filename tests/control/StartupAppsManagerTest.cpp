@@ -10,7 +10,8 @@ using edrtest::ServerUnderTest;
 TEST(StartupAppsManagerTest, ReportListsEveryLocationWithItsUserAndNothingWhenEmpty)
 {
     ServerUnderTest peer;
-    StartupAppsManager manager(HostPaths::fromFixtureRoot(edrtest::fixturePath(QStringLiteral("roots/startup-mixed"))));
+    StartupAppsManager manager(
+        HostPaths::fromFixtureRoot(edrtest::fixturePath(QStringLiteral("roots/startup-mixed"))));
     EXPECT_TRUE(manager.sendRptToServer(QString()));
     EXPECT_EQ(peer.posted("machineInfo/addStartupApps"),
               edrtest::jsonFixture(QStringLiteral("expected/startup/startup-mixed.json")));
@@ -27,14 +28,16 @@ TEST(StartupAppsManagerTest, ReportListsEveryLocationWithItsUserAndNothingWhenEm
 
 TEST(StartupAppsManagerTest, IniGroupReading)
 {
-    // What the fixture tree does not already show: comments, padding, groups that merge, case-sensitive names.
+    // What the fixture tree does not already show: comments, padding, groups that merge, case-sensitive
+    // names.
     const QPair<QByteArray, QMap<QString, QString>> cases[] = {
         {"[S]\nK=1\nA=x\n[T]\nK=2\n[S]\nK=3\n", {{"K", "3"}, {"A", "x"}}},
         {"# c\n  [S]  \n ; x=1\n  K  =  v w  \ngarbage\n=v\n", {{"K", "v w"}}},
         {"K=0\n[s]\nK=1\n[S\nL=v", {{"L", "v"}}},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(StartupAppsManager::iniGroup(c.first, QStringLiteral("S")), c.second) << c.first.constData();
+        EXPECT_EQ(StartupAppsManager::iniGroup(c.first, QStringLiteral("S")), c.second)
+            << c.first.constData();
 }
 
 TEST(StartupAppsManagerTest, EveryOrderIsAnsweredAsFailed)

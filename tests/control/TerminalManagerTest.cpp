@@ -13,8 +13,8 @@ TEST(TerminalManagerTest, CommandsRunWithoutShellWithinTheirLimits)
     fakes.addTool(QStringLiteral("ls"), "listing\n");
     fakes.addScript(QStringLiteral("Uquick"), "echo done\n");
     const QByteArray capped(static_cast<int>(TerminalManager::kMaxOutputBytes), 'y');
-    fakes.addScript(QStringLiteral("flood"), "head -c " + QByteArray::number(capped.size() * 3 / 2) +
-                                                 " /dev/zero | tr '\\0' y\n");
+    fakes.addScript(QStringLiteral("flood"),
+                    "head -c " + QByteArray::number(capped.size() * 3 / 2) + " /dev/zero | tr '\\0' y\n");
     TerminalManager manager(ToolRunner({fakes.path(), "/usr/bin", "/bin"}));
     const struct {
         const char* arg;
@@ -25,11 +25,12 @@ TEST(TerminalManagerTest, CommandsRunWithoutShellWithinTheirLimits)
     } cases[] = {
         {"12|echo a | wc", 2, "echo a | wc", "a | wc\n", nullptr},
         {"13|sh -c \"echo oops >&2\"", 2, "sh -c \"echo oops >&2\"", "", nullptr},
-        {"14|U|printf \"%s|\" \"two words\" $HOME", 2, "printf \"%s|\" \"two words\" $HOME", "two words|$HOME|", nullptr},
+        {"14|U|printf \"%s|\" \"two words\" $HOME", 2, "printf \"%s|\" \"two words\" $HOME",
+         "two words|$HOME|", nullptr},
         {"15|bash -c \"sleep 999.0625; true\"", 1, "bash -c \"sleep 999.0625; true\"", nullptr,
-         "Failed to execute command!"}, // never ends: killed at the limit, grandchild too
+         "Failed to execute command!"},                // never ends: killed at the limit, grandchild too
         {"17|Uquick", 2, "Uquick", "done\n", nullptr}, // a user order without a second '|'
-        {"18|X|echo y", 2, "echo y", "y\n", nullptr}, // a second '|' without the flag
+        {"18|X|echo y", 2, "echo y", "y\n", nullptr},  // a second '|' without the flag
         {"19|no-such-program-here", 1, "no-such-program-here", nullptr, nullptr},
         {"20| ", 1, " ", nullptr, nullptr},
         {"|ls", 0, nullptr, nullptr, "Invalid Parameters!"},
@@ -57,6 +58,7 @@ TEST(TerminalManagerTest, CommandsRunWithoutShellWithinTheirLimits)
     const QPair<const char*, int> limits[] = {
         {"16|U|sleep 30", 60000}, {"17|Uquick", 60000}, {"18|X|echo y", 20000}, {"12|echo a | wc", 20000}};
     for (const auto& l : limits)
-        EXPECT_EQ(TerminalManager::commandTimeoutMs(TerminalManager::parseArgument(l.first)->asUser), l.second)
+        EXPECT_EQ(TerminalManager::commandTimeoutMs(TerminalManager::parseArgument(l.first)->asUser),
+                  l.second)
             << l.first;
 }

@@ -10,7 +10,8 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace
+{
 QJsonObject parse(const QByteArray& line) // not JSON: an empty object, which no expectation matches
 {
     return QJsonDocument::fromJson(line).object();
@@ -29,21 +30,26 @@ QStringList outcomes(const QString& path)
 TEST(AuditLog, RecordFieldsTimeAndCutCommands)
 {
     const QDateTime when(QDate(2026, 3, 4), QTime(5, 6, 7, 89), Qt::OffsetFromUTC, -(3 * 3600 + 30 * 60));
-    const QByteArray line = AuditLog::recordHead(when, AuditLog::Push, "10.0.0.1", "RPT#$#18#$#1|echo \"hi\"", 18) +
-                            AuditLog::recordTail(AuditLog::RefusedPeer);
+    const QByteArray line =
+        AuditLog::recordHead(when, AuditLog::Push, "10.0.0.1", "RPT#$#18#$#1|echo \"hi\"", 18) +
+        AuditLog::recordTail(AuditLog::RefusedPeer);
     EXPECT_TRUE(line.endsWith("\"outcome\":\"refused-peer\"}\n")) << line.constData();
-    EXPECT_EQ(parse(line), QJsonObject({{"time", "2026-03-04T05:06:07.089-03:30"}, {"channel", "push"},
-                                        {"peer", "10.0.0.1"}, {"command", "RPT#$#18#$#1|echo \"hi\""},
-                                        {"task", 18}, {"outcome", "refused-peer"}}));
+    EXPECT_EQ(parse(line), QJsonObject({{"time", "2026-03-04T05:06:07.089-03:30"},
+                                        {"channel", "push"},
+                                        {"peer", "10.0.0.1"},
+                                        {"command", "RPT#$#18#$#1|echo \"hi\""},
+                                        {"task", 18},
+                                        {"outcome", "refused-peer"}}));
 
     // 4 KiB of UTF-8 at most, cut between characters (here one less) and marked.
     const std::pair<QString, bool> cases[] = {{QString(4096, 'a'), false},
                                               {QString(4095, 'a') + QChar(0xe9), true},
                                               {'a' + QString(2048, QChar(0xe9)), true}};
     for (const auto& [command, cut] : cases) {
-        const QJsonObject record = parse(AuditLog::recordHead(QDateTime::currentDateTime(), AuditLog::Listener,
-                                                              QString(), command, std::nullopt) +
-                                         AuditLog::recordTail(AuditLog::Done));
+        const QJsonObject record =
+            parse(AuditLog::recordHead(QDateTime::currentDateTime(), AuditLog::Listener, QString(), command,
+                                       std::nullopt) +
+                  AuditLog::recordTail(AuditLog::Done));
         EXPECT_EQ(record["command"].toString(), cut ? command.chopped(1) : command);
         EXPECT_EQ(record["truncated"].toBool(), cut);
         EXPECT_TRUE(record["task"].isNull());

@@ -32,8 +32,10 @@ TEST(CLogger, LineFormatThresholdModeRecreationAndFallback)
         R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} INFO \[\d+\] bool HttpManager::send\(int\) \| sent 3 of x$)");
     EXPECT_TRUE(info.match(got[0]).hasMatch()) << qPrintable(got[0]);
     EXPECT_TRUE(got[1].contains(" ERROR ["));
-    EXPECT_TRUE(got[1].endsWith("| Failed to open a (errno 2: No such file or directory)")) << qPrintable(got[1]);
-    EXPECT_EQ(QFile::permissions(path), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+    EXPECT_TRUE(got[1].endsWith("| Failed to open a (errno 2: No such file or directory)"))
+        << qPrintable(got[1]);
+    EXPECT_EQ(QFile::permissions(path),
+              QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
 
     ASSERT_TRUE(QFile::remove(path));
     EDR_LOG->Info("o", "after");

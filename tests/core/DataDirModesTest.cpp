@@ -9,10 +9,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 unsigned modeOf(const QString& path)
 {
-    struct stat st {};
+    struct stat st {
+    };
     return ::lstat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
@@ -38,7 +40,8 @@ TEST(DataDirModes, WideModesAreClosedUpAndLinksLeftAlone)
     make(data + "/audit.log", 0600);
     make(data + "/reports/edr/pending/1.rpt", 0640);
     make(outside, 0644);
-    ASSERT_EQ(::symlink(QFile::encodeName(outside).constData(), QFile::encodeName(data + "/link").constData()), 0);
+    ASSERT_EQ(
+        ::symlink(QFile::encodeName(outside).constData(), QFile::encodeName(data + "/link").constData()), 0);
 
     EXPECT_EQ(DataDirModes::tighten(data), 7); // four directories, three files
     for (const QString& dir : dirs)

@@ -19,7 +19,8 @@ TEST(EdrAgentConfig, StoresValuesPrivatelyAndReadsHandWrittenOrGarbledFiles)
     const QDateTime when(QDate(2026, 3, 4), QTime(5, 6, 7));
     ASSERT_TRUE(config.setTaskLastRunTime("AgentInfo", when));
     EXPECT_EQ(config.getTaskLastRunTime("AgentInfo"), when);
-    EXPECT_EQ(QFile::permissions(config.path()), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+    EXPECT_EQ(QFile::permissions(config.path()),
+              QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
 
     const auto written = [&config](const QByteArray& content) { // by hand, over the file above
         QFile f(config.path());

@@ -20,9 +20,11 @@ TEST(ServerDetails, EveryKeyComesFromTheFileAtEachCall)
     };
     EXPECT_EQ(values(), "NA 7777 v1 3098 3097 []");
     const std::pair<QByteArray, const char*> cases[] = {
-        {"[server]\nEDRIP=NA\nACIP=10.0.0.5\n[Server]\nEDRPORT=8080\nEDRSAPIVER=v2\nEDRSPORT=4000\nEDRSLPORT=4001\n",
+        {"[server]\nEDRIP=NA\nACIP=10.0.0.5\n[Server]\nEDRPORT=8080\nEDRSAPIVER=v2\nEDRSPORT=4000\nEDRSLPORT="
+         "4001\n",
          "10.0.0.5 8080 v2 4000 4001 [10.0.0.5]"},
-        {"[server]\nEDRIP=na\nACIP=10.0.0.5\n", "na 7777 v1 3098 3097 [na,10.0.0.5]"}, // the fallback is for NA exactly
+        {"[server]\nEDRIP=na\nACIP=10.0.0.5\n",
+         "na 7777 v1 3098 3097 [na,10.0.0.5]"}, // the fallback is for NA exactly
         {"[Server]\nEDRIP=10.1.1.1\n[server]\nEDRPORT=9999\n", "NA 7777 v1 3098 3097 []"},
         {QByteArray("\x00\xff\xfe[[[server\n==\n", 14), "NA 7777 v1 3098 3097 []"},
         {"[Server]\nEDRSLPORT= 65535 \n", "NA 7777 v1 3098 65535 []"},
@@ -36,21 +38,29 @@ TEST(ServerDetails, EveryKeyComesFromTheFileAtEachCall)
         prefix.writeServerIni(QByteArray("[Server]\nEDRSPORT=4000\nEDRSLPORT=") + bad + "\n");
         const int lines = prefix.traceLog().count("EDRSLPORT in serverip.ini is not a port number");
         EXPECT_EQ(values(), "NA 7777 v1 4000 0 []") << bad;
-        EXPECT_EQ(prefix.traceLog().count("EDRSLPORT in serverip.ini is not a port number"), lines + 1) << bad;
+        EXPECT_EQ(prefix.traceLog().count("EDRSLPORT in serverip.ini is not a port number"), lines + 1)
+            << bad;
     }
 }
 
 TEST(SizeOperation, BytesToTextAndTextToBytesWithItsQuirks)
 {
     const std::pair<long long, const char*> out[] = {
-        {1023, "1023 Bytes"}, {1024, "1 KB"},   {1048575, "1023 KB"},  {1048576, "1 MB"},
+        {1023, "1023 Bytes"}, {1024, "1 KB"},   {1048575, "1023 KB"},   {1048576, "1 MB"},
         {1073741824, "1 GB"}, {-5, "-5 Bytes"}, {5LL << 40, "5120 GB"}, {0, "0 Bytes"}};
     for (const auto& [bytes, text] : out)
         EXPECT_EQ(SizeOperation::getBytesSizeInString(bytes), QLatin1String(text)) << bytes;
-    const std::pair<const char*, long long> in[] = {
-        {"1.5 GB", 1610612736}, {"7.8G", 8375186227LL}, {"512 KB", 524288}, {"12G", 12884901888LL},
-        {"1.5M", 1572864},      {"512 Bytes", 0},       {"2 gb", 0},       {"0 MB", 0},
-        {"", 0},                {"G", 0},               {"1e400 G", 0}};
+    const std::pair<const char*, long long> in[] = {{"1.5 GB", 1610612736},
+                                                    {"7.8G", 8375186227LL},
+                                                    {"512 KB", 524288},
+                                                    {"12G", 12884901888LL},
+                                                    {"1.5M", 1572864},
+                                                    {"512 Bytes", 0},
+                                                    {"2 gb", 0},
+                                                    {"0 MB", 0},
+                                                    {"", 0},
+                                                    {"G", 0},
+                                                    {"1e400 G", 0}};
     for (const auto& [text, bytes] : in)
         EXPECT_EQ(SizeOperation::getStringSizeInBytes(QLatin1String(text)), bytes) << text;
 }

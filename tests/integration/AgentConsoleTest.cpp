@@ -22,7 +22,8 @@
 
 using namespace edrtest;
 
-namespace {
+namespace
+{
 const QString kInfo = QStringLiteral("machineInfo/addMachineInfo");
 
 QString authorization(const QJsonObject& request)
@@ -46,7 +47,8 @@ QStringList tlsArgs(const TestCertificates& c, const QString& cert)
 
 unsigned modeOf(const QString& path)
 {
-    struct stat st {};
+    struct stat st {
+    };
     return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 } // namespace
@@ -92,10 +94,12 @@ TEST(AgentConsole, FullLifecycleOverTls)
         << qPrintable(handshake());
     ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
     ASSERT_TRUE(console.waitForRequests(kInfo, 2, 20000));
-    EXPECT_TRUE(waitUntil([&] {
-        return HostPaths::readFile(agent.dataDir() + QStringLiteral("/audit.log"))
-            .startsWith(R"({"channel":"push","command":"RPT#$#$0#$#0","peer":"127.0.0.1","task":0,)");
-    }, 10000));
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return HostPaths::readFile(agent.dataDir() + QStringLiteral("/audit.log"))
+                .startsWith(R"({"channel":"push","command":"RPT#$#$0#$#0","peer":"127.0.0.1","task":0,)");
+        },
+        10000));
 
     // A connection the server ends is made again after the pause.
     console.admin("POST", "/admin/close-connections");
@@ -113,18 +117,25 @@ TEST(AgentConsole, FullLifecycleOverTls)
 
     // `edr-agent report NAME` prints byte for byte what the daemon posted; an
     // unknown name is refused.
-    const QPair<const char*, const char*> reports[] = { // name, the route whose first body is the output
-        {"software", "machineInfo/addInstallSoft"}, {"startup", "machineInfo/addStartupApps"}, {"registry", nullptr}};
+    const QPair<const char*, const char*> reports[] = {// name, the route whose first body is the output
+                                                       {"software", "machineInfo/addInstallSoft"},
+                                                       {"startup", "machineInfo/addStartupApps"},
+                                                       {"registry", nullptr}};
     for (const auto& report : reports) {
         AgentProcess command;
         ASSERT_TRUE(command.start({QStringLiteral("report"), QLatin1String(report.first)}));
         ASSERT_TRUE(command.waitForExit(60000));
         EXPECT_EQ(command.exitCode(), report.second ? 0 : 1) << report.first;
-        const QByteArray want = report.second ? console.requests(QLatin1String(report.second)).first()
-                                                        .value("raw_body").toString().toUtf8() + '\n'
+        const QByteArray want = report.second ? console.requests(QLatin1String(report.second))
+                                                        .first()
+                                                        .value("raw_body")
+                                                        .toString()
+                                                        .toUtf8() +
+                                                    '\n'
                                               : QByteArray();
         EXPECT_EQ(command.standardOutput(), want) << report.first;
-        EXPECT_EQ(command.standardError().contains("unknown report 'registry'"), !report.second) << report.first;
+        EXPECT_EQ(command.standardError().contains("unknown report 'registry'"), !report.second)
+            << report.first;
     }
     // With no ufw to ask, the command prints the {} the agent would post.
     AgentProcess firewall;
@@ -221,7 +232,7 @@ TEST(Tls, UntrustedServersGetNothing)
         // Nothing reached the console: no request, no handshake carrying the token.
         EXPECT_TRUE(console.requests().isEmpty());
         for (const QJsonValue& m : console.socketMessages())
-            EXPECT_FALSE(m.toObject().value(QStringLiteral("text")).toString().contains(
-                QStringLiteral("tok-secret")));
+            EXPECT_FALSE(
+                m.toObject().value(QStringLiteral("text")).toString().contains(QStringLiteral("tok-secret")));
     }
 }

@@ -42,7 +42,8 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
     agent.writeServerIni(console.httpPort(), console.socketPort(), 0);
     ASSERT_TRUE(agent.start());
     ASSERT_TRUE(console.waitForRequests(QStringLiteral("machineInfo/registerAgent"), 3, 30000));
-    EXPECT_EQ(console.requests().size(), console.requests(QStringLiteral("machineInfo/registerAgent")).size());
+    EXPECT_EQ(console.requests().size(),
+              console.requests(QStringLiteral("machineInfo/registerAgent")).size());
     EXPECT_TRUE(console.connections().isEmpty());
     console.admin("POST", "/admin/fault?mode=none");
     ASSERT_TRUE(agent.waitForLog("Connected to server socket.", 30000)) << agent.log().constData();
@@ -73,7 +74,8 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
     // Three failed posts of results, then all four delivered.
     ASSERT_TRUE(console.waitForRequests(kResultRoute, 7, 60000)) << agent.log().constData();
     const QDir pending(agent.dataDir() + QStringLiteral("/reports/edr/pending"));
-    ASSERT_TRUE(waitUntil([&] { return pending.entryList({"*.rpt"}).isEmpty(); }, 30000)) << agent.log().constData();
+    ASSERT_TRUE(waitUntil([&] { return pending.entryList({"*.rpt"}).isEmpty(); }, 30000))
+        << agent.log().constData();
 
     const QList<QJsonObject> all = console.requests();
     QMap<QString, QString> lastFailed; // report -> body of its last failed post
@@ -86,7 +88,11 @@ TEST(OutboxEndToEnd, OutageWithRestartDeliversLatestSnapshotsAndEveryResultOnceI
         const QString raw = all[i].value(QStringLiteral("raw_body")).toString();
         if (all[i].value(QStringLiteral("route")).toString() == kResultRoute) {
             if (i >= outageEnd)
-                results << all[i].value(QStringLiteral("body")).toObject().value(QStringLiteral("_id")).toString();
+                results << all[i]
+                               .value(QStringLiteral("body"))
+                               .toObject()
+                               .value(QStringLiteral("_id"))
+                               .toString();
         } else if (all[i].value(QStringLiteral("method")).toString() == QLatin1String("POST")) {
             if (i < outageEnd)
                 lastFailed[reportKey(all[i])] = raw;

@@ -16,7 +16,8 @@ TEST(HardwareInfoManager, FixtureMachinesMatchTheirExpectedBodies)
         // dmidecode's arguments pick its fixture output (one type a run); lsblk with its two column sets.
         EXPECT_EQ(m.tools.invocations("lsblk"),
                   (QList<QStringList>{{"--output", "MODEL,SIZE,TYPE,SERIAL,PATH", "-J", "-e", "7"},
-                                      {"--output", "FSSIZE,FSAVAIL,NAME,UUID,FSTYPE,TYPE,HOTPLUG,MOUNTPOINT,LABEL,STATE",
+                                      {"--output",
+                                       "FSSIZE,FSAVAIL,NAME,UUID,FSTYPE,TYPE,HOTPLUG,MOUNTPOINT,LABEL,STATE",
                                        "-J", "-e", "7"}}));
         const QJsonArray os = report.take("OperatingSystem").toArray();
         ASSERT_EQ(os.size(), 1);
@@ -27,7 +28,9 @@ TEST(HardwareInfoManager, FixtureMachinesMatchTheirExpectedBodies)
 
         // As indented text, so a mismatch shows as a diff.
         EXPECT_EQ(QJsonDocument(report).toJson().toStdString(),
-                  QJsonDocument(edrtest::jsonFixture("expected/hardware/" + scenario + ".json")).toJson().toStdString());
+                  QJsonDocument(edrtest::jsonFixture("expected/hardware/" + scenario + ".json"))
+                      .toJson()
+                      .toStdString());
     }
 }
 
@@ -86,6 +89,7 @@ TEST(HardwareInfoManager, HangingToolsStillGiveAReport)
     for (const QJsonValue& u : report.value("Users").toArray())
         EXPECT_EQ(u["LastLogon"], "");
     // Adapters come from the interfaces and /sys alone.
-    EXPECT_EQ(report.value("NetworkAdapter"), edrtest::jsonFixture("expected/hardware/laptop.json").value("NetworkAdapter"));
+    EXPECT_EQ(report.value("NetworkAdapter"),
+              edrtest::jsonFixture("expected/hardware/laptop.json").value("NetworkAdapter"));
     EXPECT_FALSE(report.value("NetworkAdapter").toArray().isEmpty());
 }

@@ -11,7 +11,8 @@
 
 #include <sys/time.h>
 
-namespace {
+namespace
+{
 
 // The desktop tree's dpkg database (no final newline) as reported, the file
 // lists giving the dates; the same name twice gives two records.
@@ -24,7 +25,11 @@ const QByteArray kDpkgRecords = R"([
 
 // Git keeps neither file sizes of hundreds of megabytes nor modification
 // times, so the desktop tree's are set here; a size of -1 leaves the file as it is.
-const struct { const char* path; qint64 size; QDate date; } kStamps[] = {
+const struct {
+    const char* path;
+    qint64 size;
+    QDate date;
+} kStamps[] = {
     {"var/lib/dpkg/info/foo.list", -1, {2023, 3, 4}},
     {"var/lib/dpkg/info/libbar:i386.list", -1, {2021, 12, 31}},
     {"var/lib/snapd/snaps/bare_5.snap", 4096, {2023, 4, 18}},
@@ -58,16 +63,19 @@ TEST(InstallSoftManager, ParsesInstalledStanzasOnly)
         {"Package\nStatus: install ok installed\n", R"({"Name":"","PackageName":"","InstallDate":""})"},
         {"Status: install ok installed\nInstalled-Size: 99999999999999999\n", R"({"Size":"8589934591 GB"})"}};
     for (const auto& c : odd)
-        EXPECT_EQ(InstallSoftManager::parseDpkgStatus(c.first).value(0).toJson(), invtest::jsonOf(c.second)) << c.first;
+        EXPECT_EQ(InstallSoftManager::parseDpkgStatus(c.first).value(0).toJson(), invtest::jsonOf(c.second))
+            << c.first;
     EXPECT_TRUE(InstallSoftManager::parseDpkgStatus("").isEmpty());
 
     // The third word alone decides: held and to-be-removed packages are still on the system.
     const std::pair<const char*, bool> statuses[] = {
-        {"hold ok installed", true},          {"deinstall ok installed", true}, {"purge ok installed", true},
-        {"install  ok  installed", true},     {"install ok half-installed", false},
-        {"install ok unpacked", false},       {"hold ok installed-ish", false}, {"installed", false}};
+        {"hold ok installed", true},          {"deinstall ok installed", true},
+        {"purge ok installed", true},         {"install  ok  installed", true},
+        {"install ok half-installed", false}, {"install ok unpacked", false},
+        {"hold ok installed-ish", false},     {"installed", false}};
     for (const auto& c : statuses)
-        EXPECT_EQ(InstallSoftManager::parseDpkgStatus(QByteArray("Package: p\nStatus: ") + c.first).size(), c.second ? 1 : 0)
+        EXPECT_EQ(InstallSoftManager::parseDpkgStatus(QByteArray("Package: p\nStatus: ") + c.first).size(),
+                  c.second ? 1 : 0)
             << c.first;
 }
 
@@ -92,7 +100,8 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
     auto listOf = [](const QByteArray& text) { return QJsonDocument::fromJson(text).toVariant().toList(); };
     const QVariantList dpkg = listOf(kDpkgRecords);
     const QVariantList desktop = listOf(edrtest::readFixture("expected/software/apps-desktop.json"));
-    const QVariantList snaps = desktop.mid(0, 10), flatpaks = desktop.mid(10); // its ten snaps, then its flatpaks
+    const QVariantList snaps = desktop.mid(0, 10),
+                       flatpaks = desktop.mid(10); // its ten snaps, then its flatpaks
     using Setup = std::function<void(edrtest::FakeToolDir&, const QString&)>;
     const Setup good = [](edrtest::FakeToolDir& t, const QString& tool) {
         t.addToolFromFixture(tool, "commands/" + tool + "/desktop.stdout");
@@ -105,14 +114,17 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
         EXPECT_TRUE(InstallSoftManager(host, tools.runner()).sendRptToServer("ignored"));
         EXPECT_EQ(textOf(peer.posted("machineInfo/addInstallSoft").toVariantMap()),
                   textOf(QVariantMap{{"InstallSoft", dpkg + desktop}}));
-        EXPECT_EQ(tools.invocations("snap"), (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
-        EXPECT_EQ(tools.invocations("flatpak"),
-                  (QList<QStringList>{{"list", "--app", "--columns=application,version,size,name,description"}}));
+        EXPECT_EQ(tools.invocations("snap"),
+                  (QList<QStringList>{{"list", "--color=never", "--unicode=never"}}));
+        EXPECT_EQ(
+            tools.invocations("flatpak"),
+            (QList<QStringList>{{"list", "--app", "--columns=application,version,size,name,description"}}));
 
         // No database: no report, and a line saying so.
         QJsonObject body;
-        EXPECT_FALSE(InstallSoftManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
-                         .getInstalledSoftwares(body));
+        EXPECT_FALSE(
+            InstallSoftManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
+                .getInstalledSoftwares(body));
         EXPECT_TRUE(body.isEmpty());
         EXPECT_TRUE(peer.logHas("Installed Software Not Found!"));
     }
@@ -124,13 +136,15 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
             t.addToolFromFixture(tool, "commands/" + tool + "/desktop.stdout", 1);
         },
         [](edrtest::FakeToolDir& t, const QString& tool) {
-            t.addTool(tool, "error: cannot communicate with server\n\x01\xff\t\t\t\t\n<html>Name Version</html>\n");
+            t.addTool(tool,
+                      "error: cannot communicate with server\n\x01\xff\t\t\t\t\n<html>Name Version</html>\n");
         },
     };
     const edrtest::TimeScale scale(0.01); // a 300 ms limit instead of 30 s
     for (size_t m = 0; m < std::size(broken); ++m) {
         for (const bool snapBroken : {true, false}) {
-            SCOPED_TRACE(testing::Message() << "mode " << m << (snapBroken ? ", snap broken" : ", flatpak broken"));
+            SCOPED_TRACE(testing::Message()
+                         << "mode " << m << (snapBroken ? ", snap broken" : ", flatpak broken"));
             edrtest::ScratchPrefix prefix;
             edrtest::FakeToolDir tools;
             (snapBroken ? broken[m] : good)(tools, "snap");
@@ -139,7 +153,8 @@ TEST(InstallSoftManager, DpkgPackagesThenSnapsThenFlatpaksEachOnItsOwn)
             EXPECT_TRUE(InstallSoftManager(host, tools.runner()).collectReport(body));
             EXPECT_EQ(textOf(body.toVariantMap()),
                       textOf(QVariantMap{{"InstallSoft", dpkg + (snapBroken ? flatpaks : snaps)}}));
-            EXPECT_TRUE(prefix.traceLog().contains(snapBroken ? "no snaps reported" : "no flatpaks reported"));
+            EXPECT_TRUE(
+                prefix.traceLog().contains(snapBroken ? "no snaps reported" : "no flatpaks reported"));
         }
     }
 }
@@ -151,7 +166,7 @@ TEST(InstallSoftManager, LiveMachineMatchesDpkgQuery)
     const ToolResult q =
         ToolRunner().run("dpkg-query", {"-W", "-f=${db:Status-Abbrev}${Package} ${Version}\n"});
     ASSERT_TRUE(q.ok()) << qPrintable(q.errorText); // the agent is for Debian systems
-    QSet<QString> missing; // "ii ", "hi ", "ri ": installed, whatever the wish
+    QSet<QString> missing;                          // "ii ", "hi ", "ri ": installed, whatever the wish
     for (const QString& line : QString::fromUtf8(q.standardOutput).split('\n'))
         if (line.size() > 3 && line[1] == 'i')
             missing << line.mid(3);

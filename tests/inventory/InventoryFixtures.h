@@ -12,7 +12,8 @@
 
 #include <memory>
 
-namespace invtest {
+namespace invtest
+{
 
 inline QJsonObject jsonOf(const QByteArray& text)
 {
@@ -31,9 +32,10 @@ struct Machine {
     explicit Machine(const QString& scenario) : users(rootOf(scenario), tools.runner())
     {
         const QByteArray dir = edrtest::fixturePath("commands/").toUtf8(), s = scenario.toUtf8();
-        tools.addScript("dmidecode", "f='" + dir + "dmidecode/" + s + "'/\"$3\".stdout\n[ -s \"$f\" ] || exit 1\ncat \"$f\"\n");
-        tools.addScript("lsblk", "case \"$2\" in MODEL,*) l=disks ;; *) l=partitions ;; esac\ncat '" + dir + "lsblk/" + s +
-                                     "'-$l.stdout\n");
+        tools.addScript("dmidecode", "f='" + dir + "dmidecode/" + s +
+                                         "'/\"$3\".stdout\n[ -s \"$f\" ] || exit 1\ncat \"$f\"\n");
+        tools.addScript("lsblk", "case \"$2\" in MODEL,*) l=disks ;; *) l=partitions ;; esac\ncat '" + dir +
+                                     "lsblk/" + s + "'-$l.stdout\n");
         tools.addToolFromFixture("who", "commands/who/" + scenario + ".stdout");
         tools.addToolFromFixture("last", "commands/last/" + scenario + ".stdout");
         users.setToday(QDate(2024, 5, 20));
@@ -42,14 +44,19 @@ struct Machine {
         for (const QJsonValue& v : m.value("interfaces").toArray()) {
             const QString name = v["name"].toString();
             const QStringList flags = v["flags"].toString().split(' ');
-            interfaces << NetworkAdapterInfo::InterfaceEntry{name, name, v["mac"].toString(), flags.contains("up"),
-                                                             flags.contains("running"), flags.contains("loopback"),
+            interfaces << NetworkAdapterInfo::InterfaceEntry{name,
+                                                             name,
+                                                             v["mac"].toString(),
+                                                             flags.contains("up"),
+                                                             flags.contains("running"),
+                                                             flags.contains("loopback"),
                                                              v["addresses"].toVariant().toStringList()};
         }
-        manager = std::make_unique<HardwareInfoManager>(rootOf(scenario), tools.runner(), &users,
-                                                        NetworkAdapterInfo(rootOf(scenario), [interfaces] { return interfaces; }));
-        const HardwareInfoManager::SystemNames names{m.value("hostName").toString(), m.value("domainName").toString(),
-                                                     m.value("machine").toString()};
+        manager = std::make_unique<HardwareInfoManager>(
+            rootOf(scenario), tools.runner(), &users,
+            NetworkAdapterInfo(rootOf(scenario), [interfaces] { return interfaces; }));
+        const HardwareInfoManager::SystemNames names{
+            m.value("hostName").toString(), m.value("domainName").toString(), m.value("machine").toString()};
         manager->setSystemNamesSource([names] { return names; });
     }
     edrtest::FakeToolDir tools;

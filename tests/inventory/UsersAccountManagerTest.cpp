@@ -21,7 +21,8 @@ TEST(UsersAccountManager, MalformedLinesAreSkippedAndAdministratorsNamedExactly)
     const QList<UserInfo> users = UsersAccountManager::parseAccounts(f, QDate(2024, 5, 20));
     ASSERT_EQ(users.size(), 1);
     // groups prints the number for an unnamed group, unset day counts leave their keys empty
-    EXPECT_EQ(users[0].toJson(), invtest::jsonOf(R"({"UserID":"1002","GroupID":"4242","Name":"ok","FullName":"",
+    EXPECT_EQ(users[0].toJson(),
+              invtest::jsonOf(R"({"UserID":"1002","GroupID":"4242","Name":"ok","FullName":"",
         "Privileges":"1","PasswordChagedOn":"","PasswordAge":"","HomeDirPath":"/home/ok","Disabled":"false",
         "PasswordExpires":"false","PasswordRequired":"true","PasswordChangeable":"true","PasswordExpired":"false",
         "LastLogon":""})"));
@@ -30,7 +31,8 @@ TEST(UsersAccountManager, MalformedLinesAreSkippedAndAdministratorsNamedExactly)
     f = UsersAccountManager::AccountFiles();
     f.passwd = "grootman:x:1000:1000::/h:/bin/sh\npseudo:x:1001:1001::/h:/bin/sh\nann:x:1002:27::/h:/bin/sh\n"
                "bob:x:1003:1003::/h:/bin/sh\n";
-    f.group = "grootman:x:1000:\npseudo:x:1001:\nsudo:x:27:\nbob:x:1003:\nroot:x:0:bob\nsudoers:x:50:grootman\n";
+    f.group =
+        "grootman:x:1000:\npseudo:x:1001:\nsudo:x:27:\nbob:x:1003:\nroot:x:0:bob\nsudoers:x:50:grootman\n";
     QStringList privileges;
     for (const UserInfo& u : UsersAccountManager::parseAccounts(f, QDate(2024, 5, 20)))
         privileges << u.getName() + '=' + u.toJson().value("Privileges").toString();
@@ -39,8 +41,9 @@ TEST(UsersAccountManager, MalformedLinesAreSkippedAndAdministratorsNamedExactly)
     EXPECT_EQ(UsersAccountManager::parseWhoOutput("\n   \n  root\tpts/0  2024-05-20 10:00\n"), "|root");
     EXPECT_EQ(UsersAccountManager::parseWhoOutput(""), "");
     QJsonObject none; // no account files at all
-    EXPECT_FALSE(UsersAccountManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
-                     .getUsersAccountInfo(none));
+    EXPECT_FALSE(
+        UsersAccountManager(HostPaths::fromFixtureRoot("/nonexistent-edr-root"), ToolRunner(QStringList()))
+            .getUsersAccountInfo(none));
     EXPECT_EQ(none.value("Users"), QJsonValue(QJsonArray()));
 }
 
@@ -62,7 +65,8 @@ TEST(UsersAccountManager, PasswordAgeCountsUtcDays)
         ASSERT_TRUE(out.open(QIODevice::WriteOnly) && out.write(text) == text.size());
     }
     const QList<UserInfo> users =
-        UsersAccountManager(HostPaths::fromFixtureRoot(root.path()), ToolRunner(QStringList())).getUsersAccounts();
+        UsersAccountManager(HostPaths::fromFixtureRoot(root.path()), ToolRunner(QStringList()))
+            .getUsersAccounts();
     zone.isNull() ? qunsetenv("TZ") : qputenv("TZ", zone);
     ::tzset();
     ASSERT_EQ(users.size(), 1);

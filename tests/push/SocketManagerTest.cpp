@@ -1,7 +1,7 @@
+#include "push/SocketManager.h"
 #include "core/Common.h"
 #include "core/EdrAgentConfig.h"
 #include "core/HostPaths.h"
-#include "push/SocketManager.h"
 #include "schedule/ScheduleManager.h"
 
 #include "support/TestSupport.h"
@@ -20,8 +20,10 @@
 
 using namespace edrtest;
 
-namespace {
-class SocketManagerTest : public ::testing::Test, protected ServerUnderTest {
+namespace
+{
+class SocketManagerTest : public ::testing::Test, protected ServerUnderTest
+{
 protected:
     void SetUp() override
     {
@@ -58,8 +60,11 @@ TEST_F(SocketManagerTest, CommandsAreDispatchedGovernedByPolicyAndAudited)
                     const char* peer = "127.0.0.1") {
         const bool pushed = qstrcmp(peer, "127.0.0.1") != 0;
         manager->processCommand(QLatin1String(peer), command, pushed ? AuditLog::Push : AuditLog::Listener);
-        expected << QJsonObject{{"channel", pushed ? "push" : "listener"}, {"peer", peer},
-                                {"command", command}, {"task", task}, {"outcome", outcome}};
+        expected << QJsonObject{{"channel", pushed ? "push" : "listener"},
+                                {"peer", peer},
+                                {"command", command},
+                                {"task", task},
+                                {"outcome", outcome}};
     };
     const QJsonValue none = QJsonValue::Null;
 
@@ -87,7 +92,8 @@ TEST_F(SocketManagerTest, CommandsAreDispatchedGovernedByPolicyAndAudited)
     const int status = child.reap();
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     send(QStringLiteral("RPT#$#$0#$#0"), 0, "done", "10.0.0.5");
-    EXPECT_TRUE(auditSeenByServer.endsWith("\"outcome\":\"pending\"     }\n")) << auditSeenByServer.constData();
+    EXPECT_TRUE(auditSeenByServer.endsWith("\"outcome\":\"pending\"     }\n"))
+        << auditSeenByServer.constData();
     manager->processCommand(QStringLiteral("10.0.0.5"), QStringLiteral("keep-alive"), AuditLog::Push);
     // Task numbers outside the table never reach the dispatcher.
     for (int task : {25, -1, 4096})
@@ -141,7 +147,8 @@ TEST_F(SocketManagerTest, SendMessageToCutsTheTextToItsBuffer)
     int port = 0;
     LoopbackSocket listener(LoopbackSocket::listenOn(&port));
     EXPECT_FALSE(manager->sendMessageTo(QStringLiteral("127.0.0.1"), QStringLiteral("x"), 1, false));
-    EXPECT_TRUE(manager->sendMessageTo(QStringLiteral("127.0.0.1"), QString(5000, 'a'), quint64(port), false));
+    EXPECT_TRUE(
+        manager->sendMessageTo(QStringLiteral("127.0.0.1"), QString(5000, 'a'), quint64(port), false));
     LoopbackSocket peer(LoopbackSocket::acceptOne(listener.fd, 5000));
     QByteArray received, chunk;
     while (!(chunk = LoopbackSocket::readSome(peer.fd, 2000)).isEmpty())

@@ -20,7 +20,8 @@
 
 using namespace edrtest;
 
-namespace {
+namespace
+{
 void aim(ServerSocketThread& thread, int port)
 {
     thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
@@ -203,13 +204,18 @@ TEST(Listener, BindRetryAllowListOneMessagePerClientAndSilentClients)
 TEST(ListenerAllowList, DefaultsAndOverrides)
 {
     QStringList rejected;
-    const ListenerAllowList defaults = ListenerAllowList::fromSettings({QStringLiteral("192.0.2.10")}, QString());
+    const ListenerAllowList defaults =
+        ListenerAllowList::fromSettings({QStringLiteral("192.0.2.10")}, QString());
     const ListenerAllowList custom = ListenerAllowList::fromSettings(
-        {QStringLiteral("192.0.2.10")}, QStringLiteral("10.1.0.0/16, 198.51.100.4,bogus, 300.1.1.1"), &rejected);
+        {QStringLiteral("192.0.2.10")}, QStringLiteral("10.1.0.0/16, 198.51.100.4,bogus, 300.1.1.1"),
+        &rejected);
     EXPECT_EQ(rejected, (QStringList{QStringLiteral("bogus"), QStringLiteral("300.1.1.1")}));
-    const struct { const char* peer; bool byDefault, custom; } cases[] = {
-        {"127.0.0.1", true, false},         {"127.8.9.10", true, false},  {"192.0.2.10", true, false},
-        {"::ffff:192.0.2.10", true, false}, {"192.0.2.11", false, false}, {"10.0.0.1", false, false},
+    const struct {
+        const char* peer;
+        bool byDefault, custom;
+    } cases[] = {
+        {"127.0.0.1", true, false},         {"127.8.9.10", true, false},   {"192.0.2.10", true, false},
+        {"::ffff:192.0.2.10", true, false}, {"192.0.2.11", false, false},  {"10.0.0.1", false, false},
         {"10.1.200.3", false, true},        {"198.51.100.4", false, true}, {"10.2.0.1", false, false},
     };
     for (const auto& c : cases) {

@@ -1,13 +1,13 @@
-#include "core/HostPaths.h"
 #include "push/StoppableWait.h"
+#include "core/HostPaths.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
-#include <atomic>
 #include <thread>
 #include <unistd.h>
 
@@ -35,7 +35,8 @@ TEST(StoppableWait, StopEndsAnUnlimitedWaitEvenWithoutItsEventfd)
     // The stop must come while the waiter sits in poll(), not before.
     const bool inPoll = edrtest::waitUntil(
         [&] {
-            return tid && HostPaths::readFile(QStringLiteral("/proc/self/task/%1/wchan").arg(tid)).contains("poll");
+            return tid &&
+                   HostPaths::readFile(QStringLiteral("/proc/self/task/%1/wchan").arg(tid)).contains("poll");
         },
         30000);
     wait.requestStop();

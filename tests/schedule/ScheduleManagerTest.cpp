@@ -1,6 +1,6 @@
+#include "schedule/ScheduleManager.h"
 #include "core/EdrAgentConfig.h"
 #include "core/HostPaths.h"
-#include "schedule/ScheduleManager.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -16,7 +16,8 @@
 
 using namespace edrtest;
 
-namespace {
+namespace
+{
 
 // One row per entry: name, enabled, run on start, interval, retry interval, counter.
 QStringList dump(const QList<ScheduleInfo>& s)
@@ -24,19 +25,24 @@ QStringList dump(const QList<ScheduleInfo>& s)
     QStringList rows;
     for (const ScheduleInfo& e : s)
         rows << e.getScheduleName() + QString::asprintf(" %d %d %u %u %u", e.getEnable(), e.getRunOnStart(),
-                                                         e.getInterval(), e.getRetryInterval(), e.getCurrentInterval());
+                                                        e.getInterval(), e.getRetryInterval(),
+                                                        e.getCurrentInterval());
     return rows;
 }
 
 QStringList defaults()
 {
-    QStringList rows = QStringLiteral(
-        "AgentInfo 1 1 15,StartUp 1 1 180,Services 1 1 180,Processes 1 1 180,InstalledSoft 1 1 1440,"
-        "TaskSchedule 1 1 1440,Network 0 1 1440,HardwareInfo 1 1 180,WindowsUpdates 0 1 1440,Registry 0 1 1440,"
-        "Explorer 0 1 1440,Network_Mon 1 1 180,AppCon_Logs 0 1 1440,Quorvex_Logs 0 1 1440,WebProt_Logs 0 1 1440,"
-        "Network_Logs 0 1 1440,Event_Logs 1 1 60,CReports_Logs 0 1 1440,MTasks 0 1 1440,Termina 0 1 1440,"
-        "Powershel 0 1 1440,ActionResponse 0 1 1440,WindowsFirewallStatus 0 1 1440,ASR_Rules 0 1 1440,"
-        "OS_Query 0 1 1440").split(QLatin1Char(','));
+    QStringList rows =
+        QStringLiteral(
+            "AgentInfo 1 1 15,StartUp 1 1 180,Services 1 1 180,Processes 1 1 180,InstalledSoft 1 1 1440,"
+            "TaskSchedule 1 1 1440,Network 0 1 1440,HardwareInfo 1 1 180,WindowsUpdates 0 1 1440,Registry 0 "
+            "1 1440,"
+            "Explorer 0 1 1440,Network_Mon 1 1 180,AppCon_Logs 0 1 1440,Quorvex_Logs 0 1 1440,WebProt_Logs 0 "
+            "1 1440,"
+            "Network_Logs 0 1 1440,Event_Logs 1 1 60,CReports_Logs 0 1 1440,MTasks 0 1 1440,Termina 0 1 1440,"
+            "Powershel 0 1 1440,ActionResponse 0 1 1440,WindowsFirewallStatus 0 1 1440,ASR_Rules 0 1 1440,"
+            "OS_Query 0 1 1440")
+            .split(QLatin1Char(','));
     for (QString& row : rows)
         row += QStringLiteral(" 15 0");
     return rows;
@@ -51,7 +57,8 @@ void writeFile(const QString& path, const QByteArray& bytes)
 
 } // namespace
 
-class ScheduleManagerTest : public ::testing::Test {
+class ScheduleManagerTest : public ::testing::Test
+{
 protected:
     ScheduleManagerTest()
     {
@@ -71,18 +78,20 @@ protected:
 
 TEST_F(ScheduleManagerTest, OverlayChangesOnlyNamedValuesAndBadFilesChangeNothing)
 {
-    QByteArray file = "<?xml version=\"1.0\"?>\n<!-- from the server -->\n<Bogus><Enabled>1</Enabled></Bogus>\n"
-                      "<Network><Enabled>4294967297</Enabled><Run_on_Start>0x10</Run_on_Start><Interval>-1</Interval>"
-                      "<Retry_Interval> \n\t+42abc</Retry_Interval></Network>\n"
-                      "<Event_Logs><Enabled>4294967296</Enabled><Run_on_Start>word</Run_on_Start>"
-                      "<Interval>0</Interval><Retry_Interval>99999999999999999999</Retry_Interval></Event_Logs>\n"
-                      "<agentinfo><Interval>5</Interval></agentinfo><AgentInfoX><Interval>5</Interval></AgentInfoX>"
-                      "<Services><interval>5</interval></Services><StartUp><Interval>&#51;3</Interval></StartUp>"
-                      "<Processes><Interval></Interval><Interval>9</Interval></Processes>"
-                      "<HardwareInfo/><HardwareInfo><Interval>9</Interval></HardwareInfo>"
-                      "<Registry><Interval>4294967301</Interval></Registry><Registry><Interval>9</Interval></Registry>";
+    QByteArray file =
+        "<?xml version=\"1.0\"?>\n<!-- from the server -->\n<Bogus><Enabled>1</Enabled></Bogus>\n"
+        "<Network><Enabled>4294967297</Enabled><Run_on_Start>0x10</Run_on_Start><Interval>-1</Interval>"
+        "<Retry_Interval> \n\t+42abc</Retry_Interval></Network>\n"
+        "<Event_Logs><Enabled>4294967296</Enabled><Run_on_Start>word</Run_on_Start>"
+        "<Interval>0</Interval><Retry_Interval>99999999999999999999</Retry_Interval></Event_Logs>\n"
+        "<agentinfo><Interval>5</Interval></agentinfo><AgentInfoX><Interval>5</Interval></AgentInfoX>"
+        "<Services><interval>5</interval></Services><StartUp><Interval>&#51;3</Interval></StartUp>"
+        "<Processes><Interval></Interval><Interval>9</Interval></Processes>"
+        "<HardwareInfo/><HardwareInfo><Interval>9</Interval></HardwareInfo>"
+        "<Registry><Interval>4294967301</Interval></Registry><Registry><Interval>9</Interval></Registry>";
     for (int i = 0; i < 3000; ++i)
-        file += "<Filler" + QByteArray::number(i) + "><Interval>1</Interval></Filler" + QByteArray::number(i) + ">";
+        file += "<Filler" + QByteArray::number(i) + "><Interval>1</Interval></Filler" +
+                QByteArray::number(i) + ">";
     writeFile(scheduleFile(), file + QByteArray("\0<OS_Query><Enabled>1</Enabled></OS_Query>", 42));
     ASSERT_TRUE(manager.getLatestSchedules());
     QStringList expected = defaults();
@@ -100,7 +109,8 @@ TEST_F(ScheduleManagerTest, OverlayChangesOnlyNamedValuesAndBadFilesChangeNothin
     ASSERT_TRUE(manager.getLatestSchedules());
     const QStringList after = dump(manager.getSchedules());
     EXPECT_EQ(after.at(TasksManager::Network), QStringLiteral("Network 1 0 4294967295 42 3"));
-    EXPECT_EQ(after.at(TasksManager::Event_Logs), QStringLiteral("Event_Logs 0 0 9 4294967295 0")); // disabled: frozen
+    EXPECT_EQ(after.at(TasksManager::Event_Logs),
+              QStringLiteral("Event_Logs 0 0 9 4294967295 0")); // disabled: frozen
 
     // No content: no file; empty content: a FIFO, which must not block.
     const std::pair<std::optional<QByteArray>, const char*> bad[] = {
@@ -137,7 +147,8 @@ TEST(ScheduleStartUp, DueUnlessItRanOnTodaysLocalDate)
         {now.addDays(1), false},
     };
     for (const auto& [lastRun, due] : cases)
-        EXPECT_EQ(ScheduleManager::isDueAtStartUp(entry, lastRun, now), due) << qPrintable(lastRun.toString(Qt::ISODate));
+        EXPECT_EQ(ScheduleManager::isDueAtStartUp(entry, lastRun, now), due)
+            << qPrintable(lastRun.toString(Qt::ISODate));
     entry.setRunOnStart(false);
     EXPECT_FALSE(ScheduleManager::isDueAtStartUp(entry, QDateTime(), now));
 }
@@ -160,14 +171,16 @@ TEST_F(ScheduleManagerTest, ConfigDownloadWritesOnlyARegularFile)
 // An interval N first matches on tick N + 1, then every N ticks; 0 matches every tick.
 TEST_F(ScheduleManagerTest, EachTickDispatchesWhatMatchedAndLogsTheFailure)
 {
-    writeFile(scheduleFile(), "<AgentInfo><Interval>0</Interval></AgentInfo><StartUp><Interval>2</Interval></StartUp>");
+    writeFile(scheduleFile(),
+              "<AgentInfo><Interval>0</Interval></AgentInfo><StartUp><Interval>2</Interval></StartUp>");
     ASSERT_TRUE(manager.getLatestSchedules());
     for (int i = 0; i < 5; ++i)
         manager.onScheduleTimer();
     const int agent = TasksManager::AgentInfo, startUp = TasksManager::StartUp;
     EXPECT_EQ(dispatched, (QList<int>{agent, agent, agent, startUp, agent, agent, startUp}));
     EXPECT_EQ(logCount("Schedule Matched! Task Name: AgentInfo"), 5);
-    EXPECT_EQ(logCount("void ScheduleManager::onScheduleTimer() | Failed to send AgentInfo report to server."), 5);
+    EXPECT_EQ(
+        logCount("void ScheduleManager::onScheduleTimer() | Failed to send AgentInfo report to server."), 5);
 }
 
 TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenTheDownloadFails)
@@ -177,7 +190,8 @@ TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenT
     ASSERT_TRUE(manager.getLatestSchedules());
     EdrAgentConfig config; // start-up runs skip what already ran today
     ASSERT_TRUE(config.setTaskLastRunTime(QStringLiteral("StartUp"), QDateTime::currentDateTime()));
-    ASSERT_TRUE(config.setTaskLastRunTime(QStringLiteral("AgentInfo"), QDateTime::currentDateTime().addDays(-1)));
+    ASSERT_TRUE(
+        config.setTaskLastRunTime(QStringLiteral("AgentInfo"), QDateTime::currentDateTime().addDays(-1)));
     FakeHttpServer server; // an oversized reply leaves the file alone
     CannedReply reply{200, QByteArray(ScheduleManager::kMaxScheduleFileBytes + 1, ' '), "application/xml"};
     server.setReply(reply);
@@ -190,7 +204,9 @@ TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenT
     EXPECT_EQ(dispatched, (QList<int>{0, 2, 3, 4, 5, 7, 11, 16}));
 
     // The server's bytes land on disk; the start-up run goes through the real dispatcher.
-    reply = {200, "<?xml version=\"1.0\"?>\r\n<!-- Zeitplan für Agent -->\r\n<AgentInfo><Interval>30</Interval></AgentInfo>\r\n",
+    reply = {200,
+             "<?xml version=\"1.0\"?>\r\n<!-- Zeitplan für Agent "
+             "-->\r\n<AgentInfo><Interval>30</Interval></AgentInfo>\r\n",
              "application/xml"};
     server.setReply(reply);
     manager.setDispatchForTesting(nullptr);
@@ -203,7 +219,8 @@ TEST_F(ScheduleManagerTest, StartRunsOnTheDownloadedScheduleOrOnTheDefaultsWhenT
     const QList<RecordedRequest> requests = server.requests().mid(before);
     ASSERT_GE(requests.size(), 2);
     EXPECT_EQ(requests.at(0).method + ' ' + requests.at(0).target, "GET /api/v1/settings/getConfigFile?");
-    EXPECT_TRUE(requests.at(1).method == "POST" && requests.at(1).target.endsWith("/machineInfo/addMachineInfo"));
+    EXPECT_TRUE(requests.at(1).method == "POST" &&
+                requests.at(1).target.endsWith("/machineInfo/addMachineInfo"));
 }
 
 // The read-only scan kept beside the outbox: it must never block on a FIFO
@@ -221,7 +238,9 @@ TEST_F(ScheduleManagerTest, PendingReportsVisitedInCaseInsensitiveOrderAndKept)
     QStringList seen; // message texts without the errno suffix
     for (const QByteArray& line : prefix.traceLog().split('\n'))
         if (line.contains("Pending Report"))
-            seen << QString::fromUtf8(line).section(QLatin1String("| "), 1).section(QLatin1String(" (errno"), 0, 0);
+            seen << QString::fromUtf8(line)
+                        .section(QLatin1String("| "), 1)
+                        .section(QLatin1String(" (errno"), 0, 0);
     EXPECT_EQ(seen, (QStringList{QStringLiteral("Successfully Send Pending Report: A.rpt"),
                                  QStringLiteral("Successfully Send Pending Report: b.rpt"),
                                  QStringLiteral("Failed to Send Pending Report: d.rpt")}));

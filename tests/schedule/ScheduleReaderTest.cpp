@@ -7,16 +7,24 @@
 TEST(ScheduleReader, MalformedEmptyAndDeepDocumentsAreRefused)
 {
     using R = ScheduleReader::Result;
-    auto nested = [](int depth) { return QByteArray("<a>").repeated(depth) + QByteArray("</a>").repeated(depth); };
+    auto nested = [](int depth) {
+        return QByteArray("<a>").repeated(depth) + QByteArray("</a>").repeated(depth);
+    };
     const std::pair<QByteArray, R> cases[] = {
-        {"<AgentInfo><Interval>5</Interval>", R::Malformed}, {"AgentInfo", R::Malformed},
-        {"<AgentInfo/> trailing", R::Malformed}, {"<AgentInfo x=1/>", R::Malformed},
-        {"<A><![CDATA[5</A>", R::Malformed}, {"<A>&#xZZ;</A>", R::Malformed},
+        {"<AgentInfo><Interval>5</Interval>", R::Malformed},
+        {"AgentInfo", R::Malformed},
+        {"<AgentInfo/> trailing", R::Malformed},
+        {"<AgentInfo x=1/>", R::Malformed},
+        {"<A><![CDATA[5</A>", R::Malformed},
+        {"<A>&#xZZ;</A>", R::Malformed},
         {QByteArray("<AgentInfo><Interval>5\0</Interval></AgentInfo>", 46), R::Malformed},
         // An empty download is no schedule, although the parser would take it.
-        {"", R::Malformed}, {QByteArray("\0<AgentInfo/>", 13), R::Malformed},
-        {nested(ScheduleReader::kMaxDepth + 1), R::TooDeep}, {QByteArray("<a>").repeated(200000), R::TooDeep},
-        {QByteArray("<a x='</a>'>").repeated(100000), R::TooDeep}, {nested(ScheduleReader::kMaxDepth), R::Parsed},
+        {"", R::Malformed},
+        {QByteArray("\0<AgentInfo/>", 13), R::Malformed},
+        {nested(ScheduleReader::kMaxDepth + 1), R::TooDeep},
+        {QByteArray("<a>").repeated(200000), R::TooDeep},
+        {QByteArray("<a x='</a>'>").repeated(100000), R::TooDeep},
+        {nested(ScheduleReader::kMaxDepth), R::Parsed},
     };
     for (const auto& [text, result] : cases) {
         ScheduleReader reader(text);

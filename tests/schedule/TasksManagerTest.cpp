@@ -13,8 +13,9 @@ namespace
 // "Class::method" of every manager entry point that logged its Debug IN in text.
 QStringList entered(const QByteArray& text)
 {
-    static const QRegularExpression in(R"( (\w+::(?:sendRptToServer|executeSendReportToServer))\([^|]*\) \| IN$)",
-                                       QRegularExpression::MultilineOption);
+    static const QRegularExpression in(
+        R"( (\w+::(?:sendRptToServer|executeSendReportToServer))\([^|]*\) \| IN$)",
+        QRegularExpression::MultilineOption);
     QStringList calls;
     for (auto it = in.globalMatch(QString::fromUtf8(text)); it.hasNext();)
         calls << it.next().captured(1);
@@ -48,10 +49,12 @@ TEST(TasksManager, TaskNumbersReachTheirManagers)
         int seen = prefix.traceLog().size();
         EXPECT_FALSE(tasks.sendReportToServer(task, QStringLiteral("x")));
         EXPECT_EQ(entered(prefix.traceLog().mid(seen)),
-                  manager.isEmpty() ? QStringList() : QStringList{manager + "::sendRptToServer"}) << n;
+                  manager.isEmpty() ? QStringList() : QStringList{manager + "::sendRptToServer"})
+            << n;
         seen = prefix.traceLog().size();
         EXPECT_FALSE(tasks.executeSendReportToServer(task, QStringLiteral("x")));
         EXPECT_EQ(entered(prefix.traceLog().mid(seen)),
-                  orders ? QStringList{manager + "::executeSendReportToServer"} : QStringList()) << n;
+                  orders ? QStringList{manager + "::executeSendReportToServer"} : QStringList())
+            << n;
     }
 }

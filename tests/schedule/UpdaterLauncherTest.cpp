@@ -16,7 +16,12 @@ using edrtest::FakeToolDir;
 TEST(UpdaterLauncher, PicksTransientUnitOnlyUnderSystemdAndFallsBackToDetached)
 {
     using Outcome = UpdaterLauncher::Outcome;
-    const struct { const char* name; bool systemd, hasSystemdRun; int runExit; Outcome expected; } cases[] = {
+    const struct {
+        const char* name;
+        bool systemd, hasSystemdRun;
+        int runExit;
+        Outcome expected;
+    } cases[] = {
         {"systemd", true, true, 0, Outcome::TransientUnit},
         {"no systemd", false, true, 0, Outcome::Detached},
         {"no systemd-run", true, false, 0, Outcome::Detached},
@@ -36,7 +41,8 @@ TEST(UpdaterLauncher, PicksTransientUnitOnlyUnderSystemdAndFallsBackToDetached)
         const QString marker = root.path() + "/ran", script = root.path() + "/edragentupd.sh";
         QFile f(script);
         ASSERT_TRUE(f.open(QIODevice::WriteOnly) &&
-                    f.write("printf '%s' \"$0\" > \"$0.tmp\" && mv \"$0.tmp\" '" + marker.toUtf8() + "'\n") > 0);
+                    f.write("printf '%s' \"$0\" > \"$0.tmp\" && mv \"$0.tmp\" '" + marker.toUtf8() + "'\n") >
+                        0);
         f.close();
         const UpdaterLauncher launcher(HostPaths::fromFixtureRoot(root.path()), tools.runner());
         EXPECT_EQ(launcher.start(script), c.expected);

@@ -77,7 +77,8 @@ TEST(ServiceBinary, NoServerAddressIsOneErrorThenTheBackoff)
     AgentProcess agent; // no serverip.ini: EDRIP and ACIP are NA
     agent.setEnv(QStringLiteral("EDR_AGENT_TIME_SCALE"), QStringLiteral("0.002"));
     ASSERT_TRUE(agent.start());
-    ASSERT_TRUE(agent.waitForLog("Registration failed; next attempt in", 20000, 3)) << agent.log().constData();
+    ASSERT_TRUE(agent.waitForLog("Registration failed; next attempt in", 20000, 3))
+        << agent.log().constData();
     agent.signal(SIGTERM);
     ASSERT_TRUE(agent.waitForExit(10000));
     const QByteArray log = agent.log();
@@ -96,8 +97,10 @@ TEST(ServiceBinary, NoSignalPipeIsAnErrorAndAnExit)
     for (int limit = 4; limit <= 16; ++limit) {
         AgentProcess agent;
         const QString nofile = QString::number(limit);
-        ASSERT_TRUE(agent.start({}, {QStringLiteral("prlimit"), QStringLiteral("--nofile=%1:%1").arg(nofile)}));
-        ASSERT_TRUE(agent.waitForExit(20000)) << "running with " << limit << " descriptors, the pipe never failed";
+        ASSERT_TRUE(
+            agent.start({}, {QStringLiteral("prlimit"), QStringLiteral("--nofile=%1:%1").arg(nofile)}));
+        ASSERT_TRUE(agent.waitForExit(20000))
+            << "running with " << limit << " descriptors, the pipe never failed";
         if (agent.exitCode() == 127)
             continue; // the loader itself ran out
         const QByteArray said = agent.standardError() + agent.log();

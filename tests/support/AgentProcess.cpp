@@ -2,7 +2,8 @@
 
 #include <csignal>
 
-namespace edrtest {
+namespace edrtest
+{
 
 AgentProcess::AgentProcess() : m_env(QProcessEnvironment::systemEnvironment())
 {
@@ -19,7 +20,7 @@ void AgentProcess::writeServerIni(int httpPort, int socketPort, int listenPort,
                                   const QByteArray& extraServerKeys)
 {
     writeTestFile(prefix() + QStringLiteral("/etc/edr-agent/serverip.ini"),
-              serverIni(httpPort, socketPort, listenPort, extraServerKeys));
+                  serverIni(httpPort, socketPort, listenPort, extraServerKeys));
 }
 
 bool AgentProcess::start(const QStringList& extraArgs, const QStringList& wrapper)

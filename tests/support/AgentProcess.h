@@ -8,9 +8,11 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 
-namespace edrtest {
+namespace edrtest
+{
 
-class AgentProcess {
+class AgentProcess
+{
 public:
     AgentProcess();
     ~AgentProcess();

@@ -8,7 +8,8 @@
 
 #include <httplib.h>
 
-namespace edrtest {
+namespace edrtest
+{
 
 ConsoleProcess::ConsoleProcess(const QStringList& extraArgs)
     : m_tls(extraArgs.contains(QStringLiteral("--tls-cert")))
@@ -16,7 +17,8 @@ ConsoleProcess::ConsoleProcess(const QStringList& extraArgs)
     const QString portFile = m_dir.path() + QStringLiteral("/ports.json");
     m_process.start(QStringLiteral(EDR_CONSOLE_BIN),
                     QStringList{"--http-port", "0", "--socket-port", "0", "--data", dataDir(), "--schedule",
-                                m_dir.path() + "/schedule.db", "--port-file", portFile} + extraArgs);
+                                m_dir.path() + "/schedule.db", "--port-file", portFile} +
+                        extraArgs);
     if (!m_process.waitForStarted(10000) || !waitUntil([&] { return QFile::exists(portFile); }, 10000))
         return;
     const QJsonObject ports = QJsonDocument::fromJson(HostPaths::readFile(portFile)).object();
@@ -43,7 +45,8 @@ QList<QJsonObject> ConsoleProcess::requests(const QString& route) const
     return out;
 }
 
-QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pathAndQuery, const QByteArray& body) const
+QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pathAndQuery,
+                                 const QByteArray& body) const
 {
     httplib::Client client((m_tls ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(m_httpPort));
     // The test's own admin client trusts whatever the console presents.
@@ -57,12 +60,18 @@ QByteArray ConsoleProcess::admin(const QByteArray& method, const QByteArray& pat
 
 int ConsoleProcess::push(const QByteArray& command) const
 {
-    return QJsonDocument::fromJson(admin("POST", "/admin/push", command)).object().value(QStringLiteral("sent")).toInt();
+    return QJsonDocument::fromJson(admin("POST", "/admin/push", command))
+        .object()
+        .value(QStringLiteral("sent"))
+        .toInt();
 }
 
 QJsonArray ConsoleProcess::connections() const
 {
-    return QJsonDocument::fromJson(admin("GET", "/admin/agents")).object().value(QStringLiteral("connections")).toArray();
+    return QJsonDocument::fromJson(admin("GET", "/admin/agents"))
+        .object()
+        .value(QStringLiteral("connections"))
+        .toArray();
 }
 
 QJsonArray ConsoleProcess::socketMessages() const

@@ -8,9 +8,11 @@
 #include <QJsonArray>
 #include <QProcess>
 
-namespace edrtest {
+namespace edrtest
+{
 
-class ConsoleProcess {
+class ConsoleProcess
+{
 public:
     explicit ConsoleProcess(const QStringList& extraArgs = {});
     ~ConsoleProcess();
@@ -28,7 +30,8 @@ public:
     }
 
     // Admin endpoints, over TLS too when the console was started with --tls-cert.
-    QByteArray admin(const QByteArray& method, const QByteArray& pathAndQuery, const QByteArray& body = QByteArray()) const;
+    QByteArray admin(const QByteArray& method, const QByteArray& pathAndQuery,
+                     const QByteArray& body = QByteArray()) const;
     int push(const QByteArray& command) const; // agents reached
     QJsonArray connections() const;
     QJsonArray socketMessages() const;

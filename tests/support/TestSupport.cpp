@@ -5,8 +5,8 @@
 #include "core/HostPaths.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -16,14 +16,15 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
+#include <csignal>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace edrtest {
+namespace edrtest
+{
 
 QString fixturePath(const QString& relative)
 {
@@ -133,8 +134,8 @@ void ScratchPrefix::writeServerIni(const QByteArray& content)
 QByteArray serverIni(int httpPort, int socketPort, int listenPort, const QByteArray& extraServerKeys)
 {
     return "[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT=" + QByteArray::number(httpPort) +
-           "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) + "\nEDRSLPORT=" +
-           QByteArray::number(listenPort) + "\n" + extraServerKeys;
+           "\nEDRSAPIVER=v1\nEDRSPORT=" + QByteArray::number(socketPort) +
+           "\nEDRSLPORT=" + QByteArray::number(listenPort) + "\n" + extraServerKeys;
 }
 
 bool waitUntil(const std::function<bool()>& done, int timeoutMs)
@@ -264,7 +265,8 @@ QList<RecordedRequest> FakeHttpServer::requests() const
 bool FakeHttpServer::waitForRequests(int count, int timeoutMs) const
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_requests.size() >= count; });
+    return m_cv.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                         [&] { return m_requests.size() >= count; });
 }
 
 void FakeHttpServer::serve()
@@ -326,7 +328,8 @@ void FakeHttpServer::handle(int fd)
         m_heldOpen << fd; // the client gives up by itself
         return;
     }
-    const QByteArray out = "HTTP/1.1 " + QByteArray::number(reply.status) + " X\r\nContent-Type: " + reply.contentType +
+    const QByteArray out = "HTTP/1.1 " + QByteArray::number(reply.status) +
+                           " X\r\nContent-Type: " + reply.contentType +
                            "\r\nContent-Length: " + QByteArray::number(reply.body.size()) +
                            "\r\nConnection: close\r\n\r\n" + reply.body;
     if (!reply.close)

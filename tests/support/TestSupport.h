@@ -27,9 +27,10 @@ inline void PrintTo(const QString& s, std::ostream* os)
     *os << '"' << s.toStdString() << '"';
 }
 
-namespace edrtest {
+namespace edrtest
+{
 
-QString fixturePath(const QString& relative);   // tests/fixtures/<relative>
+QString fixturePath(const QString& relative);    // tests/fixtures/<relative>
 QByteArray readFixture(const QString& relative); // fails the test when missing
 // Writes a whole file, making its directory; fails the test when it cannot.
 void writeTestFile(const QString& path, const QByteArray& content);
@@ -44,7 +45,8 @@ int livingProcesses(const QByteArray& marker);
 
 // A child sleeping in the background; killed and reaped with the object
 // unless reap() has already waited for it.
-class Sleeper {
+class Sleeper
+{
 public:
     Sleeper();
     ~Sleeper();
@@ -52,7 +54,7 @@ public:
     Sleeper& operator=(const Sleeper&) = delete;
     int pid() const { return m_pid; }
     bool running(); // not yet ended (an ended one is reaped here)
-    int reap();           // waits for its end: the wait status
+    int reap();     // waits for its end: the wait status
 
 private:
     int m_pid = -1;
@@ -62,7 +64,8 @@ private:
 // path (the global PATH never changes, so tests may run in parallel). Each
 // fake prints its canned output byte for byte, exits with its code and appends
 // its arguments, joined by \x1f, as one line to <tool>.args.
-class FakeToolDir {
+class FakeToolDir
+{
 public:
     FakeToolDir();
     QString path() const { return m_dir.path(); }
@@ -85,7 +88,8 @@ private:
 
 // A scratch --prefix: sets Common's prefix for the test's lifetime and lays out
 // the agent's directories; optional serverip.ini pointing at a local server.
-class ScratchPrefix {
+class ScratchPrefix
+{
 public:
     ScratchPrefix();
     ~ScratchPrefix();
@@ -121,7 +125,8 @@ struct LoopbackSocket {
     static int freePort();
 };
 
-class TimeScale {
+class TimeScale
+{
 public:
     explicit TimeScale(double s) : m_previous(Common::timeScale()) { Common::setTimeScaleForTesting(s); }
     ~TimeScale() { Common::setTimeScaleForTesting(m_previous); }
@@ -133,7 +138,7 @@ private:
 struct RecordedRequest {
     QByteArray method;
     QByteArray target;
-    QByteArray head; // request line and headers as sent
+    QByteArray head;                              // request line and headers as sent
     QList<QPair<QByteArray, QByteArray>> headers; // in the order sent
     QByteArray body;
     QByteArray header(const QByteArray& name) const; // first match, case-insensitive
@@ -149,13 +154,17 @@ struct CannedReply {
 };
 
 // A raw HTTP/1.1 peer on 127.0.0.1 that records every request byte for byte.
-class FakeHttpServer {
+class FakeHttpServer
+{
 public:
     FakeHttpServer();
     ~FakeHttpServer();
     int port() const { return m_port; }
 
-    void setReply(const CannedReply& reply) { setHandler([reply](const RecordedRequest&) { return reply; }); }
+    void setReply(const CannedReply& reply)
+    {
+        setHandler([reply](const RecordedRequest&) { return reply; });
+    }
     void setHandler(std::function<CannedReply(const RecordedRequest&)> handler);
 
     QList<RecordedRequest> requests() const;

@@ -15,13 +15,15 @@ QString ConsoleStore::registerAgent(const QString& agentId, const QString& peer)
 {
     QString token;
     for (int i = 0; i < 4; ++i)
-        token += QString::number(QRandomGenerator::global()->generate(), 16).rightJustified(8, QLatin1Char('0'));
+        token +=
+            QString::number(QRandomGenerator::global()->generate(), 16).rightJustified(8, QLatin1Char('0'));
     std::lock_guard<std::mutex> lock(m_mutex);
     m_tokens[token] = agentId;
-    m_agents.append(QJsonObject{{QStringLiteral("agent_id"), agentId},
-                                {QStringLiteral("token"), token},
-                                {QStringLiteral("peer"), peer},
-                                {QStringLiteral("registered"), QDateTime::currentDateTime().toString(Qt::ISODate)}});
+    m_agents.append(
+        QJsonObject{{QStringLiteral("agent_id"), agentId},
+                    {QStringLiteral("token"), token},
+                    {QStringLiteral("peer"), peer},
+                    {QStringLiteral("registered"), QDateTime::currentDateTime().toString(Qt::ISODate)}});
     QFile f(m_dataDir + QStringLiteral("/agents.json"));
     if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
         f.write(QJsonDocument(m_agents).toJson());
@@ -34,7 +36,8 @@ bool ConsoleStore::knowsToken(const QString& token) const
     return m_tokens.count(token) > 0;
 }
 
-QString ConsoleStore::storeRequest(const std::string& method, const std::string& route, const std::string& query,
+QString ConsoleStore::storeRequest(const std::string& method, const std::string& route,
+                                   const std::string& query,
                                    const std::vector<std::pair<std::string, std::string>>& headers,
                                    const std::string& body, const std::string& peer)
 {
@@ -54,7 +57,8 @@ QString ConsoleStore::storeRequest(const std::string& method, const std::string&
                     {QStringLiteral("size"), raw.size()},
                     {QStringLiteral("raw_body"), QString::fromUtf8(raw)}};
     if (error.error == QJsonParseError::NoError)
-        doc.insert(QStringLiteral("body"), parsed.isObject() ? QJsonValue(parsed.object()) : QJsonValue(parsed.array()));
+        doc.insert(QStringLiteral("body"),
+                   parsed.isObject() ? QJsonValue(parsed.object()) : QJsonValue(parsed.array()));
 
     std::lock_guard<std::mutex> lock(m_mutex);
     QString name = QString::fromStdString(route);

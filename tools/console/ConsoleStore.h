@@ -11,7 +11,8 @@
 #include <vector>
 
 // What the console remembers: registered agents and every request it stored.
-class ConsoleStore {
+class ConsoleStore
+{
 public:
     explicit ConsoleStore(const QString& dataDir);
 
@@ -20,8 +21,8 @@ public:
 
     // One JSON document per request under DATA/reports/, named by sequence and route.
     QString storeRequest(const std::string& method, const std::string& route, const std::string& query,
-                         const std::vector<std::pair<std::string, std::string>>& headers, const std::string& body,
-                         const std::string& peer);
+                         const std::vector<std::pair<std::string, std::string>>& headers,
+                         const std::string& body, const std::string& peer);
 
     QJsonArray agents() const;
     QJsonArray reports() const;

@@ -15,7 +15,8 @@ typedef struct ssl_ctx_st SSL_CTX;
 
 // The server's end of the agents' push channel: accepts agents, records what
 // they send (handshake, keep-alives) and pushes command texts to them.
-class SocketService {
+class SocketService
+{
 public:
     explicit SocketService(const QString& logPath);
     ~SocketService();
@@ -41,8 +42,8 @@ private:
         int keepAlives = 0;
         int received = 0;
         std::atomic<bool> open{true};
-        SSL* ssl = nullptr;  // set once the TLS handshake is done
-        std::mutex io;       // one SSL object is not used by two threads at once
+        SSL* ssl = nullptr; // set once the TLS handshake is done
+        std::mutex io;      // one SSL object is not used by two threads at once
         std::thread reader;
     };
     void acceptLoop();

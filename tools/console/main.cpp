@@ -17,13 +17,14 @@
 #include <httplib.h>
 
 #include <atomic>
-#include <memory>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <thread>
 
-namespace {
+namespace
+{
 std::atomic<int> g_stopSignal{0};
 void onSignal(int sig)
 {
@@ -56,7 +57,8 @@ bool isLoopback(const std::string& addr)
 // One line per stored request: route, size, main keys, where it was saved.
 int printSummary(const QString& dataDir)
 {
-    const QStringList files = QDir(dataDir + QStringLiteral("/reports")).entryList({QStringLiteral("*.json")}, QDir::Files, QDir::Name);
+    const QStringList files = QDir(dataDir + QStringLiteral("/reports"))
+                                  .entryList({QStringLiteral("*.json")}, QDir::Files, QDir::Name);
     if (files.isEmpty()) {
         std::printf("no requests stored under %s\n", qPrintable(dataDir));
         return 1;
@@ -71,11 +73,15 @@ int printSummary(const QString& dataDir)
         if (body.isObject()) {
             const QJsonObject object = body.toObject();
             for (auto it = object.begin(); it != object.end(); ++it)
-                keys << (it.value().isArray() ? QStringLiteral("%1[%2]").arg(it.key()).arg(it.value().toArray().size()) : it.key());
+                keys << (it.value().isArray()
+                             ? QStringLiteral("%1[%2]").arg(it.key()).arg(it.value().toArray().size())
+                             : it.key());
         }
-        std::printf("%-5s %-30s %8d bytes  %s\n        saved as %s\n", qPrintable(doc.value(QStringLiteral("method")).toString()),
-                    qPrintable(doc.value(QStringLiteral("route")).toString()), doc.value(QStringLiteral("size")).toInt(),
-                    qPrintable(keys.join(QStringLiteral(", "))), qPrintable(f.fileName()));
+        std::printf("%-5s %-30s %8d bytes  %s\n        saved as %s\n",
+                    qPrintable(doc.value(QStringLiteral("method")).toString()),
+                    qPrintable(doc.value(QStringLiteral("route")).toString()),
+                    doc.value(QStringLiteral("size")).toInt(), qPrintable(keys.join(QStringLiteral(", "))),
+                    qPrintable(f.fileName()));
     }
     return 0;
 }
@@ -83,8 +89,8 @@ int printSummary(const QString& dataDir)
 void replyJson(httplib::Response& res, const QJsonValue& value, int status = 200)
 {
     res.status = status;
-    const QByteArray text = value.isArray() ? QJsonDocument(value.toArray()).toJson()
-                                            : QJsonDocument(value.toObject()).toJson();
+    const QByteArray text =
+        value.isArray() ? QJsonDocument(value.toArray()).toJson() : QJsonDocument(value.toObject()).toJson();
     res.set_content(text.toStdString(), "application/json");
 }
 } // namespace
@@ -96,18 +102,40 @@ int main(int argc, char** argv)
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Reference management server for edr-agent."));
     parser.addHelpOption();
-    const QCommandLineOption hostOpt(QStringLiteral("host"), QStringLiteral("Address to listen on (default 127.0.0.1)."), QStringLiteral("ADDR"), QStringLiteral("127.0.0.1"));
-    const QCommandLineOption httpOpt(QStringLiteral("http-port"), QStringLiteral("HTTP API port (0: pick a free one)."), QStringLiteral("PORT"), QStringLiteral("7777"));
-    const QCommandLineOption sockOpt(QStringLiteral("socket-port"), QStringLiteral("Socket service port (0: pick a free one)."), QStringLiteral("PORT"), QStringLiteral("3098"));
-    const QCommandLineOption apiOpt(QStringLiteral("api-version"), QStringLiteral("API version path segment."), QStringLiteral("VER"), QStringLiteral("v1"));
-    const QCommandLineOption dataOpt(QStringLiteral("data"), QStringLiteral("Directory for stored requests."), QStringLiteral("DIR"), QStringLiteral("console-data"));
-    const QCommandLineOption schedOpt(QStringLiteral("schedule"), QStringLiteral("Schedule file served by settings/getConfigFile."), QStringLiteral("FILE"));
-    const QCommandLineOption portFileOpt(QStringLiteral("port-file"), QStringLiteral("Write the bound ports as JSON to FILE."), QStringLiteral("FILE"));
-    const QCommandLineOption faultOpt(QStringLiteral("fault"), QStringLiteral("Start with a fault: none, refuse, 500, silent."), QStringLiteral("MODE"), QStringLiteral("none"));
-    const QCommandLineOption certOpt(QStringLiteral("tls-cert"), QStringLiteral("Serve the HTTP API and the socket service over TLS with this PEM certificate chain."), QStringLiteral("FILE"));
-    const QCommandLineOption keyOpt(QStringLiteral("tls-key"), QStringLiteral("PEM private key for --tls-cert."), QStringLiteral("FILE"));
-    const QCommandLineOption summaryOpt(QStringLiteral("summary"), QStringLiteral("Print a readable summary of the requests stored under --data and exit."));
-    parser.addOptions({hostOpt, httpOpt, sockOpt, apiOpt, dataOpt, schedOpt, portFileOpt, faultOpt, certOpt, keyOpt, summaryOpt});
+    const QCommandLineOption hostOpt(QStringLiteral("host"),
+                                     QStringLiteral("Address to listen on (default 127.0.0.1)."),
+                                     QStringLiteral("ADDR"), QStringLiteral("127.0.0.1"));
+    const QCommandLineOption httpOpt(QStringLiteral("http-port"),
+                                     QStringLiteral("HTTP API port (0: pick a free one)."),
+                                     QStringLiteral("PORT"), QStringLiteral("7777"));
+    const QCommandLineOption sockOpt(QStringLiteral("socket-port"),
+                                     QStringLiteral("Socket service port (0: pick a free one)."),
+                                     QStringLiteral("PORT"), QStringLiteral("3098"));
+    const QCommandLineOption apiOpt(QStringLiteral("api-version"),
+                                    QStringLiteral("API version path segment."), QStringLiteral("VER"),
+                                    QStringLiteral("v1"));
+    const QCommandLineOption dataOpt(QStringLiteral("data"), QStringLiteral("Directory for stored requests."),
+                                     QStringLiteral("DIR"), QStringLiteral("console-data"));
+    const QCommandLineOption schedOpt(QStringLiteral("schedule"),
+                                      QStringLiteral("Schedule file served by settings/getConfigFile."),
+                                      QStringLiteral("FILE"));
+    const QCommandLineOption portFileOpt(QStringLiteral("port-file"),
+                                         QStringLiteral("Write the bound ports as JSON to FILE."),
+                                         QStringLiteral("FILE"));
+    const QCommandLineOption faultOpt(QStringLiteral("fault"),
+                                      QStringLiteral("Start with a fault: none, refuse, 500, silent."),
+                                      QStringLiteral("MODE"), QStringLiteral("none"));
+    const QCommandLineOption certOpt(
+        QStringLiteral("tls-cert"),
+        QStringLiteral("Serve the HTTP API and the socket service over TLS with this PEM certificate chain."),
+        QStringLiteral("FILE"));
+    const QCommandLineOption keyOpt(
+        QStringLiteral("tls-key"), QStringLiteral("PEM private key for --tls-cert."), QStringLiteral("FILE"));
+    const QCommandLineOption summaryOpt(
+        QStringLiteral("summary"),
+        QStringLiteral("Print a readable summary of the requests stored under --data and exit."));
+    parser.addOptions({hostOpt, httpOpt, sockOpt, apiOpt, dataOpt, schedOpt, portFileOpt, faultOpt, certOpt,
+                       keyOpt, summaryOpt});
     parser.process(app);
     if (parser.isSet(summaryOpt))
         return printSummary(parser.value(dataOpt));
@@ -171,11 +199,11 @@ int main(int argc, char** argv)
         }
     };
 
-    static const char* const reportRoutes[] = {
-        "machineInfo/addMachineInfo", "machineInfo/addStartupApps", "machineInfo/addProcesses",
-        "machineInfo/addServicess",   "machineInfo/addNwMonitoring", "machineInfo/addInstallSoft",
-        "cmdAndPS/cmdOutput",         "firewall/firewallStatus",    "cmdAndPS/osqueryoutput",
-        "settings/InvSettingsOutput"};
+    static const char* const reportRoutes[] = {"machineInfo/addMachineInfo",  "machineInfo/addStartupApps",
+                                               "machineInfo/addProcesses",    "machineInfo/addServicess",
+                                               "machineInfo/addNwMonitoring", "machineInfo/addInstallSoft",
+                                               "cmdAndPS/cmdOutput",          "firewall/firewallStatus",
+                                               "cmdAndPS/osqueryoutput",      "settings/InvSettingsOutput"};
 
     http.Post(prefix + "machineInfo/registerAgent", [&](const httplib::Request& req, httplib::Response& res) {
         store_request(req, "machineInfo/registerAgent");
@@ -188,7 +216,8 @@ int main(int argc, char** argv)
         const QJsonObject body = QJsonDocument::fromJson(QByteArray::fromStdString(req.body)).object();
         const QString agentId = body.value(QStringLiteral("agent_id")).toString();
         if (agentId.isEmpty()) {
-            replyJson(res, QJsonObject{{QStringLiteral("status"), false}, {QStringLiteral("message"), QStringLiteral("agent_id missing")}});
+            replyJson(res, QJsonObject{{QStringLiteral("status"), false},
+                                       {QStringLiteral("message"), QStringLiteral("agent_id missing")}});
             return;
         }
         const QString token = store.registerAgent(agentId, QString::fromStdString(req.remote_addr));
@@ -228,10 +257,13 @@ int main(int argc, char** argv)
         replyJson(res, QJsonObject{{QStringLiteral("registered"), store.agents()},
                                    {QStringLiteral("connections"), sockets.connections()}});
     });
-    http.Get("/admin/reports", [&](const httplib::Request&, httplib::Response& res) { replyJson(res, store.reports()); });
-    http.Get("/admin/socket-messages", [&](const httplib::Request&, httplib::Response& res) { replyJson(res, sockets.messages()); });
+    http.Get("/admin/reports",
+             [&](const httplib::Request&, httplib::Response& res) { replyJson(res, store.reports()); });
+    http.Get("/admin/socket-messages",
+             [&](const httplib::Request&, httplib::Response& res) { replyJson(res, sockets.messages()); });
     http.Post("/admin/push", [&](const httplib::Request& req, httplib::Response& res) {
-        const int sent = sockets.push(req.body, req.has_param("peer") ? req.get_param_value("peer") : std::string());
+        const int sent =
+            sockets.push(req.body, req.has_param("peer") ? req.get_param_value("peer") : std::string());
         replyJson(res, QJsonObject{{QStringLiteral("sent"), sent}}, sent > 0 ? 200 : 404);
     });
     http.Post("/admin/close-connections", [&](const httplib::Request&, httplib::Response& res) {
@@ -245,11 +277,13 @@ int main(int argc, char** argv)
             return;
         }
         fault = f;
-        replyJson(res, QJsonObject{{QStringLiteral("fault"), QString::fromStdString(req.get_param_value("mode"))}});
+        replyJson(
+            res, QJsonObject{{QStringLiteral("fault"), QString::fromStdString(req.get_param_value("mode"))}});
     });
 
     const int wantedHttp = parser.value(httpOpt).toInt();
-    const int httpPort = wantedHttp == 0 ? http.bind_to_any_port(host) : (http.bind_to_port(host, wantedHttp) ? wantedHttp : -1);
+    const int httpPort = wantedHttp == 0 ? http.bind_to_any_port(host)
+                                         : (http.bind_to_port(host, wantedHttp) ? wantedHttp : -1);
     const int socketPort = sockets.listen(host, parser.value(sockOpt).toInt());
     if (httpPort <= 0 || socketPort <= 0) {
         std::fprintf(stderr, "edr-console: cannot bind (http %d, socket %d)\n", httpPort, socketPort);
@@ -258,13 +292,16 @@ int main(int argc, char** argv)
     if (parser.isSet(portFileOpt)) {
         QFile f(parser.value(portFileOpt) + QStringLiteral(".tmp"));
         if (f.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-            f.write(QJsonDocument(QJsonObject{{QStringLiteral("http"), httpPort}, {QStringLiteral("socket"), socketPort}}).toJson());
+            f.write(QJsonDocument(QJsonObject{{QStringLiteral("http"), httpPort},
+                                              {QStringLiteral("socket"), socketPort}})
+                        .toJson());
             f.close();
             f.rename(parser.value(portFileOpt));
         }
     }
-    std::printf("edr-console: %s %s:%d%s, socket%s %s:%d, data %s\n", tls ? "https" : "http", host.c_str(), httpPort,
-                prefix.c_str(), tls ? " (TLS)" : "", host.c_str(), socketPort, qPrintable(store.dataDir()));
+    std::printf("edr-console: %s %s:%d%s, socket%s %s:%d, data %s\n", tls ? "https" : "http", host.c_str(),
+                httpPort, prefix.c_str(), tls ? " (TLS)" : "", host.c_str(), socketPort,
+                qPrintable(store.dataDir()));
     std::fflush(stdout);
 
     std::signal(SIGTERM, onSignal);
