@@ -9,7 +9,7 @@ ifeq ($(CI),true)
 WERROR := -DEDR_WERROR=ON
 endif
 
-.PHONY: all deps build asan-build test test-asan demo bench fuzz install package clean format
+.PHONY: all deps build asan-build test test-asan demo bench fuzz install package clean format format-check
 
 all: build
 
@@ -25,7 +25,7 @@ asan-build: deps
 	$(CMAKE) --build $(ASAN_BUILD) -j$(JOBS)
 
 # The whole suite runs twice: a plain build and an ASan/UBSan build.
-test: build asan-build
+test: format-check build asan-build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j$(JOBS)
@@ -58,8 +58,14 @@ package: deps
 	  --changes-file=$(BUILD)/edr-agent_$(DEB_VERSION)_$(DEB_ARCH).changes
 	@ls $(BUILD)/*_$(DEB_VERSION)_$(DEB_ARCH).deb
 
-format:
-	find src tests tools bench fuzz -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+# Every tracked C++ file as clang-format writes it; `make format` fixes them.
+CXX_SOURCES = git ls-files -z -- '*.cpp' '*.h'
+format: deps
+	$(CXX_SOURCES) | xargs -0 clang-format -i
+
+format-check: deps
+	@$(CXX_SOURCES) | xargs -0 clang-format --dry-run -Werror
+	@echo "format-check: every tracked C++ file follows .clang-format"
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) build-bench build-fuzz

@@ -28,7 +28,7 @@ static void BM_KeepOneMiBSnapshot(benchmark::State& state)
 {
     Scratch scratch;
     Outbox outbox(scratch.dir.path() + QStringLiteral("/pending"));
-    if (!outbox.open()) {
+    if (!outbox.lockAndScan()) {
         state.SkipWithError("cannot open the outbox");
         return;
     }
@@ -43,7 +43,7 @@ static void BM_SuccessfulPostEmptyOutbox(benchmark::State& state)
 {
     Scratch scratch;
     Outbox outbox(scratch.dir.path() + QStringLiteral("/pending"));
-    outbox.open();
+    outbox.lockAndScan();
     for (auto _ : state) {
         benchmark::DoNotOptimize(outbox.mustQueue(ACTION_RESULT));
         outbox.onPosted("bench", PROCESSES);

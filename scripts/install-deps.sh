@@ -10,6 +10,8 @@ PACKAGES=(
   openssl
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  # make test checks the tree against .clang-format
+  clang-format git
   # tools the collectors run
   dmidecode util-linux dpkg procps lsof iproute2 systemd passwd
   # benchmarks

@@ -155,7 +155,7 @@ qint64 Outbox::totalBytes() const
     return total;
 }
 
-bool Outbox::open()
+bool Outbox::lockAndScan()
 {
     if (isOpen())
         return true;

@@ -58,7 +58,7 @@ public:
 
     // Locks and scans the directory; false (with an Error line) when it
     // cannot be used. lockHolder() names the other agent when it is locked.
-    bool open();
+    bool lockAndScan();
     bool isOpen() const { return m_lockFd >= 0; }
     qint64 lockHolder() const { return m_lockHolder; }
     QString directory() const { return m_dir; }

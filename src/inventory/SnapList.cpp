@@ -27,7 +27,7 @@ QVector<Column> wordsOf(const QString& line)
     return words;
 }
 
-int indexOf(const QVector<Column>& columns, const char* title)
+int columnIndex(const QVector<Column>& columns, const char* title)
 {
     for (int i = 0; i < columns.size(); ++i)
         if (columns.at(i).title == QLatin1String(title))
@@ -168,10 +168,10 @@ std::optional<QVector<SnapList::Snap>> SnapList::parse(const QByteArray& output,
     if (headerLine.endsWith(QLatin1Char('\r')))
         headerLine.chop(1);
     const QVector<Column> header = wordsOf(headerLine);
-    const int name = indexOf(header, "Name");
-    const int version = indexOf(header, "Version");
-    const int rev = indexOf(header, "Rev");
-    const int notes = indexOf(header, "Notes");
+    const int name = columnIndex(header, "Name");
+    const int version = columnIndex(header, "Version");
+    const int rev = columnIndex(header, "Rev");
+    const int notes = columnIndex(header, "Notes");
     if (name < 0 || version < 0 || rev < 0)
         return std::nullopt;
 

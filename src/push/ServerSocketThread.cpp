@@ -98,7 +98,7 @@ bool ServerSocketThread::startTls(int fd)
     m_usedTls = true;
     auto channel = std::make_unique<TlsChannel>();
     const int limitMs = qMax(kTlsHandshakeFloorMs, Common::scaledMs(kTlsHandshakeTimeoutMs));
-    if (!channel->connect(fd, settings, m_serverIp, m_wait, limitMs)) {
+    if (!channel->handshake(fd, settings, m_serverIp, m_wait, limitMs)) {
         const QByteArray ip = m_serverIp.toUtf8();
         EDR_LOG->Error(Q_FUNC_INFO, EPROTO, "TLS connection to %s:%d refused: %s", ip.constData(),
                        m_serverPort, qUtf8Printable(channel->error()));

@@ -95,8 +95,8 @@ bool TlsChannel::setUpContext(const TlsSettings& settings)
     return true;
 }
 
-bool TlsChannel::connect(int fd, const TlsSettings& settings, const QString& host, StoppableWait& wait,
-                         int timeoutMs)
+bool TlsChannel::handshake(int fd, const TlsSettings& settings, const QString& host, StoppableWait& wait,
+                           int timeoutMs)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     QString badPin;

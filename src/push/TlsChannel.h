@@ -27,8 +27,8 @@ public:
     TlsChannel& operator=(const TlsChannel&) = delete;
 
     // Handshake and checks, bounded by timeoutMs. false with the reason in error().
-    bool connect(int fd, const TlsSettings& settings, const QString& host, StoppableWait& wait,
-                 int timeoutMs);
+    bool handshake(int fd, const TlsSettings& settings, const QString& host, StoppableWait& wait,
+                   int timeoutMs);
 
     // All of data or -1.
     ssize_t send(const char* data, size_t size, StoppableWait& wait, int timeoutMs);

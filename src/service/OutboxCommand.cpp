@@ -92,7 +92,7 @@ int OutboxCommand::run(bool flush)
     ::umask(077);
     Outbox outbox(dir);
     outbox.setLimits(Outbox::configuredLimits());
-    if (!outbox.open()) {
+    if (!outbox.lockAndScan()) {
         const qint64 holder = outbox.lockHolder();
         if (holder > 0 && ::kill(static_cast<pid_t>(holder), SIGUSR1) == 0) {
             std::printf(

@@ -152,7 +152,7 @@ void ServiceHost::start()
     // Taken before anything is posted, and held for the process's life.
     Outbox* outbox = Outbox::getInstance();
     outbox->setLimits(Outbox::configuredLimits());
-    outbox->open();
+    outbox->lockAndScan();
     // The start sequence runs inside the event loop so a termination signal
     // is honoured at any moment of it, registration retries included.
     QTimer::singleShot(0, this, &ServiceHost::attemptRegistration);

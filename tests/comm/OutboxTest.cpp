@@ -36,7 +36,7 @@ protected:
     {
         Outbox* outbox = Outbox::getInstance();
         outbox->setLimits(limits);
-        EXPECT_TRUE(outbox->open());
+        EXPECT_TRUE(outbox->lockAndScan());
         outbox->enableReplay();
         return outbox;
     }
@@ -193,7 +193,7 @@ TEST_F(OutboxTest, DirectoryFaultsKeepNothingAndLoseNothing)
     // A second agent on the same prefix is locked out and names the first.
     openOutbox();
     Outbox second(dir());
-    EXPECT_FALSE(second.open());
+    EXPECT_FALSE(second.lockAndScan());
     EXPECT_EQ(second.lockHolder(), static_cast<qint64>(::getpid()));
     EXPECT_FALSE(second.keep("test", PROCESSES, "{}", QStringLiteral("x")));
     Outbox::releaseInstance();
@@ -202,7 +202,7 @@ TEST_F(OutboxTest, DirectoryFaultsKeepNothingAndLoseNothing)
     ASSERT_TRUE(QDir(dir()).removeRecursively());
     write(dir(), QByteArray());
     Outbox* outbox = Outbox::getInstance();
-    EXPECT_FALSE(outbox->open());
+    EXPECT_FALSE(outbox->lockAndScan());
     EXPECT_EQ(Outbox::active(), nullptr);
     server.setReply({500, "", "text/plain"});
     post(PROCESSES, QStringLiteral("p")); // posted, logged, not kept, no crash
