@@ -2,6 +2,7 @@
 
 #include "comm/HttpManager.h"
 #include "comm/Outbox.h"
+#include "core/AuditLog.h"
 #include "core/CLogger.h"
 
 #include <QJsonDocument>
@@ -35,6 +36,7 @@ bool ReportSubmitter::submitReport(const char* origin, bool& busy, API_NAME rout
         } catch (...) {
             EDR_LOG->Error(origin, errno, "CATCHED");
         }
+        OrderReport::noteSucceeded(collected);
         if (collected)
             sent = postObject(origin, route, report, messages.sent, messages.sendFailed);
         else
@@ -66,12 +68,15 @@ bool ReportSubmitter::postFields(const char* origin, API_NAME route, const QMap<
         outbox->keep(origin, route, HttpManager::jsonBody(fields),
                      QStringLiteral("queued behind %1 earlier results").arg(outbox->pendingResults()))) {
         outbox->scheduleReplay();
+        OrderReport::noteDelivered(false);
         return true;
     }
     QString response;
     HttpManager::Outcome outcome;
     const bool ok = HttpManager::getInstance()->sendDataToServer(true, ApiManager::getAPI(route), 3, fields,
                                                                  response, outcome);
+    // A server error keeps the result for another try: not delivered yet.
+    OrderReport::noteDelivered(ok && !outcome.serverFailed());
     if (ok)
         EDR_LOG->Info(origin, "%s", sent);
     else

@@ -223,10 +223,11 @@ bool ClientSocketThread::runSocketListner()
             char address[INET_ADDRSTRLEN] = {};
             ::inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
             if (!peerAllowed(QString::fromLatin1(address))) {
-                EDR_LOG->Error(Q_FUNC_INFO, EACCES,
-                               "Refused command connection from %s: not an allowed address", address);
-                AuditLog::getInstance()->record(AuditLog::Listener, QString::fromLatin1(address), QString(),
-                                                std::nullopt, AuditLog::RefusedPeer);
+                // Throttled with the audit record: a flood must not fill the trace log either.
+                if (AuditLog::getInstance()->record(AuditLog::Listener, QString::fromLatin1(address),
+                                                    QString(), std::nullopt, AuditLog::RefusedPeer))
+                    EDR_LOG->Error(Q_FUNC_INFO, EACCES,
+                                   "Refused command connection from %s: not an allowed address", address);
                 ::close(client);
                 continue;
             }
@@ -277,17 +278,18 @@ void ClientSocketThread::connectToSocket(int fd)
         EDR_LOG->Info(Q_FUNC_INFO, "%s - Connected on socket - %u %d.", address, m_clientPort.load(), fd);
         m_clientAddress = QString::fromLatin1(address);
         if (!peerAllowed(m_clientAddress)) {
-            EDR_LOG->Error(Q_FUNC_INFO, EACCES, "Refused command from %s: not an allowed address", address);
-            buffer[n] = '\0';
-            AuditLog::getInstance()->record(AuditLog::Listener, m_clientAddress, QString::fromUtf8(buffer),
-                                            std::nullopt, AuditLog::RefusedPeer);
+            if (AuditLog::getInstance()->record(AuditLog::Listener, m_clientAddress,
+                                                QByteArray(buffer, static_cast<int>(n)), std::nullopt,
+                                                AuditLog::RefusedPeer))
+                EDR_LOG->Error(Q_FUNC_INFO, EACCES, "Refused command from %s: not an allowed address",
+                               address);
             EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
             return;
         }
     }
     buffer[n] = '\0';
     EDR_LOG->Trace(Q_FUNC_INFO, "Recieved From Socket: %s", buffer);
-    emit messageRecieved(m_clientAddress, QString::fromUtf8(buffer, static_cast<int>(std::strlen(buffer))));
+    emit messageRecieved(m_clientAddress, QByteArray(buffer, static_cast<int>(n)));
     if (m_wait.sleepFor(Common::scaledMs(kPauseBeforeOkMs))) {
         ::send(fd, "OK", 2, MSG_NOSIGNAL);
     }

@@ -3,6 +3,7 @@
 #include "push/ListenerAllowList.h"
 #include "push/StoppableWait.h"
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 #include <QThread>
@@ -36,7 +37,8 @@ public:
     void connectToSocket(int fd);
 
 signals:
-    void messageRecieved(const QString& ip, const QString& message);
+    // The bytes as received: the audit records them exactly.
+    void messageRecieved(const QString& ip, const QByteArray& message);
 
 protected:
     void run() override;

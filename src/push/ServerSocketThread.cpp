@@ -236,7 +236,7 @@ void ServerSocketThread::connectToSocket(int fd)
         }
         buffer[n] = '\0';
         EDR_LOG->Trace(Q_FUNC_INFO, "Recieved From %s: %s", serverIp.constData(), buffer);
-        emit messageRecieved(m_serverIp, QString::fromUtf8(buffer, static_cast<int>(std::strlen(buffer))));
+        emit messageRecieved(m_serverIp, QByteArray(buffer, static_cast<int>(n)));
         if (!m_wait.sleepFor(Common::scaledMs(kPauseAfterMessageMs)))
             break;
         sendKeepAlive(fd);

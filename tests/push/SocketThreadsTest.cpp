@@ -53,15 +53,15 @@ TEST(ServerSocketThread, HandshakeMessagesKeepAlivesHalfCloseAndStop)
     // A message is handed over whole, then answered by a keep-alive.
     ::send(peer.fd, "RPT#$#$7#$#0", 12, 0);
     ASSERT_TRUE(waitUntil([&] { return !messages.isEmpty(); }, 5000));
-    EXPECT_EQ(messages.at(0), (QVariantList{QStringLiteral("127.0.0.1"), QStringLiteral("RPT#$#$7#$#0")}));
+    EXPECT_EQ(messages.at(0), (QVariantList{QStringLiteral("127.0.0.1"), QByteArray("RPT#$#$7#$#0")}));
     EXPECT_EQ(LoopbackSocket::readSome(peer.fd, 5000), QByteArray("keep-alive"));
 
     const QByteArray big(4096, 'x');
     ::send(peer.fd, big.constData(), static_cast<size_t>(big.size()), 0);
-    QString received; // in as many messages as the reads cut it into
+    QByteArray received; // in as many messages as the reads cut it into
     for (int i = 1; received.size() < 4096 && waitUntil([&] { return messages.count() > i; }, 5000); ++i)
-        received += messages.at(i).at(1).toString();
-    EXPECT_EQ(received, QString::fromLatin1(big));
+        received += messages.at(i).at(1).toByteArray();
+    EXPECT_EQ(received, big);
 
     // The server closes only its sending side: keep-alives would still go
     // through, but the run must end.
@@ -195,10 +195,9 @@ TEST(Listener, BindRetryAllowListOneMessagePerClientAndSilentClients)
     EXPECT_TRUE(prefix.traceLog().contains("sent nothing; dropped"));
     EXPECT_EQ(exchange("MOD#$#AGENT_CONFIG_CHANGE"), QByteArray("OK"));
     ASSERT_EQ(messages.count(), 3);
-    EXPECT_EQ(messages.at(0),
-              (QVariantList{QStringLiteral("127.0.0.1"), QStringLiteral("RESET#$#TRACE_LOG")}));
-    EXPECT_EQ(messages.at(1).at(1).toString(), QString(4096, QLatin1Char('A')));
-    EXPECT_EQ(messages.at(2).at(1).toString(), QStringLiteral("MOD#$#AGENT_CONFIG_CHANGE"));
+    EXPECT_EQ(messages.at(0), (QVariantList{QStringLiteral("127.0.0.1"), QByteArray("RESET#$#TRACE_LOG")}));
+    EXPECT_EQ(messages.at(1).at(1).toByteArray(), QByteArray(4096, 'A'));
+    EXPECT_EQ(messages.at(2).at(1).toByteArray(), QByteArray("MOD#$#AGENT_CONFIG_CHANGE"));
 }
 
 TEST(ListenerAllowList, DefaultsAndOverrides)
