@@ -245,12 +245,15 @@ bool AuditLog::write(const QByteArray& line, RotatingFile::Position* where)
 bool AuditLog::record(Channel channel, const QString& peer, const QByteArray& command,
                       std::optional<int> task, Outcome outcome, std::optional<bool> delivered)
 {
-    const QDateTime when = QDateTime::currentDateTime();
-    QMutexLocker lock(&m_mutex);
-    if (outcome == RefusedPeer)
+    if (outcome == RefusedPeer) {
+        QMutexLocker lock(&m_mutex);
         return refusedPeer(channel, peer, command);
+    }
+    const QByteArray line = recordHead(QDateTime::currentDateTime(), channel, peer, command, task) +
+                            recordTail(outcome, delivered);
+    QMutexLocker lock(&m_mutex);
     sweepRefused(now(), false);
-    return write(recordHead(when, channel, peer, command, task) + recordTail(outcome, delivered));
+    return write(line);
 }
 
 AuditLog::Entry AuditLog::begin(Channel channel, const QString& peer, const QByteArray& command,
@@ -294,13 +297,6 @@ void AuditLog::finish(const Entry& entry, Outcome outcome, std::optional<bool> d
 bool AuditLog::refusedPeer(Channel channel, const QString& peer, const QByteArray& command)
 {
     const qint64 t = now();
-    // The counts belong to the file they go to (tests and --prefix move it).
-    const QString path = currentPath();
-    if (path != m_refusedPath) {
-        m_refused.clear();
-        m_refusedElsewhere = 0;
-        m_refusedPath = path;
-    }
     sweepRefused(t, false);
     auto it = m_refused.find(peer);
     if (it == m_refused.end()) {
@@ -339,6 +335,13 @@ bool AuditLog::writeRefused(Channel channel, const QString& peer, const QByteArr
 // with all, every count still waiting.
 void AuditLog::sweepRefused(qint64 nowMs, bool all)
 {
+    // The counts belong to the file they go to (tests and --prefix move it).
+    const QString path = currentPath();
+    if (path != m_refusedPath) {
+        m_refused.clear();
+        m_refusedElsewhere = 0;
+        m_refusedPath = path;
+    }
     if (!all && nowMs < m_nextSweepMs)
         return;
     m_nextSweepMs = nowMs + kRefusedPeerIntervalMs / 4;
