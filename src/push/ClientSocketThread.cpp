@@ -149,9 +149,9 @@ QString ClientSocketThread::refusal(const QString& address, int fd)
     // A datagram's sender cannot be traced to a socket: fd -1 finds none, so
     // a local sender is refused.
     std::optional<SockDiag::Socket> end;
-    if (allowed) {
-        end = fd >= 0 ? ListenerPeer::clientEnd(fd) : std::nullopt;
-        if (!end && errno != ENOENT && fd >= 0)
+    if (allowed && fd >= 0) {
+        end = ListenerPeer::clientEnd(fd);
+        if (!end && errno != ENOENT)
             EDR_LOG->Debug(Q_FUNC_INFO, "No socket diagnostics for %s: %s", qUtf8Printable(address),
                            std::strerror(errno));
     }
@@ -171,8 +171,8 @@ void ClientSocketThread::startSocket()
 }
 
 // A bound (for TCP also listening) socket, retried every minute while the
-// port is taken; -1 when stopped, when the port is unusable or when no socket
-// can be made at all.
+// port is taken; none when stopped, when the port is unusable or when no
+// socket can be made at all.
 UniqueFd ClientSocketThread::bindSocket()
 {
     const bool tcp = m_protocol == TCP;
@@ -196,7 +196,6 @@ UniqueFd ClientSocketThread::bindSocket()
         addr.sin_addr.s_addr = inet_addr("0.0.0.0");
         if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
             const int err = errno;
-            fd.reset();
             // Whoever took the port first would get the server's commands.
             if (err == EADDRINUSE && tcp)
                 EDR_LOG->Error(
