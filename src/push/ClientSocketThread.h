@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/UniqueFd.h"
 #include "push/ListenerAllowList.h"
 #include "push/StoppableWait.h"
 
@@ -14,7 +15,8 @@ class ServerDetails;
 
 // The local listener: one message per client, answered "OK" a second later.
 // Only peers on the allow-list (loopback, the configured servers, or the
-// ListenerAllow setting) may hand over commands.
+// ListenerAllow setting) may hand over commands, and of this machine's own
+// users only root.
 class ClientSocketThread : public QThread
 {
     Q_OBJECT
@@ -45,8 +47,11 @@ protected:
 
 private:
     void startSocket();
-    int bindSocket();
+    UniqueFd bindSocket();
     bool peerAllowed(const QString& peer);
+    // Why the peer at address (on the accepted connection fd, or -1 for a
+    // datagram) is refused; empty when it is served.
+    QString refusal(const QString& address, int fd);
     void refreshAllowList();
     QList<QHostAddress> resolve(const QString& name);
 

@@ -1,3 +1,4 @@
+#include "core/AuditLog.h"
 #include "core/Common.h"
 #include "core/EdrAgentConfig.h"
 #include "core/HostPaths.h"
@@ -5,6 +6,7 @@
 #include "push/ListenerAllowList.h"
 #include "push/ServerSocketThread.h"
 
+#include "NobodyChild.h"
 #include "support/TestCertificates.h"
 #include "support/TestSupport.h"
 
@@ -14,8 +16,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 
+#include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 
 using namespace edrtest;
@@ -26,6 +31,23 @@ void aim(ServerSocketThread& thread, int port)
 {
     thread.setServerIpAddress(QStringLiteral("127.0.0.1"));
     thread.setServerSocketPort(port);
+}
+
+// One root client: what came back before the listener closed the connection.
+QByteArray exchangeAsRoot(int port, const QByteArray& text)
+{
+    LoopbackSocket client(LoopbackSocket::connectTo(port, 10000));
+    ::send(client.fd, text.constData(), static_cast<size_t>(text.size()), MSG_NOSIGNAL);
+    QByteArray reply, chunk;
+    while (!(chunk = LoopbackSocket::readSome(client.fd, 5000)).isEmpty())
+        reply += chunk;
+    return reply;
+}
+
+void listenOn(ClientSocketThread& thread, int port)
+{
+    thread.setProtocol(ClientSocketThread::TCP);
+    thread.setClientPort(static_cast<unsigned int>(port));
 }
 } // namespace
 
@@ -173,15 +195,7 @@ TEST(Listener, BindRetryAllowListOneMessagePerClientAndSilentClients)
     });
     ASSERT_TRUE(waitUntil([&] { return prefix.traceLog().contains("bind Failed!"); }, 5000));
     blocker.reset();
-    // One client: what came back before the listener closed the connection.
-    auto exchange = [&](const QByteArray& text) {
-        LoopbackSocket client(LoopbackSocket::connectTo(port, 10000));
-        ::send(client.fd, text.constData(), static_cast<size_t>(text.size()), MSG_NOSIGNAL);
-        QByteArray reply, chunk;
-        while (!(chunk = LoopbackSocket::readSome(client.fd, 5000)).isEmpty())
-            reply += chunk;
-        return reply;
-    };
+    const auto exchange = [&](const QByteArray& text) { return exchangeAsRoot(port, text); };
 
     EXPECT_EQ(exchange("RESET#$#TRACE_LOG"), QByteArray());
     const QByteArray audit = HostPaths::readFile(Common::getEdrDirPath() + QStringLiteral("/audit.log"));
@@ -198,6 +212,95 @@ TEST(Listener, BindRetryAllowListOneMessagePerClientAndSilentClients)
     EXPECT_EQ(messages.at(0), (QVariantList{QStringLiteral("127.0.0.1"), QByteArray("RESET#$#TRACE_LOG")}));
     EXPECT_EQ(messages.at(1).at(1).toByteArray(), QByteArray(4096, 'A'));
     EXPECT_EQ(messages.at(2).at(1).toByteArray(), QByteArray("MOD#$#AGENT_CONFIG_CHANGE"));
+}
+
+// Another user on this machine gets nothing read and no answer, whatever the
+// allow-list says and with TLS on or off; root is served throughout.
+TEST(Listener, LocalUsersOtherThanRootAreRefused)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to play another user";
+    ScratchPrefix prefix;
+    TimeScale scale(0.01);
+    const int port = LoopbackSocket::freePort();
+    ClientSocketThread thread;
+    listenOn(thread, port);
+    QSignalSpy messages(&thread, &ClientSocketThread::messageRecieved);
+    thread.start();
+    const auto stop = qScopeGuard([&] {
+        thread.requestStop();
+        thread.wait();
+    });
+    const struct {
+        const char* what;
+        QByteArray serverKeys;
+        const char* listenerAllow;
+    } settings[] = {
+        {"default list", {}, ""},
+        {"every address allowed", {}, "0.0.0.0/0"},
+        {"TLS on", "EDRTLS=1\n", ""},
+    };
+    // Each case a minute later: a refused address gets one line a minute.
+    std::atomic<qint64> minutes{0};
+    AuditLog::getInstance()->setClockForTesting([&minutes] { return minutes * 60 * 1000; });
+    const auto realClock = qScopeGuard([] { AuditLog::getInstance()->setClockForTesting(nullptr); });
+    for (const auto& c : settings) {
+        SCOPED_TRACE(c.what);
+        ++minutes;
+        prefix.pointAtServer(1, 3098, port, c.serverKeys);
+        EdrAgentConfig().setSetting(QStringLiteral("ListenerAllow"), QLatin1String(c.listenerAllow));
+        EXPECT_EQ(exchangeAsRoot(port, QByteArray("RPT#$#18#$#1|root ") + c.what), QByteArray("OK"));
+        const int refused = prefix.traceLog().count(
+            "Refused command connection from 127.0.0.1: a local user other than root (nobody)");
+        EXPECT_EQ(NobodyChild::sendToLoopback(port, QByteArray("RPT#$#18#$#1|nobody ") + c.what), 0);
+        EXPECT_EQ(prefix.traceLog().count(
+                      "Refused command connection from 127.0.0.1: a local user other than root (nobody)"),
+                  refused + 1);
+    }
+    ASSERT_EQ(messages.count(), 3);
+    for (const QList<QVariant>& m : messages)
+        EXPECT_TRUE(m.at(1).toString().startsWith(QStringLiteral("RPT#$#18#$#1|root ")))
+            << qPrintable(m.at(1).toString());
+    const QByteArray audit = HostPaths::readFile(Common::getEdrDirPath() + QStringLiteral("/audit.log"));
+    EXPECT_EQ(audit.count(R"("outcome":"refused-peer")"), 3) << audit.constData();
+}
+
+// A local user who took the port first is named in the Error line; once it
+// lets go, the retried bind takes the port.
+TEST(Listener, BindFailureNamesWhoHoldsThePort)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to play another user";
+    ScratchPrefix prefix;
+    TimeScale scale(0.01); // 60 s bind retry -> 600 ms
+    const int port = LoopbackSocket::freePort();
+    NobodyChild squatter([port](NobodyChild& self) {
+        ::prctl(PR_SET_NAME, "squatter", 0, 0, 0);
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(port));
+        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 1) != 0)
+            return 1;
+        self.ready();
+        self.holdUntilReleased();
+        return 0;
+    });
+    ASSERT_TRUE(squatter.waitReady());
+    ClientSocketThread thread;
+    listenOn(thread, port);
+    thread.start();
+    const auto stop = qScopeGuard([&] {
+        thread.requestStop();
+        thread.wait();
+    });
+    const QByteArray line = "bind Failed! Port " + QByteArray::number(port) + " is held by pid " +
+                            QByteArray::number(squatter.pid()) + " (squatter) of user nobody";
+    EXPECT_TRUE(waitUntil([&] { return prefix.traceLog().contains(line); }, 10000))
+        << prefix.traceLog().constData();
+    squatter.release();
+    EXPECT_EQ(squatter.wait(), 0);
+    EXPECT_EQ(exchangeAsRoot(port, "MOD#$#AGENT_CONFIG_CHANGE"), QByteArray("OK"));
 }
 
 TEST(ListenerAllowList, DefaultsAndOverrides)
