@@ -186,6 +186,11 @@ TEST_F(AuditLogTest, RefusedPeersAreCountedNotWrittenOneLineEach)
                                                {"10.0.0.1", 5},
                                                {"p", -1},
                                                {"10.0.0.2", 1}}));
+
+    // On the way out, the counts still waiting are written.
+    EXPECT_EQ(refuse("10.0.0.2", 3), 0);
+    AuditLog::releaseInstance();
+    EXPECT_EQ(records(path).last()["count"], 3);
 }
 
 // A flood from ever new addresses fills at most its share of a file, so the
