@@ -33,6 +33,10 @@ public:
     // Not permitted: nothing runs and the failure result is posted.
     bool executeSendReportToServer(const QString& parameter, bool permitted = true);
 
+    // The parsers over a file's text; name and command as the report shows them.
+    static bool parseDesktopText(const QByteArray& text, QString& name, QString& command);
+    static bool parseServiceText(const QByteArray& text, QString& command, QString& description);
+
     // Keys of one [group] of an INI-style text (desktop entries, unit files).
     // Lines are trimmed; '#' and ';' lines are comments; a repeated key keeps
     // its last value; values are taken verbatim (quotes and commas included).
