@@ -5,10 +5,12 @@
 #include "core/CLogger.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QJsonArray>
 #include <QList>
 #include <QPair>
 
+#include <algorithm>
 #include <cerrno>
 
 StartupAppsManager* StartupAppsManager::s_instance = nullptr;
@@ -131,6 +133,26 @@ bool StartupAppsManager::parseServiceFile(const QString& path, QString& name, QS
     return parseServiceText(text, command, description);
 }
 
+QStringList StartupAppsManager::listEntryFiles(const QString& dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden);
+    while (it.hasNext()) {
+        it.next();
+        const QString file = it.fileName();
+        if (!hasDesktopFileExtension(file) && !hasServiceFileExtension(file))
+            continue;
+        if (files.size() == kMaxEntriesPerFolder) {
+            EDR_LOG->Error(Q_FUNC_INFO, E2BIG, "%s holds more than %d start-up entries; the rest is not read",
+                           qUtf8Printable(dir), kMaxEntriesPerFolder);
+            break;
+        }
+        files << file;
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
 bool StartupAppsManager::getStartupApps(QJsonObject& report)
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
@@ -144,14 +166,12 @@ bool StartupAppsManager::getStartupApps(QJsonObject& report)
         QJsonArray apps;
         for (const QString& location : locations) {
             const QString dir = m_host.root(location);
-            const QStringList files = QDir(dir).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+            const QStringList files = listEntryFiles(dir);
             const QString user = location.startsWith(kHomePrefix)
                                      ? location.mid(kHomePrefix.size()).section(QLatin1Char('/'), 0, 0)
                                      : kAllUsers;
             for (const QString& file : files) {
                 const bool desktop = hasDesktopFileExtension(file);
-                if (!desktop && !hasServiceFileExtension(file))
-                    continue;
                 // Users own these folders: a link to a FIFO or a device must
                 // neither stop the agent nor be opened.
                 const QString path = dir + QLatin1Char('/') + file;

@@ -54,8 +54,15 @@ public:
 
     // Start-up files are small; anything past this is not read.
     static constexpr qint64 kMaxEntryFileBytes = 1024 * 1024;
+    // A desktop has a few dozen; a folder a user fills with links to large
+    // files must not keep the report reading for hours.
+    static constexpr int kMaxEntriesPerFolder = 500;
 
 private:
+    // The ".desktop" and ".service" files of a folder, in name order, at
+    // most kMaxEntriesPerFolder of them.
+    static QStringList listEntryFiles(const QString& dir);
+
     static StartupAppsManager* s_instance;
 
     HostPaths m_host;

@@ -88,6 +88,29 @@ TEST(StartupAppsManagerTest, OnlyRegularFilesAreOpenedFromAUsersFolder)
     EXPECT_LT(::read(opens.get(), event, sizeof event), 0) << "the device node was opened";
 }
 
+TEST(StartupAppsManagerTest, AFolderFullOfEntriesIsReadInPart)
+{
+    edrtest::ServerUnderTest peer; // for the log
+    QTemporaryDir root;
+    const QString autostart = root.path() + "/home/eve/.config/autostart";
+    ASSERT_TRUE(QDir().mkpath(autostart) && QDir().mkpath(root.path() + "/etc/xdg/autostart"));
+    edrtest::writeTestFile(root.path() + "/etc/xdg/autostart/system.desktop",
+                           "[Desktop Entry]\nName=System\n");
+    const int limit = StartupAppsManager::kMaxEntriesPerFolder;
+    for (int i = 0; i <= limit; ++i)
+        edrtest::writeTestFile(autostart + QString("/e%1.desktop").arg(i), "[Desktop Entry]\nName=E\n");
+    for (int i = 0; i < 3; ++i) // other files do not count
+        edrtest::writeTestFile(autostart + QString("/notes%1.txt").arg(i), "");
+
+    QJsonObject body;
+    ASSERT_TRUE(StartupAppsManager(HostPaths::fromFixtureRoot(root.path())).collectReport(body));
+    const QJsonArray apps = body.value("Startup_Apps").toArray();
+    ASSERT_EQ(apps.size(), limit + 1);
+    EXPECT_EQ(apps.first()["Name"], "System");
+    EXPECT_EQ(apps.last()["User"], "eve");
+    EXPECT_TRUE(peer.logHas("start-up entries; the rest is not read"));
+}
+
 TEST(StartupAppsManagerTest, IniGroupReading)
 {
     // What the fixture tree does not already show: comments, padding, groups that merge, case-sensitive
