@@ -4,6 +4,7 @@
 #include "core/HostPaths.h"
 #include "support/TestCertificates.h"
 #include "support/TestSupport.h"
+#include "support/TlsTestPeer.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -235,4 +236,33 @@ TEST(HttpTls, ServerIdentityInSubjectAltNameOnlyAndAnyPinWillDo)
         EXPECT_EQ(log.count("pinned keys in force (EDRPINNEDKEY): " + QByteArray::number(pins)), 1)
             << log.constData();
     }
+}
+
+// A pinned HTTPS server asks for a TLS 1.2 renegotiation (switching to a key
+// the CA vouches for but the pin does not name) before it answers: the agent
+// declines it, and the request fails instead of taking the answer.
+TEST(HttpTls, RenegotiationIsRefused)
+{
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    ScratchPrefix prefix;
+    TlsTestPeer server;
+    prefix.pointAtServer(server.port(), 1, 0,
+                         "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(certs->caFile) +
+                             "\nEDRPINNEDKEY=" + certs->serverPin + "\n");
+    QByteArray afterRequest;
+    std::thread peer([&] {
+        if (!server.accept(certs->serverCert, certs->serverKey, true, 10000) || server.read().isEmpty())
+            return;
+        server.requestRenegotiation(certs->secondCert, certs->secondKey);
+        server.read(); // takes the client's answer to the request
+        afterRequest = server.failure();
+        server.write("HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nOK");
+    });
+    QString response;
+    const bool sent = HttpManager::getInstance()->sendDataToServer(
+        true, QStringLiteral("https://127.0.0.1:%1/api/v1/x").arg(server.port()), 3, {}, response);
+    peer.join();
+    EXPECT_FALSE(sent);
+    EXPECT_TRUE(afterRequest.contains("no renegotiation")) << afterRequest.constData();
 }

@@ -61,9 +61,13 @@ QByteArray TlsTestPeer::read()
 {
     char buffer[4096];
     size_t n = 0;
-    if (!m_ssl || SSL_read_ex(m_ssl, buffer, sizeof buffer, &n) != 1)
-        return QByteArray();
-    return QByteArray(buffer, static_cast<int>(n));
+    if (m_ssl && SSL_read_ex(m_ssl, buffer, sizeof buffer, &n) == 1)
+        return QByteArray(buffer, static_cast<int>(n));
+    char reason[256] = {};
+    ERR_error_string_n(ERR_peek_last_error(), reason, sizeof reason);
+    m_failure = reason;
+    ERR_clear_error();
+    return QByteArray();
 }
 
 bool TlsTestPeer::write(const QByteArray& data)

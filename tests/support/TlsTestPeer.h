@@ -27,6 +27,7 @@ public:
     // tls12: TLS 1.2 at most (renegotiation does not exist in 1.3).
     bool accept(const QString& cert, const QString& key, bool tls12, int timeoutMs);
     QByteArray read(); // what one read brings; empty on close, error or time-out
+    QByteArray failure() const { return m_failure; } // OpenSSL's reason for the last failed read
     bool write(const QByteArray& data);
     // Loads another certificate and key and sends the client a HelloRequest.
     bool requestRenegotiation(const QString& cert, const QString& key);
@@ -37,6 +38,7 @@ private:
     int m_port = 0;
     SSL_CTX* m_ctx = nullptr;
     SSL* m_ssl = nullptr;
+    QByteArray m_failure;
 };
 
 } // namespace edrtest
