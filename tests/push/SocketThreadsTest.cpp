@@ -9,6 +9,7 @@
 #include "NobodyChild.h"
 #include "support/TestCertificates.h"
 #include "support/TestSupport.h"
+#include "support/TlsTestPeer.h"
 
 #include <QFile>
 #include <QScopeGuard>
@@ -48,6 +49,11 @@ void listenOn(ClientSocketThread& thread, int port)
 {
     thread.setProtocol(ClientSocketThread::TCP);
     thread.setClientPort(static_cast<unsigned int>(port));
+}
+
+QByteArray tlsKeys(const TestCertificates& certs, const QByteArray& pins)
+{
+    return "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(certs.caFile) + "\nEDRPINNEDKEY=" + pins + "\n";
 }
 } // namespace
 
@@ -150,6 +156,80 @@ TEST(ServerSocketThread, UnreachableOrStalledServersEndTheRunOrAStop)
     thread.requestStop();
     EXPECT_TRUE(thread.wait(5000));
     EXPECT_TRUE(prefix.traceLog().contains("refused: handshake stopped")) << prefix.traceLog().constData();
+}
+
+// Over TLS the push connection takes a server only with its address in the
+// certificate's subjectAltName (never the CN alone) and, with several pins
+// written as in serverip.ini's documentation, a key matching any one of them.
+TEST(ServerSocketThread, TlsTakesOnlyTheNamedAndPinnedServer)
+{
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    const QByteArray twoPins = certs->otherPin + ';' + certs->serverPin;
+    const struct {
+        const char* name;
+        QString cert, key;
+        QByteArray pins;
+        const char* refusal; // null: taken
+    } cases[] = {
+        {"address in subjectAltName", certs->serverCert, certs->serverKey, {}, nullptr},
+        {"address in the CN only", certs->cnOnlyIpCert, certs->serverKey, {}, "IP address mismatch"},
+        {"second of two pins", certs->serverCert, certs->serverKey, twoPins, nullptr},
+        {"neither pin", certs->secondCert, certs->secondKey, twoPins, "does not match EDRPINNEDKEY"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScratchPrefix prefix;
+        TlsTestPeer server;
+        prefix.pointAtServer(1, server.port(), 0, tlsKeys(*certs, c.pins));
+        ServerSocketThread thread;
+        aim(thread, server.port());
+        thread.start();
+        server.accept(c.cert, c.key, false, 10000);
+        const QByteArray hello = server.read();
+        thread.requestStop();
+        ASSERT_TRUE(thread.wait(10000));
+        const QByteArray log = prefix.traceLog();
+        EXPECT_EQ(hello.startsWith("Connect#$#$"), c.refusal == nullptr) << hello.constData();
+        if (c.refusal) {
+            EXPECT_TRUE(log.contains(c.refusal)) << log.constData();
+        }
+        const int pins = c.pins.isEmpty() ? 0 : 2;
+        EXPECT_EQ(log.count("pinned keys in force (EDRPINNEDKEY): " + QByteArray::number(pins)), 1)
+            << log.constData();
+    }
+}
+
+// A pinned server asks for a TLS 1.2 renegotiation, having switched to a key
+// the CA vouches for but the pin does not name, and sends an order right
+// after: the connection is dropped and the order never handed over.
+TEST(ServerSocketThread, TlsRenegotiationDropsTheConnection)
+{
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    ScratchPrefix prefix;
+    TlsTestPeer server;
+    prefix.pointAtServer(1, server.port(), 0, tlsKeys(*certs, certs->serverPin));
+    ServerSocketThread thread;
+    aim(thread, server.port());
+    QSignalSpy messages(&thread, &ServerSocketThread::messageRecieved);
+    thread.start();
+    const auto stop = qScopeGuard([&] {
+        thread.requestStop();
+        thread.wait();
+    });
+    ASSERT_TRUE(server.accept(certs->serverCert, certs->serverKey, true, 10000));
+    ASSERT_TRUE(server.read().startsWith("Connect#$#$"));
+    ASSERT_TRUE(server.write("RPT#$#7#$#0"));
+    ASSERT_TRUE(waitUntil([&] { return messages.count() == 1; }, 10000));
+
+    server.requestRenegotiation(certs->secondCert, certs->secondKey);
+    server.write("ACT#$#3#$#1|4242|r7");
+    EXPECT_TRUE(thread.wait(10000));
+    EXPECT_EQ(messages.count(), 1);
+    EXPECT_TRUE(
+        prefix.traceLog().contains("TLS connection to 127.0.0.1 dropped: the server asked to renegotiate"))
+        << prefix.traceLog().constData();
 }
 
 // The starter clears the stop before start(); the run itself must not, or a
