@@ -109,13 +109,44 @@ std::optional<QString> categoryOf(const QString& route, const QJsonObject& body)
     return it->second;
 }
 
+QString problemWith(const QString& category, const QJsonObject& body)
+{
+    // The list each report holds; those marked optional are left out when empty.
+    static const std::map<QString, std::vector<std::pair<const char*, bool>>> lists{
+        {QStringLiteral("software"), {{"InstallSoft", false}}},
+        {QStringLiteral("services"), {{"Services", false}}},
+        {QStringLiteral("startup"), {{"Startup_Apps", false}}},
+        {QStringLiteral("processes"), {{"Process", false}}},
+        {QStringLiteral("network"), {{"ListeningPorts", true}, {"TCPConnections", true}}},
+        {QStringLiteral("hardware"), {{"Users", true}}}};
+    const auto it = lists.find(category);
+    if (it != lists.end()) {
+        for (const auto& [key, optional] : it->second) {
+            const QJsonValue v = body.value(QLatin1String(key));
+            if (v.isUndefined() && optional)
+                continue;
+            if (!v.isArray())
+                return QStringLiteral("\"%1\" is not a list").arg(QLatin1String(key));
+            for (const QJsonValue& e : v.toArray())
+                if (!e.isObject())
+                    return QStringLiteral("\"%1\" holds something else than objects").arg(QLatin1String(key));
+        }
+    }
+    if (category == QLatin1String("agent"))
+        for (auto f = body.begin(); f != body.end(); ++f)
+            if (!f.value().isString())
+                return QStringLiteral("\"%1\" is not a string").arg(f.key());
+    return QString();
+}
+
 Items itemsOf(const QString& category, const QJsonObject& body)
 {
     Items items;
     if (category == QLatin1String("software")) {
+        // A flatpak's Name is its title; the package name is its application id.
         eachObject(body, "InstallSoft", [&](const QJsonObject& p) {
-            const QString name = str(p, "Name").isEmpty() ? str(p, "PackageName") : str(p, "Name");
-            put(items, name, without(p, {"Name", "PackageName"}));
+            const QString name = str(p, "PackageName").isEmpty() ? str(p, "Name") : str(p, "PackageName");
+            put(items, name, without(p, {"PackageName"}));
         });
     } else if (category == QLatin1String("services")) {
         eachObject(body, "Services", [&](const QJsonObject& s) {
@@ -185,8 +216,7 @@ std::vector<Package> packagesOf(const Items& items)
 {
     std::vector<Package> out;
     for (const auto& [key, fields] : items)
-        out.push_back({key, str(fields, "Version"),
-                       str(fields, "Vendor").isEmpty() ? QStringLiteral("dpkg") : str(fields, "Vendor")});
+        out.push_back({key, str(fields, "Version"), str(fields, "Vendor")});
     return out;
 }
 

@@ -23,6 +23,10 @@ const QStringList& categories();
 // or nothing for routes that carry no snapshot (order results, registration).
 std::optional<QString> categoryOf(const QString& route, const QJsonObject& body);
 
+// Why a body cannot be a report of its category (the list it must hold is
+// missing or not a list of objects); empty when it can.
+QString problemWith(const QString& category, const QJsonObject& body);
+
 // Natural key -> the item's compared fields. Volatile fields (a service's
 // main PID, a user's password age) are left out so they make no change rows.
 using Items = std::map<QString, QJsonObject>;
@@ -38,7 +42,8 @@ std::vector<Change> diff(const Items& before, const Items& after);
 
 // What the console keeps per host for search, read from the items.
 struct Package {
-    QString name, version, source;
+    QString name, version;
+    QString source; // the vendor (maintainer) where the report names one
 };
 struct Port {
     QString protocol, address;

@@ -92,12 +92,17 @@ public:
     {
         if (!m_s)
             return *this;
-        if (v.isNull()) {
-            sqlite3_bind_null(m_s, ++m_arg);
-            return *this;
-        }
         const QByteArray u = v.toUtf8();
         sqlite3_bind_text(m_s, ++m_arg, u.constData(), u.size(), SQLITE_TRANSIENT);
+        return *this;
+    }
+    // NULL for an empty text: "not given" to the queries that ask "?N IS NULL".
+    Query& maybe(const QString& v)
+    {
+        if (!v.isEmpty())
+            return bind(v);
+        if (m_s)
+            sqlite3_bind_null(m_s, ++m_arg);
         return *this;
     }
     Query& blob(const QByteArray& v)
@@ -327,7 +332,7 @@ bool rebuildCurrent(Db& db, qint64 host, const QString& category, const ReportIt
         const QJsonValue pub = it == items.end() ? QJsonValue() : it->second.value(QLatin1String("public"));
         Query(db, "INSERT OR REPLACE INTO firewall(host_id, enabled) VALUES(?,?)")
             .bind(host)
-            .bind(pub.isBool() ? QString::number(pub.toBool() ? 1 : 0) : QString())
+            .maybe(pub.isBool() ? QString::number(pub.toBool() ? 1 : 0) : QString())
             .run();
     }
     return db.error() == 0;
@@ -591,6 +596,12 @@ int Store::recordPost(qint64 host, const QString& route, const QByteArray& body)
             return 200;
         });
     }
+    const QString problem = ReportItems::problemWith(*category, parsed);
+    if (!problem.isEmpty()) {
+        std::fprintf(stderr, "edr-console: host %lld posted to %s no %s report: %s\n", host,
+                     qPrintable(route), qPrintable(*category), qPrintable(problem));
+        return 400;
+    }
     const QByteArray canonical = QJsonDocument(parsed).toJson(QJsonDocument::Compact);
     const QString hash =
         QString::fromLatin1(QCryptographicHash::hash(canonical, QCryptographicHash::Sha256).toHex());
@@ -601,10 +612,10 @@ int Store::recordPost(qint64 host, const QString& route, const QByteArray& body)
         Query(db, "UPDATE hosts SET last_seen=?, hostname=coalesce(?, hostname), ip=coalesce(?, ip), "
                   "os=coalesce(?, os), agent_version=coalesce(?, agent_version) WHERE id=?")
             .bind(time)
-            .bind(facts.hostname.isEmpty() ? QString() : facts.hostname)
-            .bind(facts.ip.isEmpty() ? QString() : facts.ip)
-            .bind(facts.os.isEmpty() ? QString() : facts.os)
-            .bind(facts.agentVersion.isEmpty() ? QString() : facts.agentVersion)
+            .maybe(facts.hostname)
+            .maybe(facts.ip)
+            .maybe(facts.os)
+            .maybe(facts.agentVersion)
             .bind(host)
             .run();
         // A report order is done by the report it asked for.
@@ -659,8 +670,8 @@ int Store::recordPost(qint64 host, const QString& route, const QByteArray& body)
                     .bind(cat)
                     .bind(c.change)
                     .bind(c.key)
-                    .bind(c.oldValue.isNull() ? QString() : QString::fromUtf8(compact(c.oldValue)))
-                    .bind(c.newValue.isNull() ? QString() : QString::fromUtf8(compact(c.newValue)))
+                    .maybe(QString::fromUtf8(compact(c.oldValue)))
+                    .maybe(QString::fromUtf8(compact(c.newValue)))
                     .run();
         }
         rebuildCurrent(db, host, cat, items);
@@ -720,7 +731,7 @@ int Store::addOrder(qint64 host, const QJsonObject& order, QJsonObject* created)
                   "VALUES(?,?,?,?,'','queued',?)")
             .bind(host)
             .bind(kind)
-            .bind(kind == QLatin1String("report") ? arg : QString())
+            .maybe(kind == QLatin1String("report") ? arg : QString())
             .bind(QString::fromUtf8(QJsonDocument(order).toJson(QJsonDocument::Compact)))
             .bind(now())
             .run();
@@ -756,7 +767,7 @@ void Store::markSent(qint64 order, bool answered)
         Query(db, "UPDATE orders SET state=?, sent=?, finished=? WHERE id=? AND state='queued'")
             .bind(answered ? QStringLiteral("sent") : QStringLiteral("done"))
             .bind(time)
-            .bind(answered ? QString() : time)
+            .maybe(answered ? QString() : time)
             .bind(order)
             .run();
         return 200;
@@ -853,7 +864,7 @@ QJsonArray Store::changes(qint64 host, const QString& category, const QString& s
         Query q(db, "SELECT time, category, change, key, old, new FROM changes WHERE host_id=?1 "
                     "AND (?2 IS NULL OR category=?2) AND (?3 IS NULL OR time>=?3) "
                     "ORDER BY id DESC LIMIT 10000");
-        q.bind(host).bind(category).bind(since);
+        q.bind(host).maybe(category).maybe(since);
         while (q.next())
             out.append(QJsonObject{{QStringLiteral("time"), q.text(0)},
                                    {QStringLiteral("category"), q.text(1)},
@@ -871,7 +882,7 @@ QJsonArray Store::snapshots(qint64 host, const QString& category) const
         QJsonArray out;
         Query q(db, "SELECT category, first_seen, last_seen, hash FROM runs WHERE host_id=?1 "
                     "AND (?2 IS NULL OR category=?2) ORDER BY id DESC");
-        q.bind(host).bind(category);
+        q.bind(host).maybe(category);
         while (q.next())
             out.append(QJsonObject{{QStringLiteral("category"), q.text(0)},
                                    {QStringLiteral("firstSeen"), q.text(1)},
@@ -941,7 +952,7 @@ QJsonArray Store::search(const QString& kind, const QString& value, const QStrin
         Query q(db, sql);
         q.bind(value);
         if (kind == QLatin1String("package") || kind == QLatin1String("service"))
-            q.bind(extra.isEmpty() ? QString() : extra);
+            q.maybe(extra);
         while (q.next()) {
             if (q.i64(0) != currentId) {
                 flush();
