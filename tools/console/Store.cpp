@@ -348,13 +348,20 @@ QByteArray bodyOf(Db& db, const QString& hash)
 
 std::unique_ptr<Store> Store::open(const QString& dataDir, const Options& options, QString* error)
 {
-    if (!QDir().mkpath(dataDir)) {
+    if (!options.readOnly && !QDir().mkpath(dataDir)) {
         *error = QStringLiteral("cannot create %1").arg(dataDir);
         return nullptr;
     }
     std::unique_ptr<Store> s(new Store);
     s->m_dir = QDir(dataDir).absolutePath();
     s->m_options = options;
+    if (options.readOnly) {
+        if (!QFile::exists(s->m_dir + QStringLiteral("/console.db"))) {
+            *error = QStringLiteral("no database in %1").arg(s->m_dir);
+            return nullptr;
+        }
+        return s;
+    }
     const QByteArray lockPath = QFile::encodeName(s->m_dir + QStringLiteral("/console.lock"));
     s->m_lockFd = ::open(lockPath.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (s->m_lockFd < 0 || ::flock(s->m_lockFd, LOCK_EX | LOCK_NB) != 0) {
@@ -424,6 +431,8 @@ Store::~Store()
 
 int Store::write(std::function<int(Db&)> run)
 {
+    if (!m_writer)
+        return 503;
     auto job = std::make_unique<Job>();
     job->run = std::move(run);
     std::future<int> done = job->done.get_future();
@@ -439,6 +448,8 @@ int Store::write(std::function<int(Db&)> run)
 
 void Store::writeLater(std::function<int(Db&)> run)
 {
+    if (!m_writer)
+        return;
     auto job = std::make_unique<Job>();
     job->run = std::move(run);
     job->waited = false;

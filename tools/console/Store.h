@@ -32,7 +32,8 @@ public:
     struct Options {
         int keepDays = 90;
         int keepProcessDays = 7;
-        bool journal = false; // keep every agent request as it came (tests, debugging)
+        bool journal = false;  // keep every agent request as it came (tests, debugging)
+        bool readOnly = false; // look only: no lock, no migration, no writes (beside a running console)
     };
     // Takes DIR/console.lock (a second console on DIR fails here), opens and
     // migrates the database. Null with the reason in *error.

@@ -207,6 +207,7 @@ int main(int argc, char** argv)
         return 2;
     }
 
+    storeOptions.readOnly = parser.isSet(summaryOpt);
     QString error;
     std::unique_ptr<Store> opened = Store::open(parser.value(dataOpt), storeOptions, &error);
     if (!opened) {
