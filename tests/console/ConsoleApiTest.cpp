@@ -10,6 +10,9 @@
 
 #include <httplib.h>
 
+#include <atomic>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 using namespace edrtest;
@@ -224,4 +227,38 @@ TEST(ConsoleApi, BadInputOnEveryRouteLosesNothing)
     const auto summary = runConsole({"--data", console.dataDir(), "--summary"});
     EXPECT_EQ(summary.first, 0);
     EXPECT_TRUE(summary.second.startsWith("host 1 ")) << summary.second.constData();
+}
+
+// Killed outright while agents post: the database opens again with every
+// report that was answered.
+TEST(ConsoleApi, KilledMidWriteKeepsEveryAnsweredReport)
+{
+    QTemporaryDir data;
+    ConsoleProcess console({"--data", data.path()});
+    ASSERT_TRUE(console.isRunning());
+    const QString token = registerHost(console);
+    const QByteArray body = fixture("console/software-before.json");
+    std::atomic<int> answered{0};
+    std::atomic<bool> stop{false};
+    std::thread poster([&] {
+        // Each body differs (one version), so each answered one is a run of its own.
+        for (int i = 0; !stop; ++i) {
+            QByteArray next = body;
+            next.replace("\"Version\": \"3.134\"", "\"Version\": \"3.134+" + QByteArray::number(i) + "\"");
+            if (post(console, "machineInfo/addInstallSoft", next, token) != 200)
+                return;
+            ++answered;
+        }
+    });
+    ASSERT_TRUE(waitUntil([&] { return answered >= 30; }, 60000));
+    console.kill();
+    stop = true;
+    poster.join();
+
+    ConsoleProcess again({"--data", data.path()});
+    ASSERT_TRUE(again.isRunning());
+    const int runs = again.api("GET", "/api/hosts/1/snapshots?category=software").json().toArray().size();
+    EXPECT_GE(runs, answered.load());
+    EXPECT_LE(runs, answered.load() + 1); // one may have been stored as the kill cut its answer
+    EXPECT_EQ(post(again, "machineInfo/addInstallSoft", body, token), 200) << "the token survives too";
 }

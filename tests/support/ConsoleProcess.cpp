@@ -159,6 +159,12 @@ int ConsoleProcess::stop()
     return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
 }
 
+void ConsoleProcess::kill()
+{
+    m_process.kill();
+    m_process.waitForFinished(15000);
+}
+
 QByteArray ConsoleProcess::output() const
 {
     return const_cast<QProcess&>(m_process).readAll();

@@ -46,6 +46,7 @@ public:
               const QList<QPair<QByteArray, QByteArray>>& headers = {}) const;
     // Sends SIGTERM and waits for the exit; the exit code, or -1.
     int stop();
+    void kill(); // SIGKILL, and waits for it
     QByteArray output() const;
     QJsonArray connections() const;
     QJsonArray socketMessages() const;
