@@ -262,3 +262,38 @@ TEST(ConsoleApi, KilledMidWriteKeepsEveryAnsweredReport)
     EXPECT_LE(runs, answered.load() + 1); // one may have been stored as the kill cut its answer
     EXPECT_EQ(post(again, "machineInfo/addInstallSoft", body, token), 200) << "the token survives too";
 }
+
+// A schedule edit is what agents download next, and can queue a reload for a
+// host; a bad edit changes nothing.
+TEST(ConsoleApi, ScheduleEditIsServedToAgents)
+{
+    ConsoleProcess console;
+    ASSERT_TRUE(console.isRunning());
+    const QString token = registerHost(console);
+    const QJsonArray defaults = console.api("GET", "/api/schedule").json()["tasks"].toArray();
+    ASSERT_EQ(defaults.size(), 25);
+    EXPECT_EQ(defaults[3]["interval"].toInt(), 180);
+
+    const auto saved =
+        console.api("PUT", "/api/schedule",
+                    R"({"tasks":[{"name":"Processes","interval":60,"enabled":false}],"reload":1})");
+    ASSERT_EQ(saved.status, 200) << saved.body.constData();
+    const QJsonArray orders = saved.json()["orders"].toArray();
+    ASSERT_EQ(orders.size(), 1);
+    const QJsonObject reload =
+        console.api("GET", "/api/orders/" + QByteArray::number(orders[0].toInt())).json().toObject();
+    EXPECT_EQ(reload["text"].toString(), QStringLiteral("MOD#$#AGENT_CONFIG_CHANGE"));
+    EXPECT_EQ(reload["state"].toString(), QStringLiteral("queued")); // the host has no push connection
+
+    httplib::Client agent("127.0.0.1", console.httpPort());
+    const auto served = agent.Get("/api/v1/settings/getConfigFile", {{"Authorization", token.toStdString()}});
+    ASSERT_TRUE(served);
+    EXPECT_NE(served->body.find(
+                  "<Processes><Enabled>0</Enabled><Run_on_Start>1</Run_on_Start><Interval>60</Interval>"),
+              std::string::npos)
+        << served->body;
+    EXPECT_EQ(console.api("PUT", "/api/schedule", R"({"tasks":[{"name":"Processes","interval":-5}]})").status,
+              400);
+    EXPECT_EQ(console.api("PUT", "/api/schedule", R"({"tasks":[],"reload":99})").status, 404);
+    EXPECT_EQ(console.api("GET", "/api/schedule").json()["tasks"][3]["interval"].toInt(), 60);
+}
