@@ -87,8 +87,6 @@ TEST(ConsoleApi, SnapshotsChangesAndSearch)
 
     const QJsonArray runs = console.api("GET", "/api/hosts/1/snapshots?category=software").json().toArray();
     ASSERT_EQ(runs.size(), 2) << "an equal report extends the run it belongs to";
-    EXPECT_GT(runs[1].toObject().value("lastSeen").toString(),
-              runs[1].toObject().value("firstSeen").toString());
     const auto snapshot =
         console.api("GET", "/api/hosts/1/snapshots/" + runs[0].toObject().value("hash").toString().toUtf8());
     EXPECT_EQ(snapshot.status, 200);

@@ -176,7 +176,7 @@ QByteArray compact(const QJsonValue& v)
 
 // Numbered migrations; PRAGMA user_version says how many have run.
 const char* const kMigrations[] = {
-    R"(CREATE TABLE hosts(id INTEGER PRIMARY KEY, token TEXT NOT NULL UNIQUE, agent_id TEXT, peer TEXT,
+    R"(CREATE TABLE hosts(id INTEGER PRIMARY KEY AUTOINCREMENT, token TEXT NOT NULL UNIQUE, agent_id TEXT, peer TEXT,
          hostname TEXT, ip TEXT, os TEXT, agent_version TEXT, first_seen TEXT NOT NULL, last_seen TEXT NOT NULL);
        CREATE TABLE blobs(hash TEXT PRIMARY KEY, size INTEGER NOT NULL, data BLOB NOT NULL) WITHOUT ROWID;
        CREATE TABLE runs(id INTEGER PRIMARY KEY, host_id INTEGER NOT NULL REFERENCES hosts ON DELETE CASCADE,
@@ -211,7 +211,7 @@ const char* const kMigrations[] = {
        CREATE TABLE users(host_id INTEGER NOT NULL REFERENCES hosts ON DELETE CASCADE, name TEXT,
          PRIMARY KEY(host_id, name)) WITHOUT ROWID;
        CREATE TABLE firewall(host_id INTEGER PRIMARY KEY REFERENCES hosts ON DELETE CASCADE, enabled INTEGER);
-       CREATE TABLE orders(id INTEGER PRIMARY KEY, host_id INTEGER NOT NULL REFERENCES hosts ON DELETE CASCADE,
+       CREATE TABLE orders(id INTEGER PRIMARY KEY AUTOINCREMENT, host_id INTEGER NOT NULL REFERENCES hosts ON DELETE CASCADE,
          kind TEXT NOT NULL, arg TEXT, request TEXT, text TEXT NOT NULL, state TEXT NOT NULL,
          created TEXT NOT NULL, sent TEXT, finished TEXT, result TEXT);
        CREATE INDEX orders_state ON orders(state);
@@ -618,7 +618,30 @@ int Store::recordPost(qint64 host, const QString& route, const QByteArray& body)
         QString::fromLatin1(QCryptographicHash::hash(canonical, QCryptographicHash::Sha256).toHex());
     const ReportItems::HostFacts facts = ReportItems::factsOf(*category, parsed);
     const QString cat = *category;
-    return write([=](Db& db) {
+    // Most reports repeat the last one; a new one is compressed and split
+    // into items here, on the request's thread, not on the writer's.
+    struct Prepared {
+        QByteArray blob;
+        ReportItems::Items items;
+        bool ready = false;
+    };
+    auto prepared = std::make_shared<Prepared>();
+    const auto prepare = [prepared, canonical, cat, parsed] {
+        if (prepared->ready)
+            return;
+        prepared->blob = qCompress(canonical);
+        prepared->items = ReportItems::itemsOf(cat, parsed);
+        prepared->ready = true;
+    };
+    {
+        std::unique_lock<std::mutex> lock(m_latestMutex);
+        const auto it = m_latest.find({host, cat});
+        const bool repeated = it != m_latest.end() && it->second == hash;
+        lock.unlock();
+        if (!repeated)
+            prepare();
+    }
+    const int status = write([=](Db& db) {
         const QString time = now();
         Query(db, "UPDATE hosts SET last_seen=?, hostname=coalesce(?, hostname), ip=coalesce(?, ip), "
                   "os=coalesce(?, os), agent_version=coalesce(?, agent_version) WHERE id=?")
@@ -652,10 +675,11 @@ int Store::recordPost(qint64 host, const QString& route, const QByteArray& body)
                 }
             }
         }
+        prepare();
         Query(db, "INSERT OR IGNORE INTO blobs(hash, size, data) VALUES(?,?,?)")
             .bind(hash)
             .bind(canonical.size())
-            .blob(qCompress(canonical))
+            .blob(prepared->blob)
             .run();
         Query(db, "INSERT INTO runs(host_id, category, hash, first_seen, last_seen) VALUES(?,?,?,?,?)")
             .bind(host)
@@ -670,7 +694,7 @@ int Store::recordPost(qint64 host, const QString& route, const QByteArray& body)
             .bind(cat)
             .bind(run)
             .run();
-        const ReportItems::Items items = ReportItems::itemsOf(cat, parsed);
+        const ReportItems::Items& items = prepared->items;
         if (!previous.isEmpty() && cat != QLatin1String("processes")) {
             const QJsonObject before = QJsonDocument::fromJson(bodyOf(db, previous)).object();
             for (const ReportItems::Change& c : ReportItems::diff(ReportItems::itemsOf(cat, before), items))
@@ -688,6 +712,11 @@ int Store::recordPost(qint64 host, const QString& route, const QByteArray& body)
         rebuildCurrent(db, host, cat, items);
         return 200;
     });
+    if (status == 200) {
+        std::lock_guard<std::mutex> lock(m_latestMutex);
+        m_latest[{host, cat}] = hash;
+    }
+    return status;
 }
 
 void Store::touch(qint64 host)

@@ -107,4 +107,7 @@ private:
 
     mutable std::mutex m_tokenMutex;
     std::map<QString, qint64> m_tokens;
+
+    std::mutex m_latestMutex; // a hint only: the hash each host's category had last
+    std::map<std::pair<qint64, QString>, QString> m_latest;
 };
