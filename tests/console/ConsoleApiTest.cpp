@@ -295,3 +295,23 @@ TEST(ConsoleApi, ScheduleEditIsServedToAgents)
     EXPECT_EQ(console.api("PUT", "/api/schedule", R"({"tasks":[],"reload":99})").status, 404);
     EXPECT_EQ(console.api("GET", "/api/schedule").json()["tasks"][3]["interval"].toInt(), 60);
 }
+
+// An order for a host that never connects expires after --order-ttl.
+TEST(ConsoleApi, QueuedOrderExpires)
+{
+    ConsoleProcess console({"--order-ttl", "1s"});
+    ASSERT_TRUE(console.isRunning());
+    ASSERT_FALSE(registerHost(console).isEmpty());
+    const int id = console.api("POST", "/api/hosts/1/orders", R"({"kind":"update"})").json()["id"].toInt();
+    QJsonObject order;
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            order = console.api("GET", "/api/orders/" + QByteArray::number(id)).json().toObject();
+            return order["state"] != QStringLiteral("queued");
+        },
+        30000));
+    EXPECT_EQ(order["state"].toString(), QStringLiteral("expired"));
+    EXPECT_TRUE(order["sent"].isNull());
+    EXPECT_FALSE(order["finished"].toString().isEmpty());
+    EXPECT_EQ(runConsole({"--data", console.dataDir() + "-x", "--order-ttl", "soon"}).first, 2);
+}

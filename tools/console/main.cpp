@@ -440,7 +440,7 @@ int main(int argc, char** argv)
             store.prune();
             lastPrune = now;
         }
-        if (now - lastExpiry > std::chrono::seconds(5)) {
+        if (now - lastExpiry > std::chrono::seconds(1)) {
             store.expireOrders(static_cast<int>(std::min<qint64>(orderTtl, INT32_MAX)));
             lastExpiry = now;
         }
