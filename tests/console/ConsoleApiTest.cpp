@@ -141,6 +141,12 @@ TEST(ConsoleApi, AdminRequestsThatMayNotChangeAnything)
               403);
     EXPECT_EQ(console.api("POST", "/api/hosts/1/orders", order, {{"Origin", own + "0"}}).status, 403);
     EXPECT_EQ(console.api("DELETE", "/api/hosts/1", "{}", {{"Origin", "null"}}).status, 403);
+    // A page whose name was pointed at 127.0.0.1 reads nothing either.
+    EXPECT_EQ(console
+                  .api("GET", "/api/hosts", {},
+                       {{"Host", "rebound.example:" + QByteArray::number(console.adminPort())}})
+                  .status,
+              403);
     EXPECT_EQ(console.api("POST", "/api/hosts/1/orders", order, {{"Origin", own}}).status, 201);
     EXPECT_EQ(console
                   .api("POST", "/api/hosts/1/orders",
@@ -149,7 +155,7 @@ TEST(ConsoleApi, AdminRequestsThatMayNotChangeAnything)
               413);
     EXPECT_EQ(console.api("GET", "/api/hosts/1/orders").json().toArray().size(), 1);
     const QJsonArray audit = console.api("GET", "/api/audit").json().toArray();
-    ASSERT_EQ(audit.size(), 7);
+    ASSERT_EQ(audit.size(), 7); // the refused read is no change
     EXPECT_EQ(audit[1]["outcome"].toString(), QStringLiteral("queued order 1"));
     EXPECT_EQ(audit[1]["source"].toString(), QStringLiteral("127.0.0.1"));
     EXPECT_TRUE(audit[2]["outcome"].toString().startsWith("refused: "))

@@ -104,6 +104,12 @@ AdminApi::AdminApi(Store& store, Options options, std::function<std::set<qint64>
 
 AdminApi::~AdminApi() = default;
 
+bool AdminApi::isLoopbackListener() const
+{
+    return m_options.listen.rfind("127.", 0) == 0 || m_options.listen == "::1" ||
+           m_options.listen == "localhost";
+}
+
 bool AdminApi::valid() const
 {
     return m_server->is_valid();
@@ -137,28 +143,30 @@ void AdminApi::routes()
         const bool changes = req.method != "GET" && req.method != "HEAD" && req.method != "OPTIONS";
         QString refusal;
         int status = 0;
-        if (!m_options.token.empty() &&
-            !sameSecret(req.get_header_value("Authorization"), "Bearer " + m_options.token)) {
+        const std::string port = ":" + std::to_string(m_port);
+        const std::string host = req.get_header_value("Host");
+        // On loopback, a request naming another host is a page whose name was
+        // pointed at 127.0.0.1 (DNS rebinding): it gets nothing.
+        const bool loopbackName =
+            host == "127.0.0.1" + port || host == "localhost" + port || host == "[::1]" + port;
+        if (isLoopbackListener() && !loopbackName) {
+            status = 403;
+            refusal = QStringLiteral("the admin API answers to 127.0.0.1, localhost and [::1] only");
+        } else if (!m_options.token.empty() &&
+                   !sameSecret(req.get_header_value("Authorization"), "Bearer " + m_options.token)) {
             status = 401;
             refusal = QStringLiteral("a bearer token is needed");
             res.set_header("WWW-Authenticate", "Bearer");
         } else if (changes && req.get_header_value("Content-Type").rfind("application/json", 0) != 0) {
             status = 415;
             refusal = QStringLiteral("state-changing requests take Content-Type: application/json");
-        } else if (changes && req.has_header("Origin")) {
-            // A browser names the page that sent the request: only our own pages may change anything.
-            const std::string scheme = m_options.tlsCert.empty() ? "http://" : "https://";
-            const std::string port = ":" + std::to_string(m_port);
-            const std::string origin = req.get_header_value("Origin");
-            const bool loopback = m_options.listen == "127.0.0.1" || m_options.listen == "::1";
-            const bool ours = origin == scheme + m_options.listen + port ||
-                              (m_options.listen == "::1" && origin == scheme + "[::1]" + port) ||
-                              (loopback && (origin == scheme + "localhost" + port ||
-                                            origin == scheme + "127.0.0.1" + port));
-            if (!ours) {
-                status = 403;
-                refusal = QStringLiteral("requests from another origin are refused");
-            }
+        } else if (changes && req.has_header("Origin") &&
+                   req.get_header_value("Origin") !=
+                       (m_options.tlsCert.empty() ? "http://" : "https://") + host) {
+            // A browser names the page that sent the request: only the admin
+            // listener's own pages may change anything.
+            status = 403;
+            refusal = QStringLiteral("requests from another origin are refused");
         }
         if (!status)
             return R::Unhandled;

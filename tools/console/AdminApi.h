@@ -38,6 +38,7 @@ public:
 
 private:
     void routes();
+    bool isLoopbackListener() const;
 
     Store& m_store;
     Options m_options;
