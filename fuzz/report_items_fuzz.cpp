@@ -18,9 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                                          "machineInfo/addNwMonitoring", "machineInfo/addInstallSoft",
                                          "firewall/firewallStatus",     "settings/InvSettingsOutput"};
     const QString route = QLatin1String(routes[data[0] % (sizeof routes / sizeof routes[0])]);
-    const QJsonObject body =
-        QJsonDocument::fromJson(QByteArray(reinterpret_cast<const char*>(data) + 1, static_cast<int>(size - 1)))
-            .object();
+    const QJsonObject body = QJsonDocument::fromJson(QByteArray(reinterpret_cast<const char*>(data) + 1,
+                                                                static_cast<int>(size - 1)))
+                                 .object();
     const auto category = ReportItems::categoryOf(route, body);
     QString error;
     (void)Orders::commandText(body, 1, &error);

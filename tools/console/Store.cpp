@@ -233,6 +233,11 @@ sqlite3* openConnection(const QString& path, bool readOnly)
         return nullptr;
     }
     sqlite3_busy_timeout(db, 5000);
+    // A fleet's database outgrows SQLite's 2 MB default cache early; pages are
+    // read through a shared mapping instead of a copy per connection.
+    sqlite3_exec(db, readOnly ? "PRAGMA cache_size=-16384" : "PRAGMA cache_size=-65536", nullptr, nullptr,
+                 nullptr);
+    sqlite3_exec(db, "PRAGMA mmap_size=1073741824", nullptr, nullptr, nullptr);
     sqlite3_exec(db, "PRAGMA foreign_keys=ON", nullptr, nullptr, nullptr);
     return db;
 }
