@@ -92,6 +92,9 @@ TEST(AgentConsole, FullLifecycleOverTls)
     ASSERT_TRUE(waitUntil([&] { return !handshake().isEmpty(); }, 30000)) << agent.log().constData();
     EXPECT_TRUE(handshake().startsWith("Connect#$#$") && handshake().endsWith("#$#$" + token))
         << qPrintable(handshake());
+    // The admin API speaks TLS too, and knows the host by that connection.
+    EXPECT_TRUE(
+        waitUntil([&] { return console.api("GET", "/api/hosts").json()[0]["online"].toBool(); }, 10000));
     ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
     ASSERT_TRUE(console.waitForRequests(kInfo, 2, 20000));
     EXPECT_TRUE(waitUntil(
