@@ -298,9 +298,13 @@ TEST(AgentConsole, TwoAgentsThroughTheAdminApi)
                         "' ] && printf 'org.example.Probe\\t1.2\\t1.0 MB\\tProbe\\tA probe\\n'\nexit 0\n");
     AgentProcess first, second;
     first.setEnv(QStringLiteral("PATH"), tools.path() + QLatin1Char(':') + qEnvironmentVariable("PATH"));
+    // One after the other, so the first is host 1.
     for (AgentProcess* agent : {&first, &second}) {
+        const int before = console.api("GET", "/api/hosts").json().toArray().size();
         agent->writeServerIni(console.httpPort(), console.socketPort(), 0);
         ASSERT_TRUE(agent->start());
+        ASSERT_TRUE(waitUntil(
+            [&] { return console.api("GET", "/api/hosts").json().toArray().size() > before; }, 30000));
     }
     const QStringList wanted{"agent", "network", "services", "software"};
     const auto ready = [&](int id) {
