@@ -14,7 +14,9 @@
 
 #include <cstdio>
 #include <fcntl.h>
+#include <set>
 #include <sys/file.h>
+#include <tuple>
 #include <unistd.h>
 #include <unordered_map>
 
@@ -273,23 +275,46 @@ QJsonObject orderRow(const Query& q)
 #define ORDER_COLUMNS "id, host_id, kind, text, state, created, sent, finished, result"
 
 // The current-state tables of one category, rebuilt from its items.
-bool rebuildCurrent(Db& db, qint64 host, const QString& category, const ReportItems::Items& items)
+bool rebuildCurrent(Db& db, qint64 host, const QString& category, const ReportItems::Items& items,
+                    const ReportItems::Items* before)
 {
     using namespace ReportItems;
     if (category == QLatin1String("software")) {
-        Query(db, "DELETE FROM host_packages WHERE host_id=?").bind(host).run();
-        for (const Package& p : packagesOf(items)) {
+        // A host's packages change a few at a time: touch only those rows, as
+        // every row is also an entry in the by-package index search reads.
+        const auto titlesOf = [](const Items& from) {
+            std::set<std::tuple<QString, QString, QString>> out;
+            for (const Package& p : packagesOf(from))
+                out.emplace(p.name, p.version, p.source);
+            return out;
+        };
+        const auto now = titlesOf(items);
+        const auto was = before ? titlesOf(*before) : decltype(now)();
+        if (!before)
+            Query(db, "DELETE FROM host_packages WHERE host_id=?").bind(host).run();
+        for (const auto& [name, version, source] : was)
+            if (!now.count({name, version, source}))
+                Query(db, "DELETE FROM host_packages WHERE host_id=? AND title_id=(SELECT id FROM titles "
+                          "WHERE name=? AND version=? AND source=?)")
+                    .bind(host)
+                    .bind(name)
+                    .bind(version)
+                    .bind(source)
+                    .run();
+        for (const auto& [name, version, source] : now) {
+            if (was.count({name, version, source}))
+                continue;
             Query(db, "INSERT OR IGNORE INTO titles(name, version, source) VALUES(?,?,?)")
-                .bind(p.name)
-                .bind(p.version)
-                .bind(p.source)
+                .bind(name)
+                .bind(version)
+                .bind(source)
                 .run();
             Query(db, "INSERT OR IGNORE INTO host_packages(host_id, title_id) SELECT ?, id FROM titles "
                       "WHERE name=? AND version=? AND source=?")
                 .bind(host)
-                .bind(p.name)
-                .bind(p.version)
-                .bind(p.source)
+                .bind(name)
+                .bind(version)
+                .bind(source)
                 .run();
         }
     } else if (category == QLatin1String("network")) {
@@ -700,9 +725,10 @@ int Store::recordPost(qint64 host, const QString& route, const QByteArray& body)
             .bind(run)
             .run();
         const ReportItems::Items& items = prepared->items;
+        std::optional<ReportItems::Items> before;
         if (!previous.isEmpty() && cat != QLatin1String("processes")) {
-            const QJsonObject before = QJsonDocument::fromJson(bodyOf(db, previous)).object();
-            for (const ReportItems::Change& c : ReportItems::diff(ReportItems::itemsOf(cat, before), items))
+            before = ReportItems::itemsOf(cat, QJsonDocument::fromJson(bodyOf(db, previous)).object());
+            for (const ReportItems::Change& c : ReportItems::diff(*before, items))
                 Query(db, "INSERT INTO changes(host_id, time, category, change, key, old, new) "
                           "VALUES(?,?,?,?,?,?,?)")
                     .bind(host)
@@ -714,7 +740,7 @@ int Store::recordPost(qint64 host, const QString& route, const QByteArray& body)
                     .maybe(QString::fromUtf8(compact(c.newValue)))
                     .run();
         }
-        rebuildCurrent(db, host, cat, items);
+        rebuildCurrent(db, host, cat, items, before ? &*before : nullptr);
         return 200;
     });
     if (status == 200) {
