@@ -62,6 +62,8 @@ public:
         std::fprintf(stderr, "edr-console: database: %s\n", sqlite3_errmsg(m_db));
     }
     int error() const { return m_error; }
+    // Package title ids the writer has seen; dropped with any rolled-back work.
+    std::unordered_map<QString, qint64> titleIds;
     void clearError() { m_error = 0; }
     // The HTTP status a failed job answers with.
     int failStatus() const { return (m_error & 0xff) == SQLITE_FULL ? 503 : 500; }
@@ -290,33 +292,37 @@ bool rebuildCurrent(Db& db, qint64 host, const QString& category, const ReportIt
         };
         const auto now = titlesOf(items);
         const auto was = before ? titlesOf(*before) : decltype(now)();
-        if (!before)
-            Query(db, "DELETE FROM host_packages WHERE host_id=?").bind(host).run();
-        for (const auto& [name, version, source] : was)
-            if (!now.count({name, version, source}))
-                Query(db, "DELETE FROM host_packages WHERE host_id=? AND title_id=(SELECT id FROM titles "
-                          "WHERE name=? AND version=? AND source=?)")
-                    .bind(host)
-                    .bind(name)
-                    .bind(version)
-                    .bind(source)
-                    .run();
-        for (const auto& [name, version, source] : now) {
-            if (was.count({name, version, source}))
-                continue;
+        const auto titleId = [&db](const QString& name, const QString& version, const QString& source) {
+            const QString key = name + QLatin1Char('\x1f') + version + QLatin1Char('\x1f') + source;
+            const auto known = db.titleIds.find(key);
+            if (known != db.titleIds.end())
+                return known->second;
             Query(db, "INSERT OR IGNORE INTO titles(name, version, source) VALUES(?,?,?)")
                 .bind(name)
                 .bind(version)
                 .bind(source)
                 .run();
-            Query(db, "INSERT OR IGNORE INTO host_packages(host_id, title_id) SELECT ?, id FROM titles "
-                      "WHERE name=? AND version=? AND source=?")
-                .bind(host)
-                .bind(name)
-                .bind(version)
-                .bind(source)
-                .run();
-        }
+            Query q(db, "SELECT id FROM titles WHERE name=? AND version=? AND source=?");
+            q.bind(name).bind(version).bind(source);
+            const qint64 id = q.next() ? q.i64(0) : -1;
+            if (id >= 0)
+                db.titleIds.emplace(key, id);
+            return id;
+        };
+        if (!before)
+            Query(db, "DELETE FROM host_packages WHERE host_id=?").bind(host).run();
+        for (const auto& [name, version, source] : was)
+            if (!now.count({name, version, source}))
+                Query(db, "DELETE FROM host_packages WHERE host_id=? AND title_id=?")
+                    .bind(host)
+                    .bind(titleId(name, version, source))
+                    .run();
+        for (const auto& [name, version, source] : now)
+            if (!was.count({name, version, source}))
+                Query(db, "INSERT OR IGNORE INTO host_packages(host_id, title_id) VALUES(?,?)")
+                    .bind(host)
+                    .bind(titleId(name, version, source))
+                    .run();
     } else if (category == QLatin1String("network")) {
         Query(db, "DELETE FROM ports WHERE host_id=?").bind(host).run();
         for (const Port& p : portsOf(items))
@@ -520,6 +526,7 @@ void Store::writerLoop()
                 if (status[i] >= 500) {
                     db.clearError();
                     db.exec("ROLLBACK TO job");
+                    db.titleIds.clear();
                 }
                 db.exec("RELEASE job");
                 db.clearError();
@@ -527,6 +534,7 @@ void Store::writerLoop()
             if (!db.exec("COMMIT")) {
                 const int failed = db.failStatus();
                 db.exec("ROLLBACK");
+                db.titleIds.clear();
                 for (int& s : status)
                     s = failed;
             }
