@@ -32,7 +32,6 @@ bool ensureSignalPipe()
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot create the signal pipe; stopping");
         return false;
     }
-    StopRequest::setSignalFd(g_signalPipe[0]);
     return true;
 }
 } // namespace
@@ -67,10 +66,13 @@ void ignoreUnixSignals(std::initializer_list<int> signalList)
         ::signal(sig, SIG_IGN);
 }
 
-// Async-signal context: nothing but a write to the self-pipe.
+// Async-signal context: a stop raises the flag blocking work polls; the
+// self-pipe tells the main thread which signal came.
 void signal_handler(int sig)
 {
     const int saved = errno;
+    if (sig == SIGTERM || sig == SIGHUP)
+        StopRequest::request();
     const unsigned char byte = static_cast<unsigned char>(sig);
     if (g_signalPipe[1] >= 0) {
         ssize_t rc = ::write(g_signalPipe[1], &byte, 1);
