@@ -151,10 +151,11 @@ void ServiceHost::start()
         m_notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, this);
         connect(m_notifier, &QSocketNotifier::activated, this, &ServiceHost::onSignalPipe);
     }
-    // Taken before anything is posted, and held for the process's life.
+    // Taken before anything is posted, and held for the process's life; a
+    // flush holding it now lets go within minutes at most.
     Outbox* outbox = Outbox::getInstance();
     outbox->setLimits(Outbox::configuredLimits());
-    outbox->lockAndScan();
+    outbox->openWhenFree(Common::scaledMs(1000));
     // The start sequence runs inside the event loop so a termination signal
     // is honoured at any moment of it, registration retries included.
     QTimer::singleShot(0, this, &ServiceHost::attemptRegistration);
@@ -210,8 +211,7 @@ bool ServiceHost::registerWithServer(AgentManager& agent)
 void ServiceHost::continueStartup()
 {
     // Registered: what waits from earlier runs may go out now.
-    if (Outbox* outbox = Outbox::active())
-        outbox->enableReplay();
+    Outbox::getInstance()->enableReplay();
     if (TasksManager* tasks = TasksManager::getInstance())
         tasks->sendReportToServer(TasksManager::AgentInfo, QString());
     if (SocketManager* sockets = SocketManager::getInstance()) {
