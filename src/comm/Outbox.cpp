@@ -82,6 +82,22 @@ QByteArray describe(const Outbox::Entry& e)
            " bytes)";
 }
 
+QStringList readGoneList(const QString& path)
+{
+    QStringList names;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return names;
+    for (const QByteArray& line : file.read(1 << 20).split('\n')) {
+        quint64 seq = 0;
+        int task = 0;
+        const QString name = QFile::decodeName(line.trimmed());
+        if (parseName(name, &seq, &task))
+            names.append(name);
+    }
+    return names;
+}
+
 qint64 limitFrom(const EdrAgentConfig& config, const char* key, qint64 fallback, qint64 ceiling)
 {
     const QString text = config.getSetting(QString::fromLatin1(key)).trimmed();
@@ -422,15 +438,9 @@ bool Outbox::removeGone()
 
 void Outbox::loadGone()
 {
-    QFile file(goneListPath());
-    if (!file.open(QIODevice::ReadOnly))
-        return;
-    static const QRegularExpression valid(QStringLiteral("^\\d{10}-\\d{2}\\.rpt$"));
-    for (const QByteArray& line : file.readAll().split('\n')) {
-        const QString name = QFile::decodeName(line.trimmed());
-        if (valid.match(name).hasMatch() && !m_gone.contains(name))
+    for (const QString& name : readGoneList(goneListPath()))
+        if (!m_gone.contains(name))
             m_gone.append(name);
-    }
     if (!m_gone.isEmpty())
         EDR_LOG->Info(Q_FUNC_INFO, "%d files in %s were delivered or superseded before and are not sent",
                       static_cast<int>(m_gone.size()), local(m_dir).constData());
@@ -657,7 +667,10 @@ QList<Outbox::Entry> Outbox::inspect(const QString& directory, QStringList* prob
     const QDir dir(directory);
     const QStringList names =
         dir.entryList({QStringLiteral("*.rpt")}, QDir::Files | QDir::System, QDir::Name);
+    const QStringList gone = readGoneList(directory + QStringLiteral(".gone"));
     for (const QString& name : names) {
+        if (gone.contains(name))
+            continue;
         const Check check = checkFile(directory, name, std::numeric_limits<qint64>::max() / 2, nullptr);
         if (check.entry)
             entries.append(*check.entry);

@@ -247,6 +247,11 @@ TEST(OutboxEndToEnd, DeliveredFileThatCannotBeRemovedIsNeverSentAgain)
     ASSERT_TRUE(console.waitForRequests(kResultRoute, 2, 30000)) << agent.log().constData();
     flush(agent);
     ASSERT_TRUE(agent.waitForLog("Delivery of pending reports requested", 30000));
+    QProcess listing; // nor does the outbox command list it
+    listing.start(QStringLiteral(EDR_AGENT_BIN),
+                  {QStringLiteral("--prefix"), agent.prefix(), QStringLiteral("outbox")});
+    ASSERT_TRUE(listing.waitForFinished(30000));
+    EXPECT_EQ(listing.readAllStandardOutput(), "No pending reports.\n");
 
     agent.signal(SIGTERM);
     ASSERT_TRUE(agent.waitForExit(20000));
