@@ -330,8 +330,16 @@ void Outbox::scan()
             }
             continue;
         }
-        if (!name.endsWith(QLatin1String(".rpt")) || m_gone.contains(name))
+        if (!name.endsWith(QLatin1String(".rpt")))
             continue;
+        if (m_gone.contains(name)) {
+            // Its number is not used again: a new file must never take its name.
+            quint64 seq = 0;
+            int task = 0;
+            if (parseName(name, &seq, &task))
+                m_lastSeq = qMax(m_lastSeq, seq);
+            continue;
+        }
         const Check check = checkFile(m_dir, name, m_limits.maxBytes, nullptr);
         if (!check.entry) {
             moveAside(name, check.problem);
