@@ -3,10 +3,12 @@
 #include "core/CLogger.h"
 #include "core/Common.h"
 #include "core/StopRequest.h"
+#include "core/UniqueFd.h"
 
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMutexLocker>
@@ -220,26 +222,30 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode,
     QByteArray formText;
     QByteArray jsonText;
 
+    if (jsonBody) {
+        jsonText = HttpManager::jsonBody(fields);
+    } else {
+        QString text;
+        for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
+            text += it.key() + QLatin1Char('=') + it.value() + QLatin1Char('&');
+        if (text.endsWith(QLatin1Char('&')))
+            text.chop(1);
+        formText = QUrl::toPercentEncoding(text, QByteArrayLiteral("&:/.=$-"));
+    }
+
+    // The copy is for inspection only: a directory removed meanwhile is made
+    // again, and a copy that cannot be written changes nothing of the request.
     const QString copyPath = requestCopyPath(url);
     QFile::remove(copyPath);
     QFile copy(copyPath);
-    if (!copy.open(QIODevice::ReadWrite)) {
-        // The body is only built when its copy could be written; the request
-        // still goes out, without its fields.
+    bool opened = copy.open(QIODevice::ReadWrite);
+    if (!opened && QDir().mkpath(QFileInfo(copyPath).path()))
+        opened = copy.open(QIODevice::ReadWrite);
+    if (!opened) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to open file for write: %s", qUtf8Printable(copyPath));
     } else {
         copy.write(url.toUtf8());
         copy.write("\n");
-        if (jsonBody) {
-            jsonText = HttpManager::jsonBody(fields);
-        } else {
-            QString text;
-            for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
-                text += it.key() + QLatin1Char('=') + it.value() + QLatin1Char('&');
-            if (text.endsWith(QLatin1Char('&')))
-                text.chop(1);
-            formText = QUrl::toPercentEncoding(text, QByteArrayLiteral("&:/.=$-"));
-        }
         copy.write(formText);
         copy.close();
     }
@@ -349,19 +355,18 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode,
 
 bool HttpManager::checkPort(const char* ip, int port)
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, port == 23838 ? 0 : IPPROTO_TCP);
-    if (fd < 0)
+    const UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, port == 23838 ? 0 : IPPROTO_TCP));
+    if (!socket)
         return false;
+    const int fd = socket.get();
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port));
     addr.sin_addr.s_addr = inet_addr(ip);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
 
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 && errno != EINPROGRESS) {
-        ::close(fd);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 && errno != EINPROGRESS)
         return false;
-    }
     // poll, not select: a descriptor number past FD_SETSIZE is fine here.
     pollfd p{fd, POLLOUT, 0};
     int n;
@@ -374,7 +379,6 @@ bool HttpManager::checkPort(const char* ip, int port)
     socklen_t len = sizeof soError;
     if (reachable && (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len) != 0 || soError != 0))
         reachable = false;
-    ::close(fd);
     return reachable;
 }
 

@@ -10,7 +10,7 @@
 #include <QFileInfo>
 #include <QMap>
 #include <QRegularExpression>
-#include <QTimer>
+#include <QSaveFile>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +18,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits>
+#include <memory>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -81,6 +82,22 @@ QByteArray describe(const Outbox::Entry& e)
            " bytes)";
 }
 
+QStringList readGoneList(const QString& path)
+{
+    QStringList names;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return names;
+    for (const QByteArray& line : file.read(1 << 20).split('\n')) {
+        quint64 seq = 0;
+        int task = 0;
+        const QString name = QFile::decodeName(line.trimmed());
+        if (parseName(name, &seq, &task))
+            names.append(name);
+    }
+    return names;
+}
+
 qint64 limitFrom(const EdrAgentConfig& config, const char* key, qint64 fallback, qint64 ceiling)
 {
     const QString text = config.getSetting(QString::fromLatin1(key)).trimmed();
@@ -118,13 +135,23 @@ Outbox* Outbox::active()
 Outbox::Outbox(const QString& directory, QObject* parent)
     : QObject(parent), m_dir(directory.isEmpty() ? defaultDirectory() : directory)
 {
+    m_lockRetry.setSingleShot(false);
+    connect(&m_lockRetry, &QTimer::timeout, this, [this] {
+        if (!tryLock())
+            return;
+        m_lockRetry.stop();
+        EDR_LOG->Info("void Outbox::openWhenFree(int)",
+                      "Took the lock of pending directory %s: failed posts are kept from now on",
+                      local(m_dir).constData());
+        scheduleReplay();
+    });
+    connect(&m_goneRetry, &QTimer::timeout, this, [this] {
+        if (removeGone())
+            scheduleReplay();
+    });
 }
 
-Outbox::~Outbox()
-{
-    if (m_lockFd >= 0)
-        ::close(m_lockFd);
-}
+Outbox::~Outbox() = default;
 
 QString Outbox::defaultDirectory()
 {
@@ -157,49 +184,66 @@ qint64 Outbox::totalBytes() const
 
 bool Outbox::lockAndScan()
 {
+    m_lastLockError.clear();
+    return tryLock();
+}
+
+void Outbox::openWhenFree(int intervalMs)
+{
+    if (lockAndScan())
+        return;
+    EDR_LOG->Info(Q_FUNC_INFO, "Trying again every %d ms to take pending directory %s", intervalMs,
+                  local(m_dir).constData());
+    m_lockRetry.start(intervalMs);
+}
+
+// The same failure again (a retry while a flush holds the lock) is not logged again.
+void Outbox::lockFailed(int err, const QByteArray& text)
+{
+    if (text != m_lastLockError)
+        EDR_LOG->Error("bool Outbox::lockAndScan()", err, "%s", text.constData());
+    m_lastLockError = text;
+}
+
+bool Outbox::tryLock()
+{
     if (isOpen())
         return true;
     const QByteArray dir = local(m_dir);
     struct stat st {
     };
     if (::lstat(dir.constData(), &st) == 0 && !S_ISDIR(st.st_mode)) {
-        EDR_LOG->Error(
-            Q_FUNC_INFO, ENOTDIR,
-            "Pending directory %s is not a directory (or is a symbolic link); failed posts cannot be kept",
-            dir.constData());
+        lockFailed(ENOTDIR, "Pending directory " + dir +
+                                " is not a directory (or is a symbolic link); failed posts cannot be kept");
         return false;
     }
     if (!QDir().mkpath(m_dir)) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot create pending directory %s; failed posts cannot be kept",
-                       dir.constData());
+        lockFailed(errno, "Cannot create pending directory " + dir + "; failed posts cannot be kept");
         return false;
     }
     const QByteArray lockPath = dir + '/' + kLockName;
-    const int fd = ::open(lockPath.constData(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot open %s; failed posts cannot be kept",
-                       lockPath.constData());
+    UniqueFd fd(::open(lockPath.constData(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd) {
+        lockFailed(errno, "Cannot open " + lockPath + "; failed posts cannot be kept");
         return false;
     }
-    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
         const int err = errno;
         char buf[32] = {};
-        const ssize_t n = ::pread(fd, buf, sizeof buf - 1, 0);
+        const ssize_t n = ::pread(fd.get(), buf, sizeof buf - 1, 0);
         m_lockHolder = n > 0 ? QByteArray(buf, static_cast<int>(n)).trimmed().toLongLong() : 0;
-        ::close(fd);
-        EDR_LOG->Error(
-            Q_FUNC_INFO, err,
-            "Pending directory %s is in use by another agent (pid %lld); this one keeps and replays "
-            "nothing",
-            dir.constData(), static_cast<long long>(m_lockHolder));
+        lockFailed(err, "Pending directory " + dir + " is in use by another agent (pid " +
+                            QByteArray::number(m_lockHolder) + "); this one keeps and replays nothing");
         return false;
     }
     const QByteArray pid = QByteArray::number(static_cast<qint64>(::getpid())) + '\n';
-    if (::ftruncate(fd, 0) != 0 ||
-        ::pwrite(fd, pid.constData(), static_cast<size_t>(pid.size()), 0) != pid.size())
+    if (::ftruncate(fd.get(), 0) != 0 ||
+        ::pwrite(fd.get(), pid.constData(), static_cast<size_t>(pid.size()), 0) != pid.size())
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot record this agent's pid in %s", lockPath.constData());
-    m_lockFd = fd;
+    m_lock = std::move(fd);
     m_lockHolder = 0;
+    m_lastLockError.clear();
+    loadGone();
     scan();
     return true;
 }
@@ -218,8 +262,8 @@ Outbox::Check Outbox::checkFile(const QString& directory, const QString& name, q
     const QByteArray path = local(directory + QLatin1Char('/') + name);
     // O_NOFOLLOW and O_NONBLOCK: a link is never followed out of the
     // directory and a FIFO never blocks.
-    const int fd = ::open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
+    const UniqueFd fd(::open(path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd) {
         check.problem =
             errno == ELOOP
                 ? QStringLiteral("a symbolic link")
@@ -228,8 +272,7 @@ Outbox::Check Outbox::checkFile(const QString& directory, const QString& name, q
     }
     struct stat st {
     };
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         check.problem = QStringLiteral("not a regular file");
         return check;
     }
@@ -237,15 +280,13 @@ Outbox::Check Outbox::checkFile(const QString& directory, const QString& name, q
                     Qt::Uninitialized);
     int headerBytes = 0;
     std::optional<PendingReport::Header> header;
-    if (readFully(fd, head.data(), head.size()))
+    if (readFully(fd.get(), head.data(), head.size()))
         header = PendingReport::parseHeader(head, &headerBytes);
     if (!header || header->task != nameTask) {
-        ::close(fd);
         check.problem = QStringLiteral("no pending-report header");
         return check;
     }
     if (header->length > maxBytes || headerBytes + header->length != st.st_size) {
-        ::close(fd);
         check.problem = QStringLiteral("claims %1 body bytes but holds %2")
                             .arg(header->length)
                             .arg(st.st_size - headerBytes);
@@ -253,15 +294,13 @@ Outbox::Check Outbox::checkFile(const QString& directory, const QString& name, q
     }
     if (body) {
         body->resize(static_cast<int>(header->length));
-        const bool ok =
-            ::lseek(fd, headerBytes, SEEK_SET) == headerBytes && readFully(fd, body->data(), header->length);
+        const bool ok = ::lseek(fd.get(), headerBytes, SEEK_SET) == headerBytes &&
+                        readFully(fd.get(), body->data(), header->length);
         if (!ok) {
-            ::close(fd);
             check.problem = QStringLiteral("short read");
             return check;
         }
     }
-    ::close(fd);
     entry.header = *header;
     entry.size = st.st_size;
     check.entry = entry;
@@ -274,10 +313,9 @@ void Outbox::scan()
     m_entries.clear();
     m_lastSeq = 0;
     QStringList names;
-    if (DIR* d = ::opendir(dir.constData())) {
-        while (dirent* e = ::readdir(d))
+    if (const std::unique_ptr<DIR, int (*)(DIR*)> d{::opendir(dir.constData()), ::closedir}) {
+        while (dirent* e = ::readdir(d.get()))
             names.append(QFile::decodeName(e->d_name));
-        ::closedir(d);
     } else {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot list pending directory %s", dir.constData());
         return;
@@ -294,6 +332,14 @@ void Outbox::scan()
         }
         if (!name.endsWith(QLatin1String(".rpt")))
             continue;
+        if (m_gone.contains(name)) {
+            // Its number is not used again: a new file must never take its name.
+            quint64 seq = 0;
+            int task = 0;
+            if (parseName(name, &seq, &task))
+                m_lastSeq = qMax(m_lastSeq, seq);
+            continue;
+        }
         const Check check = checkFile(m_dir, name, m_limits.maxBytes, nullptr);
         if (!check.entry) {
             moveAside(name, check.problem);
@@ -314,7 +360,7 @@ void Outbox::scan()
         const Entry& e = m_entries.at(i);
         if (e.header.kind == PendingReport::Kind::Snapshot && newestSnapshot.value(e.header.task) != i) {
             EDR_LOG->Info(Q_FUNC_INFO, "Removed superseded pending %s", describe(e).constData());
-            remove(i);
+            remove(Q_FUNC_INFO, i);
         }
     }
     enforceLimits(Q_FUNC_INFO, QString());
@@ -349,10 +395,81 @@ void Outbox::moveAside(const QString& name, const QString& why)
     }
 }
 
-void Outbox::remove(int index)
+void Outbox::remove(const char* origin, int index)
 {
-    ::unlink(local(m_dir + QLatin1Char('/') + m_entries.at(index).file).constData());
+    const QString name = m_entries.at(index).file;
     m_entries.removeAt(index);
+    removeFile(origin, name);
+}
+
+// A file that has left the queue but stays on disk would be sent again
+// after a restart, possibly after newer data: it is remembered, and
+// nothing more goes out until it could be removed.
+void Outbox::removeFile(const char* origin, const QString& name)
+{
+    const QByteArray path = local(m_dir + QLatin1Char('/') + name);
+    if (::unlink(path.constData()) == 0 || errno == ENOENT)
+        return;
+    EDR_LOG->Error(origin, errno,
+                   "Cannot remove %s, which is no longer pending; replay stops until the directory is "
+                   "writable again",
+                   path.constData());
+    if (!m_gone.contains(name))
+        m_gone.append(name);
+    saveGone();
+    if (!m_goneRetry.isActive())
+        m_goneRetry.start(Common::scaledMs(60000));
+}
+
+// True when nothing is left to remove.
+bool Outbox::removeGone()
+{
+    if (m_gone.isEmpty())
+        return true;
+    const int before = m_gone.size();
+    for (int i = m_gone.size() - 1; i >= 0; --i) {
+        const QByteArray path = local(m_dir + QLatin1Char('/') + m_gone.at(i));
+        if (::unlink(path.constData()) == 0 || errno == ENOENT)
+            m_gone.removeAt(i);
+    }
+    if (m_gone.size() == before)
+        return false;
+    saveGone();
+    if (!m_gone.isEmpty())
+        return false;
+    m_goneRetry.stop();
+    EDR_LOG->Info("bool Outbox::removeGone()",
+                  "Removed %d files from %s that were no longer pending; replay goes on", before,
+                  local(m_dir).constData());
+    return true;
+}
+
+void Outbox::loadGone()
+{
+    for (const QString& name : readGoneList(goneListPath()))
+        if (!m_gone.contains(name))
+            m_gone.append(name);
+    if (!m_gone.isEmpty())
+        EDR_LOG->Info(Q_FUNC_INFO, "%d files in %s were delivered or superseded before and are not sent",
+                      static_cast<int>(m_gone.size()), local(m_dir).constData());
+    if (!removeGone() && !m_goneRetry.isActive())
+        m_goneRetry.start(Common::scaledMs(60000));
+}
+
+// Kept beside the directory, which may be the part that is read-only.
+void Outbox::saveGone()
+{
+    if (m_gone.isEmpty()) {
+        QFile::remove(goneListPath());
+        return;
+    }
+    QSaveFile file(goneListPath());
+    QByteArray text;
+    for (const QString& name : qAsConst(m_gone))
+        text += local(name) + '\n';
+    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.commit())
+        EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot record %s: after a restart those files could go out again",
+                       qUtf8Printable(goneListPath()));
 }
 
 void Outbox::enforceLimits(const char* origin, const QString& spare)
@@ -376,7 +493,7 @@ void Outbox::enforceLimits(const char* origin, const QString& spare)
             static_cast<int>(m_entries.size()), static_cast<long long>(total), m_limits.maxFiles,
             static_cast<long long>(m_limits.maxBytes), describe(dropped).constData());
         total -= dropped.size;
-        remove(victim);
+        remove(origin, victim);
     }
 }
 
@@ -416,13 +533,14 @@ bool Outbox::keep(const char* origin, API_NAME route, const QByteArray& body, co
     // Temporary file, data synced, rename: after a crash or power loss the
     // file is there whole or not at all. The directory is not synced: losing
     // the newest rename is "not at all", and it would double the cost.
-    int fd = ::open(tempPath.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0 && errno == ENOENT && QDir().mkpath(m_dir))
-        fd = ::open(tempPath.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    bool ok = fd >= 0 && writeFully(fd, head.constData(), head.size()) &&
-              writeFully(fd, body.constData(), body.size()) && ::fdatasync(fd) == 0;
+    UniqueFd fd(::open(tempPath.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd && errno == ENOENT && QDir().mkpath(m_dir))
+        fd.reset(::open(tempPath.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    bool ok = fd && writeFully(fd.get(), head.constData(), head.size()) &&
+              writeFully(fd.get(), body.constData(), body.size()) && ::fdatasync(fd.get()) == 0;
     int err = errno;
-    if (fd >= 0 && ::close(fd) != 0 && ok) {
+    // A close that fails may have lost the data: checked, so the descriptor is handed over.
+    if (fd && ::close(fd.release()) != 0 && ok) {
         ok = false;
         err = errno;
     }
@@ -442,7 +560,7 @@ bool Outbox::keep(const char* origin, API_NAME route, const QByteArray& body, co
         for (int i = m_entries.size() - 1; i >= 0; --i)
             if (m_entries.at(i).header.kind == PendingReport::Kind::Snapshot &&
                 m_entries.at(i).header.task == header->task)
-                remove(i);
+                remove(origin, i);
     }
     m_entries.append(entry);
     EDR_LOG->Info(origin, "Kept %s for later delivery: %s", describe(entry).constData(),
@@ -468,7 +586,7 @@ void Outbox::onPosted(const char* origin, API_NAME route)
             if (e.header.kind == PendingReport::Kind::Snapshot && e.header.task == header->task) {
                 EDR_LOG->Info(origin, "Removed pending %s: a newer one reached the server",
                               describe(e).constData());
-                remove(i);
+                remove(origin, i);
             }
         }
     }
@@ -516,6 +634,8 @@ HttpManager::Outcome Outbox::post(API_NAME route, const QByteArray& body) const
 
 Outbox::Step Outbox::replayOne()
 {
+    if (!removeGone())
+        return Step::Stopped;
     while (!m_entries.isEmpty()) {
         const Entry head = m_entries.first();
         QByteArray body;
@@ -536,7 +656,7 @@ Outbox::Step Outbox::replayOne()
             return Step::Stopped;
         }
         m_entries.removeFirst();
-        ::unlink(local(m_dir + QLatin1Char('/') + entry.file).constData());
+        removeFile(Q_FUNC_INFO, entry.file);
         if (outcome.status >= 400) {
             // The server heard it and said no; sending it again would not change that.
             EDR_LOG->Error(Q_FUNC_INFO, EPROTO, "Server refused pending %s with HTTP %ld; dropped",
@@ -555,7 +675,10 @@ QList<Outbox::Entry> Outbox::inspect(const QString& directory, QStringList* prob
     const QDir dir(directory);
     const QStringList names =
         dir.entryList({QStringLiteral("*.rpt")}, QDir::Files | QDir::System, QDir::Name);
+    const QStringList gone = readGoneList(directory + QStringLiteral(".gone"));
     for (const QString& name : names) {
+        if (gone.contains(name))
+            continue;
         const Check check = checkFile(directory, name, std::numeric_limits<qint64>::max() / 2, nullptr);
         if (check.entry)
             entries.append(*check.entry);

@@ -9,6 +9,9 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
+
+#include "core/UniqueFd.h"
 
 #include <functional>
 
@@ -59,7 +62,11 @@ public:
     // Locks and scans the directory; false (with an Error line) when it
     // cannot be used. lockHolder() names the other agent when it is locked.
     bool lockAndScan();
-    bool isOpen() const { return m_lockFd >= 0; }
+    // The daemon's way in: locks now, or keeps trying every intervalMs on
+    // the event loop (a flush may hold the lock for minutes) and says so
+    // once it has the directory.
+    void openWhenFree(int intervalMs);
+    bool isOpen() const { return m_lock.valid(); }
     qint64 lockHolder() const { return m_lockHolder; }
     QString directory() const { return m_dir; }
 
@@ -81,8 +88,12 @@ public:
     void enableReplay();
     // Queues one replay step on the event loop (if allowed, not queued yet).
     void scheduleReplay();
-    // Sends the oldest file now (blocking for one post).
+    // Sends the oldest file now (blocking for one post). Nothing is sent
+    // while a delivered or superseded file could not be removed.
     Step replayOne();
+    // Files that left the queue but are still on disk (directory not
+    // writable); remembered beside the directory across restarts.
+    QStringList undeleted() const { return m_gone; }
 
     // Read-only look at a directory for the outbox command: nothing is
     // moved, locked or deleted. problems receives one line per odd file.
@@ -98,9 +109,16 @@ private:
     };
     static Check checkFile(const QString& directory, const QString& name, qint64 maxBytes, QByteArray* body);
     void scan();
+    bool tryLock();
+    void lockFailed(int err, const QByteArray& text);
     void moveAside(const QString& name, const QString& why);
     void enforceLimits(const char* origin, const QString& spare);
-    void remove(int index);
+    void remove(const char* origin, int index);
+    void removeFile(const char* origin, const QString& name);
+    bool removeGone();
+    void loadGone();
+    void saveGone();
+    QString goneListPath() const { return m_dir + QStringLiteral(".gone"); }
     HttpManager::Outcome post(API_NAME route, const QByteArray& body) const;
 
     static Outbox* s_instance;
@@ -110,8 +128,12 @@ private:
     Poster m_poster;
     QList<Entry> m_entries; // oldest first
     quint64 m_lastSeq = 0;
-    int m_lockFd = -1;
+    UniqueFd m_lock;
     qint64 m_lockHolder = 0;
+    QByteArray m_lastLockError; // said once while retrying
+    QTimer m_lockRetry;
+    QStringList m_gone;
+    QTimer m_goneRetry;
     bool m_replayAllowed = false;
     bool m_replayQueued = false;
 };

@@ -1,6 +1,7 @@
 #include "core/DataDirModes.h"
 
 #include "core/CLogger.h"
+#include "core/UniqueFd.h"
 
 #include <QDirIterator>
 #include <QFile>
@@ -17,16 +18,16 @@ namespace
 int restrict(const QString& path, bool directory)
 {
     const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | (directory ? O_DIRECTORY : 0);
-    const int fd = ::open(QFile::encodeName(path).constData(), flags);
-    if (fd < 0)
+    const UniqueFd fd(::open(QFile::encodeName(path).constData(), flags));
+    if (!fd)
         return 0;
     struct stat st {
     };
     int changed = 0;
     const mode_t wanted = directory ? 0700 : 0600;
-    if (::fstat(fd, &st) == 0 && (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) &&
+    if (::fstat(fd.get(), &st) == 0 && (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) &&
         (st.st_mode & 07777) != wanted) {
-        if (::fchmod(fd, wanted) == 0) {
+        if (::fchmod(fd.get(), wanted) == 0) {
             EDR_LOG->Info(Q_FUNC_INFO, "Mode of %s changed from %04o to %04o", qUtf8Printable(path),
                           static_cast<unsigned>(st.st_mode & 07777), static_cast<unsigned>(wanted));
             changed = 1;
@@ -34,7 +35,6 @@ int restrict(const QString& path, bool directory)
             EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot change the mode of %s", qUtf8Printable(path));
         }
     }
-    ::close(fd);
     return changed;
 }
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/UniqueFd.h"
 
 #include <QDir>
 #include <QFile>
@@ -54,11 +55,8 @@ bool EdrAgentConfig::write(const QString& key, const QString& value)
     QDir().mkpath(info.absolutePath());
     // Create the file 0600 before QSettings writes it: QSaveFile then keeps that
     // mode when it renames its temporary copy over the file.
-    if (!info.exists()) {
-        int fd = ::open(QFile::encodeName(file).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        if (fd >= 0)
-            ::close(fd);
-    }
+    if (!info.exists())
+        UniqueFd(::open(QFile::encodeName(file).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     QSettings settings(file, QSettings::IniFormat);
     settings.setAtomicSyncRequired(true);
     settings.setValue(key, value);

@@ -1,23 +1,19 @@
 #include "core/StopRequest.h"
 
 #include <atomic>
-#include <poll.h>
 
 namespace
 {
-std::atomic<int> g_fd{-1};
-}
+std::atomic<bool> g_stop{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
+} // namespace
 
-void StopRequest::setSignalFd(int fd)
+void StopRequest::request()
 {
-    g_fd.store(fd);
+    g_stop.store(true);
 }
 
 bool StopRequest::pending()
 {
-    const int fd = g_fd.load();
-    if (fd < 0)
-        return false;
-    pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, 0) > 0 && (p.revents & POLLIN);
+    return g_stop.load();
 }

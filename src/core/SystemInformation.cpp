@@ -1,5 +1,7 @@
 #include "core/SystemInformation.h"
 
+#include "core/UniqueFd.h"
+
 #include <QFile>
 
 #include <cerrno>
@@ -10,22 +12,19 @@
 bool SystemInformation::bootUniqueId(QString& id, const HostPaths& host)
 {
     const QByteArray path = QFile::encodeName(host.proc(QStringLiteral("sys/kernel/random/boot_id")));
-    int fd;
+    UniqueFd fd;
     do {
-        fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0)
+        fd.reset(::open(path.constData(), O_RDONLY | O_CLOEXEC));
+    } while (!fd && errno == EINTR);
+    if (!fd)
         return false;
 
     char buf[36];
     ssize_t n;
     do {
-        n = ::read(fd, buf, sizeof buf);
+        n = ::read(fd.get(), buf, sizeof buf);
     } while (n < 0 && errno == EINTR);
-    int rc;
-    do {
-        rc = ::close(fd);
-    } while (rc < 0 && errno == EINTR);
+    fd.reset();
 
     if (n != static_cast<ssize_t>(sizeof buf))
         return false;

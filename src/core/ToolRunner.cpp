@@ -2,6 +2,7 @@
 
 #include "core/CLogger.h"
 #include "core/StopRequest.h"
+#include "core/UniqueFd.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -31,11 +33,11 @@ bool groupGone(pid_t group)
 {
     if (::kill(-group, 0) != 0 && errno == ESRCH)
         return true;
-    DIR* proc = ::opendir("/proc");
+    const std::unique_ptr<DIR, int (*)(DIR*)> proc{::opendir("/proc"), ::closedir};
     if (!proc)
         return false;
     bool gone = true;
-    while (dirent* entry = ::readdir(proc)) {
+    while (dirent* entry = ::readdir(proc.get())) {
         if (entry->d_name[0] < '1' || entry->d_name[0] > '9')
             continue;
         QFile stat(QStringLiteral("/proc/") + QLatin1String(entry->d_name) + QStringLiteral("/stat"));
@@ -50,7 +52,6 @@ bool groupGone(pid_t group)
             break;
         }
     }
-    ::closedir(proc);
     return gone;
 }
 
@@ -147,15 +148,17 @@ ToolResult ToolRunner::run(const QString& program, const QStringList& arguments,
     // the short tools the reports run. The child leads a process group of its
     // own so whatever it starts can be ended with it; stdin and stderr are
     // /dev/null; SIGPIPE, which the agent ignores, is the default again.
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
         result.errorText = QString::fromLocal8Bit(std::strerror(errno));
         return result;
     }
+    UniqueFd readEnd(ends[0]);
+    UniqueFd writeEnd(ends[1]);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, writeEnd.get(), STDOUT_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
@@ -182,21 +185,20 @@ ToolResult ToolRunner::run(const QString& program, const QStringList& arguments,
     const int spawned = ::posix_spawn(&child, argv[0], &actions, &attributes, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
-    ::close(out[1]);
+    writeEnd.reset(); // the child's copy alone keeps the pipe open: its exit is our end of file
     if (spawned != 0) {
-        ::close(out[0]);
         result.errorText = QString::fromLocal8Bit(std::strerror(spawned));
         return result;
     }
     result.started = true;
-    ::fcntl(out[0], F_SETFL, ::fcntl(out[0], F_GETFL) | O_NONBLOCK);
+    ::fcntl(readEnd.get(), F_SETFL, ::fcntl(readEnd.get(), F_GETFL) | O_NONBLOCK);
 
     bool eof = false;
     // Everything the pipe holds now; false at end of file.
     auto drain = [&]() {
         char buffer[65536];
         for (;;) {
-            const ssize_t n = ::read(out[0], buffer, sizeof buffer);
+            const ssize_t n = ::read(readEnd.get(), buffer, sizeof buffer);
             if (n > 0) {
                 const qint64 room = maxOutput - result.standardOutput.size();
                 if (n > room) {
@@ -227,7 +229,7 @@ ToolResult ToolRunner::run(const QString& program, const QStringList& arguments,
             break;
         }
         if (!eof) {
-            pollfd p{out[0], POLLIN, 0};
+            pollfd p{readEnd.get(), POLLIN, 0};
             ::poll(&p, 1, static_cast<int>(qMin<qint64>(left, kSliceMs)));
             drain();
         } else {
@@ -245,7 +247,6 @@ ToolResult ToolRunner::run(const QString& program, const QStringList& arguments,
     if (result.timedOut || stopped) {
         endGroup(child);
         drain();
-        ::close(out[0]);
         if (result.timedOut)
             EDR_LOG->Error(Q_FUNC_INFO, ETIMEDOUT, "%s overran its time limit of %d ms and was killed",
                            qUtf8Printable(program), timeoutMs);
@@ -255,7 +256,6 @@ ToolResult ToolRunner::run(const QString& program, const QStringList& arguments,
     }
 
     drain();
-    ::close(out[0]);
     result.finished = true;
     result.crashed = WIFSIGNALED(status);
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

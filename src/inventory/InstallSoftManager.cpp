@@ -205,19 +205,15 @@ QVector<InstallSoftManager::Package> InstallSoftManager::parseDpkgStatus(const Q
     return packages;
 }
 
-int InstallSoftManager::openInfoDir() const
+UniqueFd InstallSoftManager::openInfoDir() const
 {
-    return ::open(QFile::encodeName(m_host.root(QStringLiteral("/var/lib/dpkg/info"))).constData(),
-                  O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return UniqueFd(::open(QFile::encodeName(m_host.root(QStringLiteral("/var/lib/dpkg/info"))).constData(),
+                           O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 QString InstallSoftManager::installDate(const Package& package) const
 {
-    const int dir = openInfoDir();
-    const QString date = installDate(package, dir);
-    if (dir >= 0)
-        ::close(dir);
-    return date;
+    return installDate(package, openInfoDir().get());
 }
 
 // Looked up relative to the open info directory: one path walk for the
@@ -264,11 +260,10 @@ bool InstallSoftManager::getInstalledSoftwares(QJsonObject& report)
     const QVector<Package> packages = parseDpkgStatus(status);
     QJsonArray array;
     ::tzset();
-    const int infoDir = openInfoDir();
+    const UniqueFd infoDir = openInfoDir();
     for (const Package& package : packages)
-        array.append(package.toJson(package.hasPackageLine ? installDate(package, infoDir) : QString()));
-    if (infoDir >= 0)
-        ::close(infoDir);
+        array.append(
+            package.toJson(package.hasPackageLine ? installDate(package, infoDir.get()) : QString()));
     SnapFlatpakCollector(m_host, m_runner).appendTo(array);
     if (array.isEmpty()) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Installed Software Not Found!");

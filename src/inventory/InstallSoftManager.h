@@ -2,6 +2,7 @@
 
 #include "core/HostPaths.h"
 #include "core/ToolRunner.h"
+#include "core/UniqueFd.h"
 
 #include <QByteArray>
 #include <QJsonObject>
@@ -53,7 +54,7 @@ public:
     static constexpr qint64 kMaxStatusBytes = 256 * 1024 * 1024;
 
 private:
-    int openInfoDir() const;
+    UniqueFd openInfoDir() const;
     QString installDate(const Package& package, int infoDir) const;
 
     static InstallSoftManager* s_instance;

@@ -33,7 +33,6 @@ bool ensureSignalPipe()
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Cannot create the signal pipe; stopping");
         return false;
     }
-    StopRequest::setSignalFd(g_signalPipe[0]);
     return true;
 }
 } // namespace
@@ -68,10 +67,13 @@ void ignoreUnixSignals(std::initializer_list<int> signalList)
         ::signal(sig, SIG_IGN);
 }
 
-// Async-signal context: nothing but a write to the self-pipe.
+// Async-signal context: a stop raises the flag blocking work polls; the
+// self-pipe tells the main thread which signal came.
 void signal_handler(int sig)
 {
     const int saved = errno;
+    if (sig == SIGTERM || sig == SIGHUP)
+        StopRequest::request();
     const unsigned char byte = static_cast<unsigned char>(sig);
     if (g_signalPipe[1] >= 0) {
         ssize_t rc = ::write(g_signalPipe[1], &byte, 1);
@@ -151,10 +153,11 @@ void ServiceHost::start()
         m_notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, this);
         connect(m_notifier, &QSocketNotifier::activated, this, &ServiceHost::onSignalPipe);
     }
-    // Taken before anything is posted, and held for the process's life.
+    // Taken before anything is posted, and held for the process's life; a
+    // flush holding it now lets go within minutes at most.
     Outbox* outbox = Outbox::getInstance();
     outbox->setLimits(Outbox::configuredLimits());
-    outbox->lockAndScan();
+    outbox->openWhenFree(Common::scaledMs(1000));
     // The start sequence runs inside the event loop so a termination signal
     // is honoured at any moment of it, registration retries included.
     QTimer::singleShot(0, this, &ServiceHost::attemptRegistration);
@@ -210,8 +213,7 @@ bool ServiceHost::registerWithServer(AgentManager& agent)
 void ServiceHost::continueStartup()
 {
     // Registered: what waits from earlier runs may go out now.
-    if (Outbox* outbox = Outbox::active())
-        outbox->enableReplay();
+    Outbox::getInstance()->enableReplay();
     if (TasksManager* tasks = TasksManager::getInstance())
         tasks->sendReportToServer(TasksManager::AgentInfo, QString());
     if (SocketManager* sockets = SocketManager::getInstance()) {

@@ -6,6 +6,7 @@
 #include "support/TestSupport.h"
 #include "support/TlsTestPeer.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryFile>
@@ -119,6 +120,33 @@ TEST_F(HttpTest, EachModeSendsItsExactBodyHeadersAndRequestCopy)
     EXPECT_EQ(HostPaths::readFile(copies + "addProcesses.json"),
               url("machineInfo/addProcesses").toUtf8() + "\n");
     EXPECT_EQ(HostPaths::readFile(copies + "form.json"), url("f/form").toUtf8() + "\na=1&b=x%20y");
+}
+
+// The request copy is for inspection only: reports/web removed meanwhile
+// comes back, and where no copy can be written the request is sent whole.
+TEST_F(HttpTest, RequestCopyThatCannotBeWrittenChangesNothingSent)
+{
+    const QString web = Common::getReportsPath() + QStringLiteral("/web");
+    const QMap<QString, QString> json{{QStringLiteral("data"), QStringLiteral("{\"a\": \"1\"}")}};
+    const QMap<QString, QString> form{{QStringLiteral("a"), QStringLiteral("1")}};
+    QString response;
+    ASSERT_TRUE(QDir(web).removeRecursively());
+    ASSERT_TRUE(http->sendDataToServer(true, url("machineInfo/addProcesses"), 3, json, response));
+    EXPECT_EQ(HostPaths::readFile(web + QStringLiteral("/addProcesses.json")),
+              url("machineInfo/addProcesses").toUtf8() + "\n");
+
+    ASSERT_TRUE(QDir(web).removeRecursively());
+    QFile blocker(web); // a file where the directory should be
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    ASSERT_TRUE(http->sendDataToServer(true, url("machineInfo/addProcesses"), 3, json, response));
+    ASSERT_TRUE(http->sendDataToServer(true, url("f/form"), 1, form, response));
+    EXPECT_TRUE(logHas("Failed to open file for write"));
+    const QList<RecordedRequest> rs = server.requests();
+    ASSERT_EQ(rs.size(), 3);
+    EXPECT_EQ(rs[0].body, "{\"a\": \"1\"}");
+    EXPECT_EQ(rs[1].body, "{\"a\": \"1\"}");
+    EXPECT_EQ(rs[2].body, "a=1");
 }
 
 // Any answer is taken whatever its status; a failure or an oversized answer leaves the response alone.

@@ -32,6 +32,7 @@ public:
         return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
     }
     int exitCode() const { return m_process.exitCode(); }
+    qint64 processId() const { return m_process.processId(); }
     void signal(int sig);
     QByteArray standardOutput() { return m_process.readAllStandardOutput(); }
     QByteArray standardError() { return m_process.readAllStandardError(); }

@@ -5,13 +5,19 @@
 #
 #   package-test.sh SOURCE_DIR BUILD_DIR
 #
+# EDR_SYSTEMD_SANDBOX names the sandbox tool (default ../shared/tools next to
+# the checkout, else systemd-sandbox on PATH). EDR_SYSTEST_DEB installs that
+# .deb instead of one built from BUILD_DIR.
+#
 # Exit 77 (skipped) where the sandbox cannot run. Installing changes this
 # machine's package database, so everything installed is purged on every way
-# out.
+# out. A check that leaves nothing to test (no package, no install, no unit)
+# ends the run at once; any failure prints the agent's and the sandbox's logs.
 set -uo pipefail
 src=$(cd "$1" && pwd)
 build=$(cd "$2" && pwd)
 sandbox_tool=${EDR_SYSTEMD_SANDBOX:-$src/../shared/tools/systemd-sandbox}
+[ -x "$sandbox_tool" ] || sandbox_tool=$(command -v systemd-sandbox || echo "$sandbox_tool")
 skip() { echo "SKIP: $*"; exit 77; }
 
 [ "$(id -u)" -eq 0 ] || skip "system tests need root"
@@ -25,12 +31,19 @@ if dpkg-query -W -f='${Status}' edr-agent 2>/dev/null | grep -q installed; then
   skip "edr-agent is installed on this machine; the system tests would purge it"
 fi
 
-work=$build/system-tests
-rm -rf "$work"
-mkdir -p "$work/src" "$work/debs" "$work/console"
+# The sandbox has /tmp, /run and /var/tmp of its own, and the checkout may be
+# under any of them: whatever it must see (the .deb, the policy-rc.d, the
+# updater's marker) lives under /var/lib, which it shares. Logs are copied to
+# the build tree at the end.
+work=$(mktemp -d /var/lib/edr-systest.XXXXXX) || { echo "FAIL - cannot create a work directory under /var/lib"; exit 1; }
+logs=$build/system-tests
+rm -rf "$logs"
+mkdir -p "$work/src" "$work/debs" "$work/console" "$logs"
 console_pid=""; sandbox=""
 failures=0
 check() { local what=$1; shift; if "$@"; then echo "ok - $what"; else echo "FAIL - $what"; failures=$((failures + 1)); return 1; fi; }
+# A failed check that leaves nothing meaningful to test after it.
+must() { check "$@" || { echo "Stopping: nothing after \"$1\" can pass."; exit 1; }; }
 in_sandbox() { "$sandbox_tool" run "$sandbox" "$@"; }
 
 # Polls CMD every 0.2 s for up to SECONDS seconds.
@@ -40,7 +53,24 @@ wait_for() {
   until "$@"; do [ $SECONDS -ge $end ] && return 1; sleep 0.2; done
 }
 
+diagnostics() {
+  echo "--- agent trace log (last 30 lines)"
+  tail -n 30 /var/lib/edr-agent/EDR_Track.log 2>/dev/null || echo "(none)"
+  if [ -n "$sandbox" ]; then
+    echo "--- journal of edr-agent.service (last 30 lines)"
+    in_sandbox journalctl --no-pager -q -n 30 -u edr-agent.service 2>&1
+    echo "--- sandbox journal (last 30 lines)"
+    in_sandbox journalctl --no-pager -q -n 30 2>&1
+  fi
+  for f in install.log package.log sandbox.err; do
+    [ -s "$work/$f" ] && { echo "--- $f (last 15 lines)"; tail -n 15 "$work/$f"; }
+  done
+}
+
 cleanup() {
+  local rc=$?
+  trap - EXIT
+  [ "$rc" -ne 0 ] && [ "$rc" -ne 77 ] && diagnostics
   if [ -n "$sandbox" ]; then
     in_sandbox dpkg --purge edr-agent >/dev/null 2>&1
     in_sandbox systemctl disable --now edr-systest.service >/dev/null 2>&1
@@ -50,20 +80,24 @@ cleanup() {
   rm -f /etc/systemd/system/edr-systest.service /etc/systemd/system/multi-user.target.wants/edr-systest.service
   dpkg-query -W edr-agent >/dev/null 2>&1 && dpkg --purge edr-agent >/dev/null 2>&1
   [ -n "$console_pid" ] && kill "$console_pid" 2>/dev/null && wait "$console_pid" 2>/dev/null
-  true
+  cp "$work"/*.log "$work"/*.out "$logs"/ 2>/dev/null
+  rm -rf "$work"
+  exit "$rc"
 }
 trap cleanup EXIT
 trap 'exit 1' INT TERM
 
 # --- the package, from the build tree ctest runs in (no second compile;
 # debian/build is a `make package` tree, not needed here)
-tar -C "$src" --exclude=debian/build -cf - debian packaging | tar -C "$work/src" -xf -
-if ! (cd "$work/src" && EDR_DEB_PREBUILT="$build" EDR_DEB_DESTDIR="$work/debs" \
+if [ -n "${EDR_SYSTEST_DEB:-}" ]; then
+  cp "$EDR_SYSTEST_DEB" "$work/debs/edr-agent_given_amd64.deb" || must "the given package $EDR_SYSTEST_DEB is readable" false
+else
+  tar -C "$src" --exclude=debian/build -cf - debian packaging | tar -C "$work/src" -xf -
+  (cd "$work/src" && EDR_DEB_PREBUILT="$build" EDR_DEB_DESTDIR="$work/debs" \
       dpkg-buildpackage -us -uc -b -d --buildinfo-file="$work/debs/x.buildinfo" \
       --changes-file="$work/debs/x.changes" --buildinfo-option=-u"$work/debs" \
-      --changes-option=-u"$work/debs") >"$work/package.log" 2>&1; then
-  tail -n 30 "$work/package.log"
-  echo "FAIL - the package builds"; exit 1
+      --changes-option=-u"$work/debs") >"$work/package.log" 2>&1
+  must "the package builds" test $? -eq 0
 fi
 deb=$(ls "$work"/debs/edr-agent_*.deb)
 
@@ -74,7 +108,7 @@ printf '<AgentInfo><Enabled>1</Enabled><Run_on_Start>1</Run_on_Start><Interval>1
 "$build/edr-console" --http-port 0 --socket-port 0 --data "$work/console" --schedule "$work/schedule.db" \
   --port-file "$work/ports.json" >"$work/console.out" 2>&1 &
 console_pid=$!
-wait_for 10 test -s "$work/ports.json" || { echo "FAIL - console starts"; exit 1; }
+must "console starts" wait_for 10 test -s "$work/ports.json"
 http_port=$(jq -r .http "$work/ports.json")
 socket_port=$(jq -r .socket "$work/ports.json")
 listen_port=$(( 20000 + RANDOM % 20000 ))
@@ -118,15 +152,15 @@ result_is() { [ "$(action_result "$1" | cut -d' ' -f1)" = "$2" ]; }
 # none, so inside the sandbox (its own mounts) it allows everything.
 if [ -e /usr/sbin/policy-rc.d ]; then
   printf '#!/bin/sh\nexit 0\n' >"$work/policy-rc.d"; chmod +x "$work/policy-rc.d"
-  in_sandbox mount --bind "$work/policy-rc.d" /usr/sbin/policy-rc.d
+  must "permissive policy-rc.d in the sandbox" in_sandbox mount --bind "$work/policy-rc.d" /usr/sbin/policy-rc.d
 fi
 
 # --- install: enabled and started, waiting for an address
 log_base=$(log | wc -l)
 in_sandbox dpkg -i "$deb" >"$work/install.log" 2>&1
-check "package installs" grep -q 'install ok installed' <(dpkg-query -W -f='${Status}' edr-agent 2>/dev/null)
-check "unit enabled on install" unit_is is-enabled edr-agent enabled
-check "unit active on install" wait_for 10 unit_is is-active edr-agent active
+must "package installs" grep -q 'install ok installed' <(dpkg-query -W -f='${Status}' edr-agent 2>/dev/null)
+must "unit enabled on install" unit_is is-enabled edr-agent enabled
+must "unit active on install" wait_for 10 unit_is is-active edr-agent active
 check "data directory is 0700" test "$(stat -c %a /var/lib/edr-agent)" = 700
 check "agent says it has no server address" wait_for 10 said_no_address
 t=$(stop_ms); check "stop while waiting for an address takes $t ms (<= 3000)" test "$t" -le 3000
@@ -144,7 +178,8 @@ EDRSPORT=$socket_port
 EDRSLPORT=$listen_port
 INI
 in_sandbox systemctl start edr-agent
-for route in machineInfo/registerAgent machineInfo/addMachineInfo machineInfo/addServicess machineInfo/addProcesses; do
+must "console receives machineInfo/registerAgent" wait_for 120 at_least machineInfo/registerAgent 1
+for route in machineInfo/addMachineInfo machineInfo/addServicess machineInfo/addProcesses; do
   check "console receives $route" wait_for 120 at_least "$route" 1
 done
 t=$(stop_ms); check "stop while running takes $t ms (<= 3000)" test "$t" -le 3000
@@ -239,7 +274,7 @@ check "purge leaves no unit" test -z "$(in_sandbox systemctl list-unit-files --n
 check "purge leaves no enablement link" test ! -e /etc/systemd/system/multi-user.target.wants/edr-agent.service
 
 if [ "$failures" -gt 0 ]; then
-  echo "$failures check(s) failed; agent log tail:"; log | tail -n 30
+  echo "$failures check(s) failed"
   exit 1
 fi
 echo "all system checks passed"
