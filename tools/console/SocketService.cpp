@@ -52,8 +52,8 @@ SSL* SocketService::acceptTls(Connection* c)
     SSL* ssl = SSL_new(m_tls);
     if (!ssl)
         return nullptr;
-    SSL_set_fd(ssl, c->fd);
-    ::fcntl(c->fd, F_SETFL, ::fcntl(c->fd, F_GETFL, 0) | O_NONBLOCK);
+    SSL_set_fd(ssl, c->fd.get());
+    ::fcntl(c->fd.get(), F_SETFL, ::fcntl(c->fd.get(), F_GETFL, 0) | O_NONBLOCK);
     for (int waited = 0; waited < 10000 && c->open && !m_stop; waited += 200) {
         const int rc = SSL_accept(ssl);
         if (rc == 1)
@@ -61,7 +61,7 @@ SSL* SocketService::acceptTls(Connection* c)
         const int err = SSL_get_error(ssl, rc);
         if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE)
             break;
-        pollfd p{c->fd, static_cast<short>(err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0};
+        pollfd p{c->fd.get(), static_cast<short>(err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0};
         ::poll(&p, 1, 200);
     }
     ERR_clear_error();
@@ -72,7 +72,8 @@ SSL* SocketService::acceptTls(Connection* c)
 bool SocketService::sendTo(Connection& c, const std::string& text)
 {
     if (!c.ssl)
-        return ::send(c.fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+        return ::send(c.fd.get(), text.data(), text.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(text.size());
     std::lock_guard<std::mutex> io(c.io);
     size_t done = 0;
     for (int tries = 0; done < text.size() && tries < 50; ++tries) {
@@ -83,7 +84,7 @@ bool SocketService::sendTo(Connection& c, const std::string& text)
         }
         if (SSL_get_error(c.ssl, 0) != SSL_ERROR_WANT_WRITE)
             break;
-        pollfd p{c.fd, POLLOUT, 0};
+        pollfd p{c.fd.get(), POLLOUT, 0};
         ::poll(&p, 1, 100);
     }
     ERR_clear_error();
@@ -92,20 +93,20 @@ bool SocketService::sendTo(Connection& c, const std::string& text)
 
 int SocketService::listen(const std::string& host, int port)
 {
-    m_listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_listenFd < 0)
+    m_listenFd.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!m_listenFd)
         return -1;
     int one = 1;
-    ::setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    ::setsockopt(m_listenFd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port));
     addr.sin_addr.s_addr = inet_addr(host.c_str());
-    if (::bind(m_listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::listen(m_listenFd, 16) != 0)
+    if (::bind(m_listenFd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        ::listen(m_listenFd.get(), 16) != 0)
         return -1;
     socklen_t len = sizeof addr;
-    ::getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&addr), &len);
+    ::getsockname(m_listenFd.get(), reinterpret_cast<sockaddr*>(&addr), &len);
     m_acceptor = std::thread([this] { acceptLoop(); });
     return ntohs(addr.sin_port);
 }
@@ -115,7 +116,7 @@ void SocketService::stop()
     if (m_stop.exchange(true))
         return;
     if (m_listenFd >= 0)
-        ::shutdown(m_listenFd, SHUT_RDWR);
+        ::shutdown(m_listenFd.get(), SHUT_RDWR);
     if (m_acceptor.joinable())
         m_acceptor.join();
     closeAll();
@@ -123,23 +124,22 @@ void SocketService::stop()
     for (auto& c : m_connections)
         if (c->reader.joinable())
             c->reader.join();
-    if (m_listenFd >= 0)
-        ::close(m_listenFd);
+    m_listenFd.reset();
 }
 
 void SocketService::acceptLoop()
 {
     while (!m_stop) {
-        pollfd p{m_listenFd, POLLIN, 0};
+        pollfd p{m_listenFd.get(), POLLIN, 0};
         if (::poll(&p, 1, 200) <= 0)
             continue;
         sockaddr_in peer{};
         socklen_t len = sizeof peer;
-        const int fd = ::accept4(m_listenFd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
+        const int fd = ::accept4(m_listenFd.get(), reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
         if (fd < 0)
             continue;
         auto c = std::make_unique<Connection>();
-        c->fd = fd;
+        c->fd.reset(fd);
         c->peer = inet_ntoa(peer.sin_addr);
         Connection* raw = c.get();
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -165,7 +165,7 @@ void SocketService::readLoop(Connection* c)
             std::unique_lock<std::mutex> io(c->io);
             if (SSL_pending(c->ssl) == 0) {
                 io.unlock();
-                pollfd p{c->fd, POLLIN, 0};
+                pollfd p{c->fd.get(), POLLIN, 0};
                 if (::poll(&p, 1, 200) == 0)
                     continue;
                 io.lock();
@@ -178,11 +178,11 @@ void SocketService::readLoop(Connection* c)
                 continue;
             n = err == SSL_ERROR_NONE ? static_cast<ssize_t>(got) : -1;
         } else {
-            pollfd p{c->fd, POLLIN, 0};
+            pollfd p{c->fd.get(), POLLIN, 0};
             const int ready = ::poll(&p, 1, 200);
             if (ready == 0)
                 continue;
-            n = ready > 0 ? ::recv(c->fd, buf, 4096, 0) : -1;
+            n = ready > 0 ? ::recv(c->fd.get(), buf, 4096, 0) : -1;
         }
         if (n <= 0)
             break;
@@ -204,8 +204,7 @@ void SocketService::readLoop(Connection* c)
         c->ssl = nullptr;
     }
     c->open = false;
-    ::close(c->fd);
-    c->fd = -1;
+    c->fd.reset();
 }
 
 void SocketService::record(Connection& c, const std::string& text)
@@ -277,8 +276,8 @@ int SocketService::closeAll()
     std::lock_guard<std::mutex> lock(m_mutex);
     int closed = 0;
     for (auto& c : m_connections) {
-        if (c->fd >= 0 && c->open) {
-            ::shutdown(c->fd, SHUT_RDWR);
+        if (c->fd && c->open) {
+            ::shutdown(c->fd.get(), SHUT_RDWR);
             ++closed;
         }
         c->open = false;

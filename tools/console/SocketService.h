@@ -1,5 +1,7 @@
 #pragma once
 
+#include "UniqueFd.h"
+
 #include <QJsonArray>
 #include <QString>
 
@@ -47,7 +49,7 @@ public:
 
 private:
     struct Connection {
-        int fd = -1;
+        UniqueFd fd;
         int id = 0;
         std::string peer;
         std::string handshake;
@@ -67,7 +69,7 @@ private:
     void record(Connection& c, const std::string& text);
 
     MessageHandler m_onMessage;
-    int m_listenFd = -1;
+    UniqueFd m_listenFd;
     SSL_CTX* m_tls = nullptr;
     std::atomic<bool> m_stop{false};
     std::thread m_acceptor;

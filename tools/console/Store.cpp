@@ -399,8 +399,8 @@ std::unique_ptr<Store> Store::open(const QString& dataDir, const Options& option
         return s;
     }
     const QByteArray lockPath = QFile::encodeName(s->m_dir + QStringLiteral("/console.lock"));
-    s->m_lockFd = ::open(lockPath.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (s->m_lockFd < 0 || ::flock(s->m_lockFd, LOCK_EX | LOCK_NB) != 0) {
+    s->m_lockFd.reset(::open(lockPath.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!s->m_lockFd || ::flock(s->m_lockFd.get(), LOCK_EX | LOCK_NB) != 0) {
         *error = QStringLiteral("another edr-console is using %1").arg(s->m_dir);
         return nullptr;
     }
@@ -461,8 +461,7 @@ Store::~Store()
         m_writerThread.join();
     m_readers.clear();
     m_writer.reset();
-    if (m_lockFd >= 0)
-        ::close(m_lockFd);
+    m_lockFd.reset();
 }
 
 int Store::write(std::function<int(Db&)> run)

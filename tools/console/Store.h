@@ -1,5 +1,7 @@
 #pragma once
 
+#include "UniqueFd.h"
+
 // The console's database (DIR/console.db, SQLite in WAL mode): hosts, report
 // snapshots stored once by content hash, change rows, the current state that
 // search reads, orders, the audit trail. The only code that speaks SQL.
@@ -94,7 +96,7 @@ private:
 
     QString m_dir;
     Options m_options;
-    int m_lockFd = -1;
+    UniqueFd m_lockFd;
     std::unique_ptr<Db> m_writer;
     std::thread m_writerThread;
     std::mutex m_queueMutex;
