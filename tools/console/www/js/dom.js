@@ -135,7 +135,7 @@ export function dataTable(columns, rows, opts = {}) {
     if (!shown.length) tbody.append(el('tr', {}, el('td', { colspan: columns.length, class: 'muted' }, 'Nothing to show')));
     [...headRow.children].forEach((th, i) =>
       th.setAttribute('aria-sort', i === sortIndex ? (descending ? 'descending' : 'ascending') : 'none'));
-    count.textContent = shown.length === rows.length ? `${rows.length} rows` : `${shown.length} of ${rows.length} rows`;
+    count.textContent = shown.length === rows.length ? `${rows.length} row${rows.length === 1 ? '' : 's'}` : `${shown.length} of ${rows.length} rows`;
     clear(pager);
     if (pages > 1) {
       append(pager,
