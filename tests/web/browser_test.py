@@ -39,6 +39,11 @@ class WebView(unittest.TestCase):
             print(f"screenshot: {path}", file=sys.stderr)
         return out
 
+    def tearDown(self):
+        # A script error or a policy violation on any page fails the case.
+        bad = [e["message"] for e in self.driver.get_log("browser") if e.get("source") in ("javascript", "security")]
+        self.assertEqual([], bad)
+
     def open(self, route):
         # A fresh document each time, so no element of the page before is found.
         self.driver.get("about:blank")

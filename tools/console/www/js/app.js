@@ -156,7 +156,7 @@ async function schedulePage(target) {
     task: t,
     enabled: el('input', { type: 'checkbox', checked: t.enabled, 'aria-label': `${t.name} enabled` }),
     runOnStart: el('input', { type: 'checkbox', checked: t.runOnStart, 'aria-label': `${t.name} run on start` }),
-    interval: el('input', { type: 'number', min: 1, value: t.interval, 'aria-label': `${t.name} interval`, style: 'width:7rem' }),
+    interval: el('input', { type: 'number', min: 1, value: t.interval, 'aria-label': `${t.name} interval`, class: 'interval' }),
   }));
   const tbody = el('tbody', {}, rows.map((r) => el('tr', {}, el('td', {}, String(r.task.task)), el('td', {}, r.task.name),
                                                   el('td', {}, r.enabled), el('td', {}, r.runOnStart), el('td', {}, r.interval))));
