@@ -171,6 +171,29 @@ class WebView(unittest.TestCase):
         self.open("/audit")
         self.wait_css("main tbody tr", "schedule")
 
+    def test_with_a_token_the_page_asks_for_it_once(self):
+        secured = webfleet.Fleet(BUILD)
+        token_file = os.path.join(secured.work, "token")
+        with open(token_file, "w") as f:
+            f.write("s3cret-token-of-the-web-view\n")
+        try:
+            secured.start_console(["--admin-listen", "127.0.0.1", "--admin-token-file", token_file])
+            self.driver.get(secured.base + "/#/audit")
+            box = self.wait_css("main input[type=password]")
+            box.send_keys("wrong")
+            self.css("main form button")[0].click()
+            from selenium.webdriver.support import expected_conditions
+            self.wait.until(expected_conditions.staleness_of(box))
+            box = self.wait_css("main input[type=password]")
+            box.send_keys("s3cret-token-of-the-web-view")
+            self.css("main form button")[0].click()
+            self.wait_css("main h1", "Audit")
+            self.driver.get(secured.base + "/#/")
+            self.wait_css(".card", "hosts")
+        finally:
+            self.driver.get("about:blank")
+            secured.stop()
+
     def test_long_lists_are_paged_sorted_and_exported_safely(self):
         self.open("/")
         self.wait_css("main table")

@@ -61,7 +61,8 @@ class Fleet:
         with open(os.path.join(self.autostart, file_name), "w", encoding="utf-8") as f:
             f.write(f"[Desktop Entry]\nType=Application\nName={name}\nExec=/bin/true\n")
 
-    def start(self, timeout=120):
+    def start_console(self, extra_args=()):
+        """Only the console; its admin API and pages at self.base."""
         schedule = os.path.join(self.work, "schedule.db")
         with open(schedule, "w") as f:
             f.write("<AgentInfo><Enabled>1</Enabled><Run_on_Start>1</Run_on_Start><Interval>15</Interval>"
@@ -70,13 +71,18 @@ class Fleet:
         self.console_out = open(os.path.join(self.work, "console.out"), "w")
         self.console = subprocess.Popen(
             [os.path.join(self.build, "edr-console"), "--http-port", "0", "--socket-port", "0", "--admin-port", "0",
-             "--data", os.path.join(self.work, "console"), "--schedule", schedule, "--port-file", ports_file],
+             "--data", os.path.join(self.work, "console"), "--schedule", schedule, "--port-file", ports_file,
+             *extra_args],
             stdout=self.console_out, stderr=subprocess.STDOUT)
         self._until(lambda: os.path.exists(ports_file) and os.path.getsize(ports_file) > 0, 20, "console ports")
         self._until(lambda: self._json_file(ports_file) is not None, 5, "console ports")
         ports = self._json_file(ports_file)
         self.http_port, self.socket_port, self.admin_port = ports["http"], ports["socket"], ports["admin"]
         self.base = f"http://127.0.0.1:{self.admin_port}"
+        return self
+
+    def start(self, timeout=120):
+        self.start_console()
         with open(os.path.join(self.prefix, "etc", "edr-agent", "serverip.ini"), "w") as f:
             f.write(f"[server]\nEDRIP=127.0.0.1\n\n[Server]\nEDRPORT={self.http_port}\nEDRSAPIVER=v1\n"
                     f"EDRSPORT={self.socket_port}\nEDRSLPORT={random.randint(20000, 39999)}\n")
@@ -133,5 +139,8 @@ class Fleet:
                 except subprocess.TimeoutExpired:
                     proc.kill()
                     proc.wait()
+        for out in (getattr(self, "console_out", None), getattr(self, "agent_out", None)):
+            if out:
+                out.close()
         if not keep:
             shutil.rmtree(self.work, ignore_errors=True)
