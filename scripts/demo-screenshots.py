@@ -40,8 +40,10 @@ def main(base, out):
         form = show("/hosts/1/orders", 'form[data-kind="terminal"]')
         form.find_element(By.CSS_SELECTOR, "input[name=command]").send_keys("uname -a")
         form.find_element(By.CSS_SELECTOR, "button").click()
-        result = wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, ".order-item pre.output") or False)[0]
-        driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", result)
+        # The list is redrawn as states change: look the result up again to scroll to it.
+        done = '.order-item[data-state="done"] pre.output'
+        wait.until(lambda d: d.find_elements(By.CSS_SELECTOR, done) or False)
+        driver.execute_script("document.querySelector(arguments[0]).scrollIntoView({block: 'center'})", done)
         shot("order-result.png")
         driver.set_window_size(420, 860)
         show("/", "main table tbody a")
