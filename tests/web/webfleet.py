@@ -131,6 +131,7 @@ class Fleet:
         return self.api("GET", f"/api/orders/{order_id}")
 
     def stop(self, keep=False):
+        """Stops both; the console's exit code (0 after a clean stop)."""
         for proc in (self.agent, self.console):
             if proc is not None and proc.poll() is None:
                 proc.send_signal(signal.SIGTERM)
@@ -139,8 +140,13 @@ class Fleet:
                 except subprocess.TimeoutExpired:
                     proc.kill()
                     proc.wait()
+        code = self.console.returncode if self.console is not None else 0
+        if code != 0:
+            keep = True
+            print(f"console exited {code}; its output: {self.work}/console.out")
         for out in (getattr(self, "console_out", None), getattr(self, "agent_out", None)):
             if out:
                 out.close()
         if not keep:
             shutil.rmtree(self.work, ignore_errors=True)
+        return code
