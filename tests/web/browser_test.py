@@ -173,6 +173,34 @@ class WebView(unittest.TestCase):
         self.open("/audit")
         self.wait_css("main tbody tr", "schedule")
 
+    def test_order_results_and_reporting_state(self):
+        self.open("/")
+        self.wait_css("main table")
+        got = self.driver.execute_async_script("""
+          const done = arguments[arguments.length - 1];
+          Promise.all([import('/js/host.js'), import('/js/app.js')]).then(([host, app]) => {
+            const rows = host.orderResult({_id: '3', Output: [{name: '<b>x</b>', pid: '1'}, {name: 'y', pid: '2'}]});
+            const text = host.orderResult({status: 2, Output: 'line 1\\n<i>2</i>'});
+            const now = Date.parse('2026-01-01T12:00:00Z');
+            const tasks = [{enabled: true, interval: 60}, {enabled: true, interval: 15}, {enabled: false, interval: 1}];
+            const hosts = [{latest: {software: '2026-01-01T11:31:00Z', agent: '2026-01-01T09:00:00Z'}},
+                           {latest: {software: '2026-01-01T11:29:00Z'}}, {latest: {}}];
+            const staleMs = app.markReporting(hosts, tasks, now);
+            done({cells: [...rows.querySelectorAll('tbody td')].map(td => td.textContent),
+                  bold: rows.querySelectorAll('b').length, tag: text.tagName, pre: text.textContent,
+                  staleMs, flags: hosts.map(h => h.notReporting), last: hosts[0].lastReport,
+                  none: app.staleAfterMs([{enabled: false, interval: 5}])});
+          });""")
+        # osquery rows as a table, terminal output as preformatted text, both as text only.
+        self.assertEqual(["<b>x</b>", "1", "y", "2"], got["cells"])
+        self.assertEqual(0, got["bold"])
+        self.assertEqual(("PRE", "line 1\n<i>2</i>"), (got["tag"], got["pre"]))
+        # Twice the shortest enabled interval (15 minutes), from the newest report of any category.
+        self.assertEqual(30 * 60000, got["staleMs"])
+        self.assertEqual([False, True, True], got["flags"])
+        self.assertEqual("2026-01-01T11:31:00.000Z", got["last"])
+        self.assertIsNone(got["none"])
+
     def test_with_a_token_the_page_asks_for_it_once(self):
         secured = webfleet.Fleet(BUILD)
         token_file = os.path.join(secured.work, "token")

@@ -60,15 +60,25 @@ function newestReport(host) {
   return times.length ? new Date(Math.max(...times)).toISOString() : '';
 }
 
-async function fleetPage(target) {
-  const [hosts, schedule] = await Promise.all([get('/api/hosts'), get('/api/schedule').catch(() => null)]);
-  const intervals = ((schedule && schedule.tasks) || []).filter((t) => t.enabled && t.interval > 0).map((t) => t.interval);
-  const staleMs = intervals.length ? 2 * Math.min(...intervals) * 60000 : null;
-  const now = Date.now();
+// A host is not reporting when nothing came for twice the shortest enabled
+// interval (minutes) of the schedule; null when no task is enabled.
+export function staleAfterMs(tasks) {
+  const intervals = (tasks || []).filter((t) => t.enabled && t.interval > 0).map((t) => t.interval);
+  return intervals.length ? 2 * Math.min(...intervals) * 60000 : null;
+}
+
+export function markReporting(hosts, tasks, now) {
+  const staleMs = staleAfterMs(tasks);
   for (const h of hosts) {
     h.lastReport = newestReport(h);
     h.notReporting = staleMs !== null && (!h.lastReport || now - Date.parse(h.lastReport) > staleMs);
   }
+  return staleMs;
+}
+
+async function fleetPage(target) {
+  const [hosts, schedule] = await Promise.all([get('/api/hosts'), get('/api/schedule').catch(() => null)]);
+  const staleMs = markReporting(hosts, schedule && schedule.tasks, Date.now());
   const online = hosts.filter((h) => h.online).length;
   const card = (label, n, hint) => el('div', { class: 'card', title: hint || '' }, el('div', { class: 'n' }, n), label);
   append(target, el('h1', {}, 'Fleet'),

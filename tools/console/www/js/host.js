@@ -218,7 +218,7 @@ function orderForm(id, kind, title, fields, status, refresh) {
   return form;
 }
 
-function orderResult(result) {
+export function orderResult(result) {
   if (result === undefined || result === null) return null;
   if (Array.isArray(result.Output) && result.Output.every((r) => r && typeof r === 'object'))
     return dataTable(columnsOf(result.Output), result.Output, { pageSize: 50, csvName: 'osquery.csv' });
