@@ -30,8 +30,10 @@ test: format-check build asan-build
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j$(JOBS)
 
+# DEMO_KEEP=1 keeps the console and the agent running until Ctrl-C.
+DEMO_KEEP ?= 0
 demo: build
-	bash scripts/demo.sh $(BUILD)
+	DEMO_KEEP=$(DEMO_KEEP) bash scripts/demo.sh $(BUILD)
 
 bench: deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DEDR_BENCH=ON -DEDR_TESTS=OFF

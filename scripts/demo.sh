@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs the console and the agent on 127.0.0.1 under a scratch prefix, waits for
 # the registration and the start-up reports, orders a report through the admin
-# API, prints what the console holds and stops both. Needs root (the agent
-# refuses to run otherwise).
+# API, saves screenshots of the web view under BUILD/demo/, prints what the
+# console holds and stops both; DEMO_KEEP=1 keeps them running until Ctrl-C.
+# Needs root (the agent refuses to run otherwise).
 set -euo pipefail
 build=${1:-build}
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -63,6 +64,7 @@ EDRSPORT=$socket_port
 EDRSLPORT=$listen_port
 INI
 echo "demo: console on http $http_port, socket $socket_port, admin API $admin_port; agent prefix $prefix"
+echo "demo: web view at http://127.0.0.1:$admin_port/"
 
 "$agent" --prefix "$prefix" --log-level debug > "$work/agent.out" 2>&1 &
 agent_pid=$!
@@ -88,6 +90,8 @@ if [ ${#missing[@]} -eq 0 ]; then
   api GET /api/orders/1 | grep -q '"state": "done"' || missing+=("the ordered process list")
   echo "demo: hosts with a listening port $socket_port (the console's own socket service):"
   api GET "/api/search?port=$socket_port&format=csv"
+  /usr/bin/python3 "$here/scripts/demo-screenshots.py" "http://127.0.0.1:$admin_port" "$here/$build/demo" ||
+    missing+=("the web view's screenshots")
 fi
 
 echo
@@ -101,3 +105,8 @@ if [ ${#missing[@]} -gt 0 ]; then
   exit 1
 fi
 echo "demo: OK. Agent trace log: $prefix/var/lib/edr-agent/EDR_Track.log; console data: $data"
+if [ "${DEMO_KEEP:-0}" != 0 ]; then
+  echo "demo: web view at http://127.0.0.1:$admin_port/ until Ctrl-C"
+  trap 'exit 0' INT TERM
+  while kill -0 "$console_pid" 2>/dev/null; do sleep 1; done
+fi

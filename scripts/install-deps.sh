@@ -22,6 +22,8 @@ PACKAGES=(
   debhelper dpkg-dev lintian
   # system tests (tests/system)
   jq
+  # browser tests of the web view (tests/web) and the demo's screenshots
+  chromium chromium-driver python3-selenium
 )
 
 missing=()

@@ -4,6 +4,7 @@
 #include "ReportItems.h"
 #include "ScheduleFile.h"
 #include "Store.h"
+#include "WebAssets.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -149,6 +150,11 @@ void AdminApi::routes()
         // pointed at 127.0.0.1 (DNS rebinding): it gets nothing.
         const bool loopbackName =
             host == "127.0.0.1" + port || host == "localhost" + port || host == "[::1]" + port;
+        // The pages hold no data (they read it through /api/ like any client): no token to load them.
+        static const WebAssets web;
+        if ((!isLoopbackListener() || loopbackName) && !changes && req.path.rfind("/api/", 0) != 0 &&
+            web.serve(req.path, res))
+            return R::Handled;
         if (isLoopbackListener() && !loopbackName) {
             status = 403;
             refusal = QStringLiteral("the admin API answers to 127.0.0.1, localhost and [::1] only");
