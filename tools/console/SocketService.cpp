@@ -115,7 +115,7 @@ void SocketService::stop()
 {
     if (m_stop.exchange(true))
         return;
-    if (m_listenFd >= 0)
+    if (m_listenFd)
         ::shutdown(m_listenFd.get(), SHUT_RDWR);
     if (m_acceptor.joinable())
         m_acceptor.join();
