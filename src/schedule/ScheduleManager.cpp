@@ -196,8 +196,12 @@ EarlyReportPolicy::Gates ScheduleManager::earlyGates(TasksManager::TASK_NAMES ta
 {
     EarlyReportPolicy::Gates gates;
     const int route = routeOf(task);
-    gates.enabled = route >= 0 && task < m_schedules.size() && m_schedules.at(task).getEnable() &&
-                    m_config.earlyReports();
+    // Processes and hardware change all the time or never: not sent early.
+    const bool watched = task == TasksManager::StartUp || task == TasksManager::Services ||
+                         task == TasksManager::InstalledSoft || task == TasksManager::Network_Mon ||
+                         task == TasksManager::WindowsFirewallStatus;
+    gates.enabled =
+        watched && task < m_schedules.size() && m_schedules.at(task).getEnable() && m_config.earlyReports();
     gates.registered = !m_config.getAuthCode().isEmpty();
     gates.busy = route >= 0 && ReportSubmitter::submitting(static_cast<API_NAME>(route));
     return gates;
