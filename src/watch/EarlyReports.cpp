@@ -102,6 +102,11 @@ void EarlyReports::evaluate()
                 else if (again.verdict == EarlyReportPolicy::Verdict::Run)
                     wake = wake < 0 ? m_clock.elapsed() : std::min(wake, m_clock.elapsed());
             }
+        } else if (d.verdict == EarlyReportPolicy::Verdict::Drop) {
+            const QByteArray name = TasksManager::taskNames().value(task).toUtf8();
+            EDR_LOG->Debug(Q_FUNC_INFO, "No early report of %s: %s", name.constData(),
+                           gates.registered ? "early reports are off or the schedule disables it"
+                                            : "the agent is not registered");
         } else if (d.verdict == EarlyReportPolicy::Verdict::Wait) {
             wake = wake < 0 ? d.atMs : std::min(wake, d.atMs);
         }
