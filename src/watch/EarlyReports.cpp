@@ -7,6 +7,7 @@
 #include "watch/DirectoryWatcher.h"
 #include "watch/InotifyWatcher.h"
 #include "watch/ListeningSocketWatcher.h"
+#include "watch/ServiceBusWatcher.h"
 #include "watch/SoftwareWatcher.h"
 
 #include <QTimer>
@@ -56,6 +57,7 @@ void EarlyReports::startHostWatchers(const QString& root)
                                     QStringLiteral("firewall settings changed"),
                                     [root] { return DirectoryWatcher::firewallTargets(root); }));
     addWatcher(new SoftwareWatcher(m_inotify, TasksManager::InstalledSoft, root));
+    addWatcher(new ServiceBusWatcher(TasksManager::Services));
 }
 
 void EarlyReports::onChanged(int task, const QString& what)
