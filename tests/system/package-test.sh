@@ -207,6 +207,46 @@ done <<'ORDERS'
 5 enable is-enabled enabled
 4 mask is-enabled masked
 ORDERS
+# --- early services reports: units changed behind the agent's back reach the
+# console within 10 s. A tenth of the time scale makes the one-per-minute
+# limit 6 s; each step waits that long after the report before it.
+in_sandbox mkdir -p /run/systemd/system/edr-agent.service.d
+in_sandbox sh -c 'printf "[Service]\nEnvironment=EDR_AGENT_TIME_SCALE=0.1\n" >/run/systemd/system/edr-agent.service.d/scale.conf'
+in_sandbox systemctl unmask edr-systest.service >/dev/null 2>&1
+in_sandbox systemctl disable edr-systest.service >/dev/null 2>&1
+in_sandbox systemctl daemon-reload
+in_sandbox systemctl restart edr-agent
+newest_services() { ls "$work/console/reports/"*-machineInfo_addServicess.json 2>/dev/null | tail -1; }
+systest_state() {
+  local f; f=$(newest_services); [ -n "$f" ] || return 1
+  jq -r '(.body // .) | .Services[] | select(.Name == "edr-systest.service") | "\(.State) \(.StartMode)"' "$f" 2>/dev/null
+}
+state_is() { [ "$(systest_state)" = "$1" ]; }
+services_base=$(count machineInfo/addServicess)
+check "services start-up report after the restart" wait_for 60 at_least machineInfo/addServicess $((services_base + 1))
+sleep 7
+while read -r verb expect; do
+  before=$(count machineInfo/addServicess)
+  in_sandbox systemctl "$verb" edr-systest.service >/dev/null 2>&1
+  if [ "$verb" = mask ]; then
+    check "early services report after $verb" wait_for 10 at_least machineInfo/addServicess $((before + 1))
+  else
+    check "early services report after $verb shows \"$expect\"" wait_for 10 state_is "$expect" || systest_state
+  fi
+  sleep 7
+done <<'STEPS'
+start Running Manual
+enable Running Auto
+stop Stopped Auto
+disable Stopped Manual
+mask -
+STEPS
+check "early services reports logged" grep -q 'Early report: Services (' /var/lib/edr-agent/EDR_Track.log
+in_sandbox rm -rf /run/systemd/system/edr-agent.service.d
+in_sandbox systemctl unmask edr-systest.service >/dev/null 2>&1
+in_sandbox systemctl daemon-reload
+in_sandbox systemctl restart edr-agent
+
 # Orders are taken only once registered, so by now every restart has been through it.
 check "still one registration after restarts and the update" test "$(count machineInfo/registerAgent)" = 1
 
