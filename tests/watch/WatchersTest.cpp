@@ -1,6 +1,7 @@
 // The watchers against real kernel mechanisms: inotify on a scratch root,
 // OFD lock tests, sock_diag on this host's loopback.
 
+#include "core/HostPaths.h"
 #include "core/SockDiag.h"
 #include "watch/DirectoryWatcher.h"
 #include "watch/InotifyWatcher.h"
@@ -103,6 +104,40 @@ TEST(DirectoryWatcher, StartupLocationsAppearGoAndNeverLeadOutOfTheTree)
     ASSERT_TRUE(seen.waitFor(beforeSwap + 1));
     ASSERT_TRUE(waitUntil([&] { return watcher.watchedPaths().contains(r + "/etc/xdg"); }, 10000));
     EXPECT_FALSE(watcher.watchedPaths().contains(r + "/etc/xdg/autostart"));
+}
+
+// A queue overflow loses events of every kind: each inotify watcher takes it
+// as a change, also one whose own folders stayed quiet.
+TEST(DirectoryWatcher, QueueOverflowIsAChangeOfEveryKind)
+{
+    const int queued =
+        HostPaths::readFile(QStringLiteral("/proc/sys/fs/inotify/max_queued_events")).trimmed().toInt();
+    if (queued <= 0 || queued > 100000)
+        GTEST_SKIP() << "inotify queue too long to fill here";
+    QTemporaryDir root;
+    const QString r = root.path();
+    mkdirs(r + "/etc/xdg/autostart");
+    mkdirs(r + "/etc/ufw");
+    InotifyWatcher inotify;
+    ASSERT_TRUE(inotify.open());
+    DirectoryWatcher startup(&inotify, 1, QStringLiteral("start-up entries changed"),
+                             [r] { return DirectoryWatcher::startupTargets(r); });
+    DirectoryWatcher firewall(&inotify, 22, QStringLiteral("firewall settings changed"),
+                              [r] { return DirectoryWatcher::firewallTargets(r); });
+    Recorder seenStartup, seenFirewall;
+    seenStartup.attach(startup);
+    seenFirewall.attach(firewall);
+    ASSERT_TRUE(startup.start() && firewall.start());
+    // No event loop meanwhile: the kernel's queue fills up.
+    for (int i = 0; i <= queued / 2; ++i) {
+        const QByteArray name = QFile::encodeName(r + "/etc/xdg/autostart/f" + QString::number(i));
+        const int fd = ::open(name.constData(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0);
+        ::close(fd);
+    }
+    ASSERT_TRUE(seenFirewall.waitFor(1));
+    EXPECT_EQ(seenFirewall.last, QStringLiteral("change queue overflowed"));
+    EXPECT_GE(seenStartup.count, 1);
 }
 
 TEST(DirectoryWatcher, InspectRefusesSymlinksOnTheWayAndNamesTheNearestDirectory)
