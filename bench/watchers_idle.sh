@@ -3,10 +3,11 @@
 # CPU time of all its threads from /proc/<pid>/task/*/schedstat per minute,
 # and resident memory. Target: <= 10 ms CPU per idle minute over 10 minutes.
 # EARLY=off runs the same with EarlyReports=off (the watchers still run; only
-# the reports are held back), for comparison.
+# the reports are held back), for comparison; AGENT=path runs another build
+# of the agent (an earlier one, for the memory it took before).
 set -euo pipefail
 build=${1:-build-bench}
-agent="$build/edr-agent"; console="$build/edr-console"
+agent=${AGENT:-$build/edr-agent}; console="$build/edr-console"
 idle=${IDLE_SECONDS:-600}
 early=${EARLY:-on}
 [ "$(id -u)" -eq 0 ] || { echo "watchers_idle: needs root"; exit 0; }

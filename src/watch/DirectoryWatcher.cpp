@@ -5,6 +5,7 @@
 #include "watch/InotifyWatcher.h"
 
 #include <QFile>
+#include <QHash>
 #include <QTimer>
 
 #include <algorithm>
@@ -170,10 +171,12 @@ void DirectoryWatcher::rearm()
 {
     // The wanted set, by path, in the order the targets come.
     std::vector<Watch> wanted;
-    auto slot = [&wanted](const QString& path) -> Watch& {
-        for (Watch& w : wanted)
-            if (w.path == path)
-                return w;
+    QHash<QString, size_t> index; // thousands of homes: no linear search
+    auto slot = [&wanted, &index](const QString& path) -> Watch& {
+        const auto it = index.constFind(path);
+        if (it != index.constEnd())
+            return wanted[*it];
+        index.insert(path, wanted.size());
         wanted.push_back(Watch{path, false, {}});
         return wanted.back();
     };
@@ -181,10 +184,9 @@ void DirectoryWatcher::rearm()
         const Inspection where = inspect(t.path);
         if (where.place == Place::Directory) {
             Watch& w = slot(t.path);
-            if (w.target && !w.names.isEmpty() && !t.names.isEmpty())
-                w.names += t.names;
-            else if (!w.target)
-                w.names = t.names; // every entry counts for a target without names
+            // A target without names takes every entry; names only narrow.
+            const bool everything = t.names.isEmpty() || (w.target && w.names.isEmpty());
+            w.names = everything ? QStringList() : w.names + t.names;
             w.target = true;
         } else if (where.place == Place::Absent) {
             Watch& w = slot(where.nearest);
@@ -206,19 +208,22 @@ void DirectoryWatcher::rearm()
     }
 
     // Drop what is no longer wanted, keep what is, add the rest.
+    std::vector<bool> kept(wanted.size(), false);
     for (auto it = m_watches.begin(); it != m_watches.end();) {
-        const auto keep = std::find_if(wanted.begin(), wanted.end(),
-                                       [&](const Watch& w) { return w.path == it->second.path; });
-        if (keep == wanted.end()) {
+        const auto keep = index.constFind(it->second.path);
+        if (keep == index.constEnd() || *keep >= wanted.size()) {
             m_inotify->remove(it->first);
             it = m_watches.erase(it);
         } else {
-            it->second = *keep;
-            wanted.erase(keep);
+            it->second = wanted[*keep];
+            kept[*keep] = true;
             ++it;
         }
     }
-    for (const Watch& w : wanted) {
+    for (size_t i = 0; i < wanted.size(); ++i) {
+        if (kept[i])
+            continue;
+        const Watch& w = wanted[i];
         const int wd = m_inotify->add(
             w.path, kMask, [this](const InotifyWatcher::Event& e) { onEvent(e.wd, e.mask, e.name); });
         if (wd >= 0) {
