@@ -44,11 +44,13 @@ cleanup() {
   if [ -n "$sandbox" ]; then
     in_sandbox dpkg --purge edr-agent >/dev/null 2>&1
     in_sandbox systemctl disable --now edr-systest.service >/dev/null 2>&1
+    in_sandbox dpkg --purge edr-early-probe >/dev/null 2>&1
     "$sandbox_tool" stop "$sandbox" 2>/dev/null
   fi
   # The sandbox shares /etc with this machine: whatever a test order left there goes.
   rm -f /etc/systemd/system/edr-systest.service /etc/systemd/system/multi-user.target.wants/edr-systest.service
   dpkg-query -W edr-agent >/dev/null 2>&1 && dpkg --purge edr-agent >/dev/null 2>&1
+  dpkg-query -W edr-early-probe >/dev/null 2>&1 && dpkg --purge edr-early-probe >/dev/null 2>&1
   [ -n "$console_pid" ] && kill "$console_pid" 2>/dev/null && wait "$console_pid" 2>/dev/null
   true
 }
@@ -242,6 +244,31 @@ disable Stopped Manual
 mask -
 STEPS
 check "early services reports logged" grep -q 'Early report: Services (' /var/lib/edr-agent/EDR_Track.log
+
+# systemd re-executing drops its private connections: found again, and a
+# change after it still goes out early.
+in_sandbox systemctl daemon-reexec
+sleep 3
+before=$(count machineInfo/addServicess)
+in_sandbox systemctl start edr-systest.service >/dev/null 2>&1
+check "early services report after systemd re-executed" wait_for 20 at_least machineInfo/addServicess $((before + 1))
+in_sandbox systemctl stop edr-systest.service >/dev/null 2>&1
+
+# A small package installed by hand with dpkg, then purged: each in a
+# software report within 30 s.
+mkdir -p "$work/probe/DEBIAN"
+printf 'Package: edr-early-probe\nVersion: 1.0\nArchitecture: all\nMaintainer: edr tests <root@localhost>\nDescription: early report probe\n' \
+  >"$work/probe/DEBIAN/control"
+dpkg-deb --build "$work/probe" "$work/edr-early-probe.deb" >/dev/null
+newest_software() { ls "$work/console/reports/"*-machineInfo_addInstallSoft.json 2>/dev/null | tail -1; }
+probe_listed() { local f; f=$(newest_software); [ -n "$f" ] && grep -q '"edr-early-probe"' "$f"; }
+probe_gone() { local f; f=$(newest_software); [ -n "$f" ] && ! grep -q '"edr-early-probe"' "$f"; }
+sleep 7
+in_sandbox dpkg -i "$work/edr-early-probe.deb" >/dev/null 2>&1
+check "package installed by hand in a software report within 30 s" wait_for 30 probe_listed
+sleep 7
+in_sandbox dpkg --purge edr-early-probe >/dev/null 2>&1
+check "package purged by hand gone from a software report within 30 s" wait_for 30 probe_gone
 in_sandbox rm -rf /run/systemd/system/edr-agent.service.d
 in_sandbox systemctl unmask edr-systest.service >/dev/null 2>&1
 in_sandbox systemctl daemon-reload
