@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Runs the reference console and the agent on 127.0.0.1 under a scratch prefix,
-# waits for the registration and the start-up reports, prints what arrived and
-# stops both. Needs root (the agent refuses to run otherwise).
+# Runs the console and the agent on 127.0.0.1 under a scratch prefix, waits for
+# the registration and the start-up reports, orders a report through the admin
+# API, prints what the console holds and stops both. Needs root (the agent
+# refuses to run otherwise).
 set -euo pipefail
 build=${1:-build}
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -9,21 +10,18 @@ agent="$here/$build/edr-agent"
 console="$here/$build/edr-console"
 limit=${DEMO_SECONDS:-120}
 
-# Routes the start-up run reaches; each must arrive at least once.
-expected=(machineInfo/registerAgent settings/getConfigFile machineInfo/addMachineInfo
-          machineInfo/addStartupApps machineInfo/addServicess machineInfo/addProcesses
-          machineInfo/addInstallSoft machineInfo/addNwMonitoring)
+# Report categories the start-up run sends; each must arrive at least once.
+expected=(agent hardware software processes services network startup)
 
-# Asks the console (loopback admin endpoint) to push a command to the agent.
-push() {
-  local body=$1
-  exec 3<>"/dev/tcp/127.0.0.1/$http_port"
-  printf 'POST /admin/push HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: %d\r\nConnection: close\r\n\r\n%s' \
-    "${#body}" "$body" >&3
-  cat <&3 >/dev/null
+# One admin API request (loopback): prints the response body.
+api() {
+  local method=$1 path=$2 body=${3:-}
+  exec 3<>"/dev/tcp/127.0.0.1/$admin_port"
+  printf '%s %s HTTP/1.1\r\nHost: 127.0.0.1:%s\r\nContent-Type: application/json\r\nContent-Length: %d\r\nConnection: close\r\n\r\n%s' \
+    "$method" "$path" "$admin_port" "${#body}" "$body" >&3
+  sed '1,/^\r$/d' <&3
   exec 3<&-
 }
-count() { ls "$data/reports/"*"-${1//\//_}.json" 2>/dev/null | wc -l; }
 
 if [ "$(id -u)" -ne 0 ]; then
   echo "demo: the agent runs as root only; run 'make demo' as root" >&2
@@ -45,13 +43,14 @@ cleanup() {
 }
 trap cleanup EXIT
 
-"$console" --http-port 0 --socket-port 0 --data "$data" --schedule "$work/schedule.db" \
+"$console" --http-port 0 --socket-port 0 --admin-port 0 --data "$data" --schedule "$work/schedule.db" \
   --port-file "$work/ports.json" > "$work/console.out" 2>&1 &
 console_pid=$!
 for _ in $(seq 100); do [ -s "$work/ports.json" ] && break; sleep 0.1; done
 [ -s "$work/ports.json" ] || { echo "demo: console did not start" >&2; cat "$work/console.out" >&2; exit 1; }
 http_port=$(sed -n 's/.*"http": *\([0-9]*\).*/\1/p' "$work/ports.json")
 socket_port=$(sed -n 's/.*"socket": *\([0-9]*\).*/\1/p' "$work/ports.json")
+admin_port=$(sed -n 's/.*"admin": *\([0-9]*\).*/\1/p' "$work/ports.json")
 listen_port=$(( 20000 + RANDOM % 20000 ))
 cat > "$prefix/etc/edr-agent/serverip.ini" <<INI
 [server]
@@ -63,7 +62,7 @@ EDRSAPIVER=v1
 EDRSPORT=$socket_port
 EDRSLPORT=$listen_port
 INI
-echo "demo: console on http $http_port, socket $socket_port; agent prefix $prefix"
+echo "demo: console on http $http_port, socket $socket_port, admin API $admin_port; agent prefix $prefix"
 
 "$agent" --prefix "$prefix" --log-level debug > "$work/agent.out" 2>&1 &
 agent_pid=$!
@@ -72,21 +71,23 @@ deadline=$(( SECONDS + limit ))
 missing=("${expected[@]}")
 while [ ${#missing[@]} -gt 0 ] && [ $SECONDS -lt $deadline ]; do
   sleep 1
+  hosts=$(api GET /api/hosts)
   still=()
-  for route in "${missing[@]}"; do
-    ls "$data/reports/"*"-${route//\//_}.json" >/dev/null 2>&1 || still+=("$route")
+  for category in "${missing[@]}"; do
+    grep -q "\"$category\": \"" <<<"$hosts" || still+=("$category")
   done
   missing=("${still[@]+"${still[@]}"}")
   kill -0 "$agent_pid" 2>/dev/null || { echo "demo: the agent exited early" >&2; break; }
 done
 
 if [ ${#missing[@]} -eq 0 ]; then
-  # The push channel: ask for the process list now and wait for it.
-  before=$(count machineInfo/addProcesses)
-  echo "demo: pushing RPT#\$#\$3#\$#0 (send the process list now) through the console"
-  push 'RPT#$#$3#$#0'
-  while [ "$(count machineInfo/addProcesses)" -le "$before" ] && [ $SECONDS -lt $deadline ]; do sleep 1; done
-  [ "$(count machineInfo/addProcesses)" -gt "$before" ] || missing+=("pushed machineInfo/addProcesses")
+  # An order through the admin API: the process list now, sent over the push channel.
+  echo "demo: ordering a process list: POST /api/hosts/1/orders {\"kind\": \"report\", \"category\": \"processes\"}"
+  api POST /api/hosts/1/orders '{"kind": "report", "category": "processes"}'
+  until api GET /api/orders/1 | grep -q '"state": "done"' || [ $SECONDS -ge $deadline ]; do sleep 1; done
+  api GET /api/orders/1 | grep -q '"state": "done"' || missing+=("the ordered process list")
+  echo "demo: hosts with a listening port $socket_port (the console's own socket service):"
+  api GET "/api/search?port=$socket_port&format=csv"
 fi
 
 echo

@@ -6,6 +6,8 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake pkg-config
   qtbase5-dev libcurl4-openssl-dev libssl-dev librapidxml-dev libcpp-httplib-dev
+  # the console's database
+  libsqlite3-dev
   # test certificates are made with the openssl tool
   openssl
   libgtest-dev libgmock-dev libbenchmark-dev

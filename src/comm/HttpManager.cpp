@@ -13,6 +13,7 @@
 #include <QUrl>
 
 #include "comm/CurlLibrary.h"
+#include "comm/OpenSslLibrary.h"
 #include "comm/TlsSettings.h"
 
 #include <arpa/inet.h>
@@ -57,11 +58,31 @@ int abortOnStop(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
     return StopRequest::pending() ? 1 : 0;
 }
 
+// The name or address of each TLS connection checked by OpenSSL against the
+// subjectAltName only: libcurl's own check would take a certificate naming
+// the server in its CN alone. It runs before every connection, so after a
+// redirect the effective URL is the one being connected to.
+struct ServerCheck {
+    const CurlLibrary* curl = nullptr;
+    const OpenSslLibrary* ssl = nullptr;
+};
+
+CURLcode expectServer(CURL* curl, void* sslCtx, void* data)
+{
+    const auto* check = static_cast<const ServerCheck*>(data);
+    char* effective = nullptr;
+    if (check->curl->easy_getinfo(curl, CURLINFO_EFFECTIVE_URL, &effective) != CURLE_OK || !effective)
+        return CURLE_SSL_CERTPROBLEM;
+    const QByteArray host = QUrl(QString::fromUtf8(effective)).host(QUrl::FullyEncoded).toUtf8();
+    return check->ssl->expectServer(static_cast<SSL_CTX*>(sslCtx), host.constData()) ? CURLE_OK
+                                                                                     : CURLE_SSL_CERTPROBLEM;
+}
+
 // With TLS on, https only (redirects included), peer and host verified, the
 // pin checked by libcurl. A pin that does not parse refuses the request: it
 // must never go out unpinned.
 bool applyTls(const CurlLibrary& api, CURL* curl, const TlsSettings& tls, const QString& url,
-              QByteArray& pinText)
+              QByteArray& pinText, ServerCheck& check)
 {
     QString bad;
     const auto pins = TlsSettings::parsePins(tls.pinnedKeys, &bad);
@@ -69,6 +90,19 @@ bool applyTls(const CurlLibrary& api, CURL* curl, const TlsSettings& tls, const 
         EDR_LOG->Error(Q_FUNC_INFO, EINVAL,
                        "Refused to send to %s: EDRPINNEDKEY entry \"%s\" is not sha256//<base64>",
                        qUtf8Printable(url), qUtf8Printable(bad));
+        return false;
+    }
+    check = ServerCheck{&api, OpenSslLibrary::get()};
+    if (!check.ssl) {
+        EDR_LOG->Error(Q_FUNC_INFO, ELIBACC, "Refused to send to %s: OpenSSL unavailable: %s",
+                       qUtf8Printable(url), OpenSslLibrary::error());
+        return false;
+    }
+    // Only a libcurl built on OpenSSL takes this; any other would skip the check.
+    if (api.easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, &expectServer) != CURLE_OK ||
+        api.easy_setopt(curl, CURLOPT_SSL_CTX_DATA, &check) != CURLE_OK) {
+        EDR_LOG->Error(Q_FUNC_INFO, ENOTSUP, "Refused to send to %s: libcurl is not built on OpenSSL",
+                       qUtf8Printable(url));
         return false;
     }
     api.easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
@@ -275,9 +309,10 @@ bool HttpManager::sendDataToServer(bool post, const QString& url, int mode,
 
     const TlsSettings tls = TlsSettings::current();
     QByteArray pinText;
+    ServerCheck serverCheck;
     char curlError[CURL_ERROR_SIZE] = {};
     if (tls.enabled) {
-        if (!applyTls(*api, curl, tls, url, pinText))
+        if (!applyTls(*api, curl, tls, url, pinText, serverCheck))
             return false;
         api->easy_setopt(curl, CURLOPT_ERRORBUFFER, curlError);
     }

@@ -1,6 +1,7 @@
 #include "comm/OpenSslLibrary.h"
 #include "comm/DynamicSymbol.h"
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <mutex>
 #include <string>
@@ -30,10 +31,14 @@ void load()
         EDR_BIND(ssl, SSL_CTX_ctrl) && EDR_BIND(ssl, SSL_CTX_set_verify) &&
         EDR_BIND(ssl, SSL_CTX_set_default_verify_paths) && EDR_BIND(ssl, SSL_CTX_load_verify_locations) &&
         EDR_BIND(ssl, SSL_new) && EDR_BIND(ssl, SSL_free) && EDR_BIND(ssl, SSL_ctrl) &&
-        EDR_BIND(ssl, SSL_set_fd) && EDR_BIND(ssl, SSL_get_fd) && EDR_BIND(ssl, SSL_set1_host) &&
-        EDR_BIND(ssl, SSL_connect) && EDR_BIND(ssl, SSL_shutdown) && EDR_BIND(ssl, SSL_get_error) &&
-        EDR_BIND(ssl, SSL_get_verify_result) && EDR_BIND(ssl, SSL_get1_peer_certificate) &&
-        EDR_BIND(ssl, SSL_read_ex) && EDR_BIND(ssl, SSL_write_ex) && EDR_BIND(ssl, SSL_pending) &&
+        EDR_BIND(ssl, SSL_set_fd) && EDR_BIND(ssl, SSL_get_fd) && EDR_BIND(ssl, SSL_CTX_set_options) &&
+        EDR_BIND(ssl, SSL_CTX_get0_param) && EDR_BIND(crypto, X509_VERIFY_PARAM_set1_host) &&
+        EDR_BIND(crypto, X509_VERIFY_PARAM_set1_ip_asc) &&
+        EDR_BIND(crypto, X509_VERIFY_PARAM_set_hostflags) && EDR_BIND(ssl, SSL_set_info_callback) &&
+        EDR_BIND(ssl, SSL_set_ex_data) && EDR_BIND(ssl, SSL_get_ex_data) && EDR_BIND(ssl, SSL_connect) &&
+        EDR_BIND(ssl, SSL_shutdown) && EDR_BIND(ssl, SSL_get_error) && EDR_BIND(ssl, SSL_get_verify_result) &&
+        EDR_BIND(ssl, SSL_get1_peer_certificate) && EDR_BIND(ssl, SSL_read_ex) &&
+        EDR_BIND(ssl, SSL_write_ex) && EDR_BIND(ssl, SSL_pending) &&
         EDR_BIND(crypto, X509_verify_cert_error_string) && EDR_BIND(crypto, X509_get_X509_PUBKEY) &&
         EDR_BIND(crypto, i2d_X509_PUBKEY) && EDR_BIND(crypto, X509_free) && EDR_BIND(crypto, EVP_sha256) &&
         EDR_BIND(crypto, EVP_Digest) && EDR_BIND(crypto, CRYPTO_free) &&
@@ -43,6 +48,24 @@ void load()
         g_loaded = &g_library;
 }
 } // namespace
+
+bool OpenSslLibrary::expectServer(SSL_CTX* ctx, const char* host) const
+{
+    X509_VERIFY_PARAM* param = SSL_CTX_get0_param(ctx);
+    if (!param || !host || !*host)
+        return false;
+    // Left to itself OpenSSL matches a name against the CN when the
+    // certificate has no DNS entry in its subjectAltName.
+    X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
+    unsigned char address[sizeof(in6_addr)];
+    const bool literal =
+        ::inet_pton(AF_INET, host, address) == 1 || ::inet_pton(AF_INET6, host, address) == 1;
+    const int set =
+        literal ? X509_VERIFY_PARAM_set1_ip_asc(param, host) : X509_VERIFY_PARAM_set1_host(param, host, 0);
+    // A renegotiation could bring a certificate nobody checked against the pin.
+    SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION);
+    return set == 1;
+}
 
 const OpenSslLibrary* OpenSslLibrary::get()
 {

@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 // libssl and libcrypto, loaded at the first TLS connection like libcurl
 // (CurlLibrary): commands that never talk to the server do not pay for them.
@@ -24,7 +25,14 @@ struct OpenSslLibrary {
     long (*SSL_ctrl)(SSL*, int, long, void*);
     int (*SSL_set_fd)(SSL*, int);
     int (*SSL_get_fd)(const SSL*);
-    int (*SSL_set1_host)(SSL*, const char*);
+    uint64_t (*SSL_CTX_set_options)(SSL_CTX*, uint64_t);
+    X509_VERIFY_PARAM* (*SSL_CTX_get0_param)(SSL_CTX*);
+    int (*X509_VERIFY_PARAM_set1_host)(X509_VERIFY_PARAM*, const char*, size_t);
+    int (*X509_VERIFY_PARAM_set1_ip_asc)(X509_VERIFY_PARAM*, const char*);
+    void (*X509_VERIFY_PARAM_set_hostflags)(X509_VERIFY_PARAM*, unsigned int);
+    void (*SSL_set_info_callback)(SSL*, void (*)(const SSL*, int, int));
+    int (*SSL_set_ex_data)(SSL*, int, void*);
+    void* (*SSL_get_ex_data)(const SSL*, int);
     int (*SSL_connect)(SSL*);
     int (*SSL_shutdown)(SSL*);
     int (*SSL_get_error)(const SSL*, int);
@@ -41,6 +49,11 @@ struct OpenSslLibrary {
     int (*EVP_Digest)(const void*, size_t, unsigned char*, unsigned int*, const EVP_MD*, ENGINE*);
     void (*CRYPTO_free)(void*, const char*, int);
     void (*OPENSSL_thread_stop)();
+
+    // Every connection made from ctx from now on expects host (a name, or an
+    // address literal) in the certificate's subjectAltName, never in its
+    // subject CN, and refuses to renegotiate. false when host is unusable.
+    bool expectServer(SSL_CTX* ctx, const char* host) const;
 
     // Loaded once per process; null when it cannot be (the reason is in error()).
     static const OpenSslLibrary* get();

@@ -2,6 +2,7 @@
 
 #include "comm/HttpManager.h"
 #include "comm/Outbox.h"
+#include "core/AuditLog.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
 #include "core/EdrAgentConfig.h"
@@ -159,6 +160,7 @@ bool ReportSubmitter::submitReport(const char* origin, bool& busy, API_NAME rout
         } catch (...) {
             EDR_LOG->Error(origin, errno, "CATCHED");
         }
+        OrderReport::noteSucceeded(collected);
         if (collected) {
             // toJson() never yields a zero byte, so the text is whole.
             QMap<QString, QString> fields;
@@ -215,12 +217,15 @@ bool ReportSubmitter::post(const char* origin, API_NAME route, const QMap<QStrin
         outbox->keep(origin, route, HttpManager::jsonBody(fields),
                      QStringLiteral("queued behind %1 earlier results").arg(outbox->pendingResults()))) {
         outbox->scheduleReplay();
+        OrderReport::noteDelivered(false);
         return true;
     }
     QString response;
     HttpManager::Outcome outcome;
     const bool ok = HttpManager::getInstance()->sendDataToServer(true, ApiManager::getAPI(route), 3, fields,
                                                                  response, outcome);
+    // A server error keeps the result for another try: not delivered yet.
+    OrderReport::noteDelivered(ok && !outcome.serverFailed());
     if (accepted)
         *accepted = ok && outcome.answered && outcome.status >= 200 && outcome.status < 300;
     if (ok)

@@ -1,13 +1,34 @@
 #include "comm/TlsSettings.h"
 
+#include "core/CLogger.h"
 #include "identity/ServerDetails.h"
 
+#include <QHash>
+#include <QMutex>
 #include <QStringList>
 
 namespace
 {
 constexpr int kSha256Size = 32;
 const char kPinPrefix[] = "sha256//";
+
+// The settings are read at every request and connection: the count goes to
+// the trace log when it first applies and whenever it changes, not each time.
+void notePinsInForce(const QString& pinnedKeys)
+{
+    const auto pins = TlsSettings::parsePins(pinnedKeys);
+    if (!pins)
+        return; // each channel refuses the bad entry and names it
+    static QMutex mutex;
+    static QHash<QString, QString> logged; // settings file -> pin text
+    const QString file = ServerDetails::settingsFilePath();
+    QMutexLocker lock(&mutex);
+    const auto it = logged.constFind(file);
+    if (it != logged.constEnd() && *it == pinnedKeys)
+        return;
+    logged.insert(file, pinnedKeys);
+    EDR_LOG->Info(Q_FUNC_INFO, "TLS on; pinned keys in force (EDRPINNEDKEY): %d", int(pins->size()));
+}
 } // namespace
 
 TlsSettings TlsSettings::current()
@@ -18,6 +39,7 @@ TlsSettings TlsSettings::current()
     if (s.enabled) {
         s.caFile = server->getTlsCaFile();
         s.pinnedKeys = server->getTlsPinnedKeys();
+        notePinsInForce(s.pinnedKeys);
     }
     return s;
 }

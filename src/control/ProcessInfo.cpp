@@ -28,18 +28,18 @@ ProcessInfo::ProcessInfo(const HostPaths& host) : m_host(host)
         m_procPrefix.append('/');
 }
 
-int ProcessInfo::openProcFile(int pid, const char* leaf) const
+UniqueFd ProcessInfo::openProcFile(int pid, const char* leaf) const
 {
     // Built on the stack: this runs three times per process in the report.
     char path[PATH_MAX];
     const int n = std::snprintf(path, sizeof path, "%s%d/%s", m_procPrefix.constData(), pid, leaf);
     if (n < 0 || n >= static_cast<int>(sizeof path))
-        return -1;
+        return UniqueFd();
     int fd;
     do {
         fd = ::open(path, O_RDONLY | O_CLOEXEC);
     } while (fd < 0 && errno == EINTR);
-    return fd;
+    return UniqueFd(fd);
 }
 
 QByteArray ProcessInfo::readUntil(int fd, bool stopAtLineFeed, qint64 cap)
@@ -87,35 +87,29 @@ QString ProcessInfo::firstLineText(const QByteArray& bytes)
 
 QString ProcessInfo::getProcessNameByPID(int pid) const
 {
-    const int fd = openProcFile(pid, "comm");
-    if (fd < 0)
+    const UniqueFd fd = openProcFile(pid, "comm");
+    if (!fd)
         return kUnknown;
-    const QByteArray line = readUntil(fd, true, kLineCap);
-    ::close(fd);
-    return firstLineText(line);
+    return firstLineText(readUntil(fd.get(), true, kLineCap));
 }
 
 QString ProcessInfo::getProcessCommandLineByPID(int pid) const
 {
-    const int fd = openProcFile(pid, "cmdline");
-    if (fd < 0)
+    const UniqueFd fd = openProcFile(pid, "cmdline");
+    if (!fd)
         return kUnknown;
     // One line, cut at the first NUL: only the first argument survives.
-    const QByteArray bytes = readUntil(fd, true, kLineCap);
-    ::close(fd);
-    return firstLineText(bytes);
+    return firstLineText(readUntil(fd.get(), true, kLineCap));
 }
 
 QByteArray ProcessInfo::readStatusFile(int pid, bool* ok) const
 {
     *ok = false;
-    const int fd = openProcFile(pid, "status");
-    if (fd < 0)
+    const UniqueFd fd = openProcFile(pid, "status");
+    if (!fd)
         return QByteArray();
     *ok = true;
-    const QByteArray data = readUntil(fd, false, kStatusCap);
-    ::close(fd);
-    return data;
+    return readUntil(fd.get(), false, kStatusCap);
 }
 
 QString ProcessInfo::getProcessPathByPID(int pid) const

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/HostPaths.h"
+#include "core/UniqueFd.h"
 
 #include <QByteArray>
 #include <QString>
@@ -30,7 +31,7 @@ public:
     const HostPaths& host() const { return m_host; }
 
 private:
-    int openProcFile(int pid, const char* leaf) const;
+    UniqueFd openProcFile(int pid, const char* leaf) const;
     // Reads up to and including the first NUL (or line feed), EOF or the cap.
     static QByteArray readUntil(int fd, bool stopAtLineFeed, qint64 cap);
 

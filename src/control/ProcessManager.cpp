@@ -155,6 +155,34 @@ std::optional<unsigned int> ProcessManager::parseKillTarget(const QString& targe
     return static_cast<unsigned int>(value);
 }
 
+std::optional<int> ProcessManager::parseThreadGroup(const QByteArray& status)
+{
+    const int nul = status.indexOf('\0');
+    const QByteArray text = nul < 0 ? status : status.left(nul);
+    int start = 0;
+    while (start < text.size()) {
+        int end = text.indexOf('\n', start);
+        if (end < 0)
+            end = text.size();
+        if (text.mid(start, 5) == "Tgid:") {
+            const QByteArray value = text.mid(start + 5, end - start - 5).trimmed();
+            if (value.isEmpty() || value.size() > 10)
+                return std::nullopt;
+            qint64 tgid = 0;
+            for (const char c : value) {
+                if (c < '0' || c > '9')
+                    return std::nullopt;
+                tgid = tgid * 10 + (c - '0');
+            }
+            if (tgid <= 0 || tgid > INT_MAX)
+                return std::nullopt;
+            return static_cast<int>(tgid);
+        }
+        start = end + 1;
+    }
+    return std::nullopt;
+}
+
 bool ProcessManager::killProcess(unsigned int pid)
 {
     if (pid == 0 || pid > static_cast<unsigned int>(INT_MAX))
@@ -163,6 +191,23 @@ bool ProcessManager::killProcess(unsigned int pid)
     // happening; killing ourselves would leave the order unanswered.
     if (pid == 1 || static_cast<pid_t>(pid) == ::getpid()) {
         EDR_LOG->Error(Q_FUNC_INFO, EPERM, "Refusing to kill process %u", pid);
+        return false;
+    }
+    // kill() takes any thread id and ends the whole process it belongs to.
+    // A target whose process cannot be told is refused too: without a status
+    // file it does not exist (kill would fail alike), and a garbled one cannot
+    // show it is not ours.
+    bool opened = false;
+    const QByteArray status = m_info.readStatusFile(static_cast<int>(pid), &opened);
+    const std::optional<int> group = opened ? parseThreadGroup(status) : std::nullopt;
+    if (!group) {
+        EDR_LOG->Error(Q_FUNC_INFO, opened ? EPROTO : ESRCH,
+                       "Refusing to kill process %u: its thread group cannot be read", pid);
+        return false;
+    }
+    if (*group == 1 || *group == ::getpid()) {
+        EDR_LOG->Error(Q_FUNC_INFO, EPERM, "Refusing to kill process %u: it is a thread of process %d", pid,
+                       *group);
         return false;
     }
     return ::kill(static_cast<pid_t>(pid), SIGKILL) == 0;

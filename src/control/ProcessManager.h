@@ -40,6 +40,8 @@ public:
     static void parseStatus(const QByteArray& status, QJsonObject& record);
     // A kill target the agent accepts: decimal digits only, 1 to INT_MAX.
     static std::optional<unsigned int> parseKillTarget(const QString& target);
+    // The "Tgid" of a status file: the process a thread id belongs to.
+    static std::optional<int> parseThreadGroup(const QByteArray& status);
     static constexpr const char* kKillSucceeded = "Successfully Killed %s!";
     static constexpr const char* kKillFailed = "Failed to Kill %s!";
 

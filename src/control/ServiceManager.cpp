@@ -25,6 +25,12 @@ bool isPlainUnitByte(char c)
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == ':' ||
            c == '_' || c == '.' || c == '-';
 }
+// Unit types systemd knows; a name must end in one of them.
+const char* const kUnitSuffixes[] = {".service", ".socket", ".device", ".mount", ".automount", ".swap",
+                                     ".target",  ".path",   ".timer",  ".slice", ".scope"};
+
+// systemd's longest unit name, in bytes.
+constexpr int kMaxUnitNameLength = 255;
 } // namespace
 
 ServiceManager* ServiceManager::getInstance()
@@ -133,6 +139,36 @@ bool ServiceManager::hasGlob(const QString& name)
         if (c == QLatin1Char('*') || c == QLatin1Char('?') || c == QLatin1Char('['))
             return true;
     return false;
+}
+
+bool ServiceManager::isUnitName(const QString& name)
+{
+    // Everything allowed is ASCII, so characters and bytes count alike.
+    if (name.isEmpty() || name.size() > kMaxUnitNameLength || name.startsWith(QLatin1Char('-')))
+        return false;
+    const int dot = name.lastIndexOf(QLatin1Char('.'));
+    if (dot <= 0)
+        return false;
+    const QStringRef suffix = name.midRef(dot);
+    bool known = false;
+    for (const char* s : kUnitSuffixes)
+        known = known || suffix == QLatin1String(s);
+    if (!known)
+        return false;
+    // A path ("/dev/shm/x.service") would be linked into /etc/systemd/system by
+    // "enable"; anything outside this set is not a unit systemd could load.
+    for (int i = 0; i < dot; ++i) {
+        const QChar c = name.at(i);
+        const bool allowed = (c >= QLatin1Char('a') && c <= QLatin1Char('z')) ||
+                             (c >= QLatin1Char('A') && c <= QLatin1Char('Z')) ||
+                             (c >= QLatin1Char('0') && c <= QLatin1Char('9')) || c == QLatin1Char(':') ||
+                             c == QLatin1Char('-') || c == QLatin1Char('_') || c == QLatin1Char('.') ||
+                             c == QLatin1Char('\\') || c == QLatin1Char('@');
+        if (!allowed)
+            return false;
+    }
+    // "@" separates a template from its instance; it cannot start the name.
+    return !name.startsWith(QLatin1Char('@'));
 }
 
 bool ServiceManager::isTemplateUnit(const QString& name)
@@ -300,11 +336,12 @@ unsigned int ServiceManager::getServiceState(const QString& name)
 
 bool ServiceManager::runOrder(const QString& verb, const QString& name)
 {
-    // systemctl expands a pattern over every loaded unit: "stop *" would stop
-    // them all, this agent included.
-    if (!isSafeServiceName(name) || hasGlob(name)) {
-        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Refusing to %s service '%s'", qUtf8Printable(verb),
-                       qUtf8Printable(name));
+    // systemctl expands a pattern over every loaded unit ("stop *" would stop
+    // them all, this agent included) and takes a path for a unit file to link
+    // in: only a unit name goes through.
+    if (!isUnitName(name)) {
+        EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Refusing to %s service '%s': not a unit name",
+                       qUtf8Printable(verb), qUtf8Printable(name));
         return false;
     }
     const ToolResult result = m_runner.run(QStringLiteral("systemctl"), {verb, name}, m_toolTimeoutMs);

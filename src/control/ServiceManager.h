@@ -49,6 +49,9 @@ public:
     static bool isSafeServiceName(const QString& name);
     // '*', '?' or '[': systemctl would match the name against every loaded unit.
     static bool hasGlob(const QString& name);
+    // What an order may name: a unit name by systemd's rules ("ssh.service",
+    // "getty@tty1.service", "foo@.service"), never a path, a pattern or an option.
+    static bool isUnitName(const QString& name);
     // "name@.service": systemd will not load a template, so show prints nothing.
     static bool isTemplateUnit(const QString& name);
     // Whether a name can share a "show" run without changing what it prints

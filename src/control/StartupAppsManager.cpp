@@ -5,10 +5,12 @@
 #include "core/CLogger.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QJsonArray>
 #include <QList>
 #include <QPair>
 
+#include <algorithm>
 #include <cerrno>
 
 StartupAppsManager* StartupAppsManager::s_instance = nullptr;
@@ -85,34 +87,70 @@ QMap<QString, QString> StartupAppsManager::iniGroup(const QByteArray& text, cons
     return keys;
 }
 
-bool StartupAppsManager::parseDesktopFile(const QString& path, QString& name, QString& command, QString&)
+bool StartupAppsManager::parseDesktopText(const QByteArray& text, QString& name, QString& command)
 {
-    bool ok = false;
-    const QByteArray text = HostPaths::readFile(path, &ok, kMaxEntryFileBytes);
-    if (!ok)
-        return false;
     const QMap<QString, QString> entry = iniGroup(text, QStringLiteral("Desktop Entry"));
     name = entry.value(QStringLiteral("Name"));
     command = entry.value(QStringLiteral("Exec"));
     return !entry.isEmpty();
 }
 
-bool StartupAppsManager::parseServiceFile(const QString& path, QString& name, QString& command,
-                                          QString& description)
+bool StartupAppsManager::parseServiceText(const QByteArray& text, QString& command, QString& description)
 {
-    const int slash = path.lastIndexOf(QLatin1Char('/'));
-    const int dot = path.lastIndexOf(QLatin1Char('.'));
-    name = dot > slash ? path.mid(slash + 1, dot - slash - 1) : path.mid(slash + 1);
-
-    bool ok = false;
-    const QByteArray text = HostPaths::readFile(path, &ok, kMaxEntryFileBytes);
-    if (!ok)
-        return false;
     const QMap<QString, QString> unit = iniGroup(text, QStringLiteral("Unit"));
     const QMap<QString, QString> service = iniGroup(text, QStringLiteral("Service"));
     description = unit.value(QStringLiteral("Description"));
     command = service.value(QStringLiteral("ExecStart"));
     return !unit.isEmpty() || !service.isEmpty();
+}
+
+namespace
+{
+// The name a unit file gives its entry: its file name without the extension.
+QString unitFileName(const QString& path)
+{
+    const int slash = path.lastIndexOf(QLatin1Char('/'));
+    const int dot = path.lastIndexOf(QLatin1Char('.'));
+    return dot > slash ? path.mid(slash + 1, dot - slash - 1) : path.mid(slash + 1);
+}
+} // namespace
+
+bool StartupAppsManager::parseDesktopFile(const QString& path, QString& name, QString& command, QString&)
+{
+    QByteArray text;
+    if (HostPaths::readRegularFile(path, text, kMaxEntryFileBytes) != HostPaths::FileRead::Read)
+        return false;
+    return parseDesktopText(text, name, command);
+}
+
+bool StartupAppsManager::parseServiceFile(const QString& path, QString& name, QString& command,
+                                          QString& description)
+{
+    name = unitFileName(path);
+    QByteArray text;
+    if (HostPaths::readRegularFile(path, text, kMaxEntryFileBytes) != HostPaths::FileRead::Read)
+        return false;
+    return parseServiceText(text, command, description);
+}
+
+QStringList StartupAppsManager::listEntryFiles(const QString& dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden);
+    while (it.hasNext()) {
+        it.next();
+        const QString file = it.fileName();
+        if (!hasDesktopFileExtension(file) && !hasServiceFileExtension(file))
+            continue;
+        if (files.size() == kMaxEntriesPerFolder) {
+            EDR_LOG->Error(Q_FUNC_INFO, E2BIG, "%s holds more than %d start-up entries; the rest is not read",
+                           qUtf8Printable(dir), kMaxEntriesPerFolder);
+            break;
+        }
+        files << file;
+    }
+    std::sort(files.begin(), files.end());
+    return files;
 }
 
 bool StartupAppsManager::getStartupApps(QJsonObject& report)
@@ -128,20 +166,27 @@ bool StartupAppsManager::getStartupApps(QJsonObject& report)
         QJsonArray apps;
         for (const QString& location : locations) {
             const QString dir = m_host.root(location);
-            const QStringList files = QDir(dir).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+            const QStringList files = listEntryFiles(dir);
             const QString user = location.startsWith(kHomePrefix)
                                      ? location.mid(kHomePrefix.size()).section(QLatin1Char('/'), 0, 0)
                                      : kAllUsers;
             for (const QString& file : files) {
+                const bool desktop = hasDesktopFileExtension(file);
+                // Users own these folders: a link to a FIFO or a device must
+                // neither stop the agent nor be opened.
                 const QString path = dir + QLatin1Char('/') + file;
-                QString name, command, description;
-                bool parsed;
-                if (hasDesktopFileExtension(file))
-                    parsed = parseDesktopFile(path, name, command, description);
-                else if (hasServiceFileExtension(file))
-                    parsed = parseServiceFile(path, name, command, description);
-                else
+                QByteArray text;
+                const HostPaths::FileRead read = HostPaths::readRegularFile(path, text, kMaxEntryFileBytes);
+                if (read == HostPaths::FileRead::NotRegular) {
+                    EDR_LOG->Debug(Q_FUNC_INFO, "Skipped %s: not a regular file", qUtf8Printable(path));
                     continue;
+                }
+                QString name, command, description;
+                if (!desktop)
+                    name = unitFileName(path);
+                const bool parsed = read == HostPaths::FileRead::Read &&
+                                    (desktop ? parseDesktopText(text, name, command)
+                                             : parseServiceText(text, command, description));
                 if (!parsed)
                     EDR_LOG->Debug(Q_FUNC_INFO, "No start-up entry read from %s", qUtf8Printable(path));
                 QJsonObject app;

@@ -33,6 +33,10 @@ public:
     // Not permitted: nothing runs and the failure result is posted.
     bool executeSendReportToServer(const QString& parameter, bool permitted = true);
 
+    // The parsers over a file's text; name and command as the report shows them.
+    static bool parseDesktopText(const QByteArray& text, QString& name, QString& command);
+    static bool parseServiceText(const QByteArray& text, QString& command, QString& description);
+
     // Keys of one [group] of an INI-style text (desktop entries, unit files).
     // Lines are trimmed; '#' and ';' lines are comments; a repeated key keeps
     // its last value; values are taken verbatim (quotes and commas included).
@@ -50,8 +54,15 @@ public:
 
     // Start-up files are small; anything past this is not read.
     static constexpr qint64 kMaxEntryFileBytes = 1024 * 1024;
+    // A desktop has a few dozen; a folder a user fills with links to large
+    // files must not keep the report reading for hours.
+    static constexpr int kMaxEntriesPerFolder = 500;
 
 private:
+    // The ".desktop" and ".service" files of a folder, in name order, at
+    // most kMaxEntriesPerFolder of them.
+    static QStringList listEntryFiles(const QString& dir);
+
     static StartupAppsManager* s_instance;
 
     HostPaths m_host;

@@ -1,6 +1,7 @@
 #include "control/TerminalManager.h"
 
 #include "comm/ReportSubmitter.h"
+#include "core/AuditLog.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
 
@@ -80,6 +81,7 @@ bool TerminalManager::executeCommand(const QString& command, bool asUser, QJsonO
     // A refused command reports like one that could not be run.
     const bool finished = permitted && (asUser ? runCommandAsUser(command, output, errorCode)
                                                : runCommand(command, output, errorCode));
+    OrderReport::noteSucceeded(finished);
     result.insert(QStringLiteral("status"), finished ? 2 : 1);
     result.insert(QStringLiteral("Error"), 0);
     if (finished)

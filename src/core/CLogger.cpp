@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QMutexLocker>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/syscall.h>
@@ -34,6 +35,38 @@ const char* levelName(CLogger::Level level)
         return "ERROR";
     }
     return "?";
+}
+
+bool isControl(char c)
+{
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
+
+// Values from outside (orders, tool output, file names) end up in messages:
+// a control character among them must not start a line of its own.
+QByteArray escapeControls(const QByteArray& message)
+{
+    if (std::none_of(message.cbegin(), message.cend(), isControl))
+        return message;
+    static const char hex[] = "0123456789abcdef";
+    QByteArray out;
+    out.reserve(message.size() + 16);
+    for (const char c : message) {
+        if (!isControl(c)) {
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else {
+            out += "\\x";
+            out += hex[(static_cast<unsigned char>(c) >> 4) & 0xF];
+            out += hex[c & 0xF];
+        }
+    }
+    return out;
 }
 } // namespace
 
@@ -126,7 +159,7 @@ void CLogger::write(Level level, const char* origin, const int* err, const char*
     line += "] ";
     line += origin ? origin : "";
     line += " | ";
-    line += message;
+    line += escapeControls(message);
     if (err) {
         line += " (errno ";
         line += QByteArray::number(*err);

@@ -1,11 +1,16 @@
 #include "core/HostPaths.h"
 
+#include "core/UniqueFd.h"
+
 #include <QFile>
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 HostPaths::HostPaths()
@@ -56,17 +61,39 @@ QString HostPaths::root(const QString& absolute) const
     return join(m_root, absolute);
 }
 
-QByteArray HostPaths::readFile(const QString& path, bool* ok, qint64 maxBytes)
+namespace
 {
-    if (ok)
-        *ok = false;
+int openRetrying(const char* path, int flags)
+{
     int fd;
     do {
-        fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+        fd = ::open(path, flags);
     } while (fd < 0 && errno == EINTR);
-    if (fd < 0)
-        return QByteArray();
-    QByteArray data;
+    return fd;
+}
+
+// File systems whose "regular" files are the kernel talking: reading one may
+// wait for events or take them away from whoever else reads them.
+bool onKernelFileSystem(int fd)
+{
+    struct statfs fs;
+    if (::fstatfs(fd, &fs) != 0)
+        return true;
+    switch (static_cast<unsigned long>(fs.f_type)) {
+    case PROC_SUPER_MAGIC:
+    case SYSFS_MAGIC:
+    case DEBUGFS_MAGIC:
+    case TRACEFS_MAGIC:
+    case SECURITYFS_MAGIC:
+        return true;
+    default:
+        return false;
+    }
+}
+} // namespace
+
+bool HostPaths::readAll(int fd, qint64 maxBytes, QByteArray& data)
+{
     // A large file (the dpkg status database) is given its room at once
     // rather than regrown chunk by chunk; /proc and /sys report sizes that
     // mean nothing, but their files are small.
@@ -74,21 +101,58 @@ QByteArray HostPaths::readFile(const QString& path, bool* ok, qint64 maxBytes)
     if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 65536)
         data.reserve(static_cast<int>(qMin<qint64>(qMin<qint64>(st.st_size + 1, maxBytes), INT_MAX)));
     char buf[65536];
-    bool failed = false;
     while (data.size() < maxBytes) {
         ssize_t n = ::read(fd, buf, sizeof buf);
         if (n < 0) {
             if (errno == EINTR)
                 continue;
-            failed = true;
-            break;
+            return false;
         }
         if (n == 0)
             break;
         data.append(buf, static_cast<int>(qMin<qint64>(n, maxBytes - data.size())));
     }
-    ::close(fd);
+    return true;
+}
+
+QByteArray HostPaths::readFile(const QString& path, bool* ok, qint64 maxBytes)
+{
     if (ok)
-        *ok = !failed;
+        *ok = false;
+    const UniqueFd fd(openRetrying(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return QByteArray();
+    QByteArray data;
+    const bool read = readAll(fd.get(), maxBytes, data);
+    if (ok)
+        *ok = read;
     return data;
+}
+
+HostPaths::FileRead HostPaths::readRegularFile(const QString& path, QByteArray& data, qint64 maxBytes)
+{
+    data.clear();
+    const QByteArray local = QFile::encodeName(path);
+    // O_PATH follows the link to the inode without opening it (no driver or
+    // FIFO sees an open), so the type is checked on the very file that is
+    // then opened, not on whatever a rename put in its place since a stat().
+    const UniqueFd anchor(openRetrying(local.constData(), O_PATH | O_CLOEXEC));
+    struct stat before;
+    if (!anchor || ::fstat(anchor.get(), &before) != 0)
+        return FileRead::Unreadable;
+    if (!S_ISREG(before.st_mode) || onKernelFileSystem(anchor.get()))
+        return FileRead::NotRegular;
+
+    const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    char self[48];
+    std::snprintf(self, sizeof self, "/proc/self/fd/%d", anchor.get());
+    UniqueFd fd(openRetrying(self, flags));
+    if (!fd && errno == ENOENT) // no procfs mounted: the path once more, checked below
+        fd.reset(openRetrying(local.constData(), flags));
+    struct stat after;
+    if (!fd || ::fstat(fd.get(), &after) != 0)
+        return FileRead::Unreadable;
+    if (!S_ISREG(after.st_mode) || after.st_dev != before.st_dev || after.st_ino != before.st_ino)
+        return FileRead::NotRegular;
+    return readAll(fd.get(), maxBytes, data) ? FileRead::Read : FileRead::Unreadable;
 }

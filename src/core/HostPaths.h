@@ -28,7 +28,17 @@ public:
     // nullopt-like: ok is false when the file cannot be opened or read.
     static QByteArray readFile(const QString& path, bool* ok = nullptr, qint64 maxBytes = 16 * 1024 * 1024);
 
+    // For files a user may have put in place (anything under a home folder):
+    // only a regular file on a disk is opened, a symbolic link being followed.
+    // A FIFO would block the open for ever, a device node may act on being
+    // opened, and files of the kernel's own file systems (/proc/kmsg) may
+    // block or be consumed by reading: those are NotRegular, never opened.
+    enum class FileRead { Read, Unreadable, NotRegular };
+    static FileRead readRegularFile(const QString& path, QByteArray& data, qint64 maxBytes);
+
 private:
     static QString join(const QString& base, const QString& rel);
+    // Reads fd to EOF or maxBytes; false on a read error.
+    static bool readAll(int fd, qint64 maxBytes, QByteArray& data);
     QString m_proc, m_sys, m_root;
 };

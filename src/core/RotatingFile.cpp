@@ -43,9 +43,7 @@ void RotatingFile::setRotation(qint64 maxBytes, int keptFiles)
 
 void RotatingFile::close()
 {
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = -1;
+    m_fd.reset();
     m_size = 0;
 }
 
@@ -54,21 +52,21 @@ void RotatingFile::close()
 bool RotatingFile::ensureOpen()
 {
     const QByteArray path = QFile::encodeName(m_path);
-    if (m_fd >= 0) {
+    if (m_fd) {
         struct stat onDisk {
         }, open{};
-        if (::stat(path.constData(), &onDisk) == 0 && ::fstat(m_fd, &open) == 0 &&
+        if (::stat(path.constData(), &onDisk) == 0 && ::fstat(m_fd.get(), &open) == 0 &&
             onDisk.st_ino == open.st_ino && onDisk.st_dev == open.st_dev)
             return true;
         close();
     }
-    m_fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (m_fd < 0)
+    m_fd.reset(::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!m_fd)
         return false;
-    ::fchmod(m_fd, 0600);
+    ::fchmod(m_fd.get(), 0600);
     struct stat st {
     };
-    m_size = ::fstat(m_fd, &st) == 0 ? st.st_size : 0;
+    m_size = ::fstat(m_fd.get(), &st) == 0 ? st.st_size : 0;
     return true;
 }
 
@@ -85,7 +83,7 @@ void RotatingFile::rotate()
         ::unlink(base.constData());
 }
 
-bool RotatingFile::append(const QByteArray& data, Position* where)
+bool RotatingFile::append(const QByteArray& data, Position* where, bool durable)
 {
     if (!ensureOpen())
         return false;
@@ -94,22 +92,23 @@ bool RotatingFile::append(const QByteArray& data, Position* where)
         if (!ensureOpen())
             return false;
     }
-    if (where) {
-        struct stat st {
-        };
-        if (::fstat(m_fd, &st) != 0)
-            return false;
-        // O_APPEND writes at the end, which only this process moves.
-        *where = {st.st_dev, st.st_ino, st.st_size};
-    }
-    if (!writeAll(m_fd, data.constData(), static_cast<size_t>(data.size())))
+    struct stat st {
+    };
+    if (::fstat(m_fd.get(), &st) != 0)
         return false;
-    m_size += data.size();
+    // O_APPEND writes at the end, which only this process moves.
+    if (where)
+        *where = {st.st_dev, st.st_ino, st.st_size};
+    if (!writeAll(m_fd.get(), data.constData(), static_cast<size_t>(data.size())) ||
+        (durable && ::fdatasync(m_fd.get()) != 0)) {
+        // Half a line would run into the next one.
+        const int err = errno;
+        if (::ftruncate(m_fd.get(), st.st_size) == 0 && durable)
+            ::fdatasync(m_fd.get());
+        m_size = st.st_size;
+        errno = err;
+        return false;
+    }
+    m_size = st.st_size + data.size();
     return true;
-}
-
-void RotatingFile::sync()
-{
-    if (m_fd >= 0)
-        ::fdatasync(m_fd);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/UniqueFd.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -26,11 +28,12 @@ public:
     QString path() const { return m_path; }
     void setPath(const QString& path);
     void setRotation(qint64 maxBytes, int keptFiles);
+    qint64 maxBytes() const { return m_maxBytes; }
 
-    // Appends whole lines; false when the file cannot be opened or written.
-    bool append(const QByteArray& data, Position* where = nullptr);
-    // Flushes what was appended to the disk.
-    void sync();
+    // Appends whole lines, and with durable also flushes them to the disk;
+    // false when the file cannot be opened, written or flushed. What a failed
+    // append wrote is cut off again, so the next line starts clean.
+    bool append(const QByteArray& data, Position* where = nullptr, bool durable = false);
     void close();
 
     // write(2) until everything is out or a real error (EINTR retried).
@@ -41,7 +44,7 @@ private:
     void rotate();
 
     QString m_path;
-    int m_fd = -1;
+    UniqueFd m_fd;
     qint64 m_size = 0;
     qint64 m_maxBytes = 10 * 1024 * 1024;
     int m_keptFiles = 3;

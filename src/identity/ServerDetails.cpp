@@ -3,9 +3,11 @@
 #include "core/CLogger.h"
 #include "core/Common.h"
 
+#include <QFile>
 #include <QSettings>
 #include <QVariant>
 
+#include <cctype>
 #include <cerrno>
 
 ServerDetails* ServerDetails::s_instance = nullptr;
@@ -94,10 +96,71 @@ QString ServerDetails::getTlsCaFile() const
     return readText("Server", "EDRCAFILE", "").trimmed();
 }
 
+// Read from the file's own lines: the INI reader ends a value at its first
+// ';', which would keep only the first of several pins.
 QString ServerDetails::getTlsPinnedKeys() const
 {
-    // QSettings splits an unquoted value at commas; ';' is the separator here.
-    return readText("Server", "EDRPINNEDKEY", "").trimmed();
+    QFile file(settingsFilePath());
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    return pinnedKeysFromIni(file.read(kMaxIniBytes));
+}
+
+namespace
+{
+// "word//..." is a pin entry, whatever its algorithm (a wrong one is refused
+// later, by name); anything else after a ';' starts a comment.
+bool looksLikePin(const QByteArray& entry)
+{
+    const int slashes = entry.indexOf("//");
+    if (slashes <= 0)
+        return false;
+    for (int i = 0; i < slashes; ++i)
+        if (!std::isalnum(static_cast<unsigned char>(entry.at(i))))
+            return false;
+    return true;
+}
+
+QByteArray pinsFromValue(const QByteArray& raw)
+{
+    const QByteArray value = raw.trimmed();
+    if (value.startsWith('"')) {
+        const int end = value.indexOf('"', 1);
+        return value.mid(1, end < 0 ? -1 : end - 1).trimmed();
+    }
+    const QList<QByteArray> parts = value.split(';');
+    QByteArray pins = parts.first().trimmed();
+    for (int i = 1; i < parts.size(); ++i) {
+        const QByteArray entry = parts.at(i).trimmed();
+        if (entry.isEmpty())
+            continue;
+        if (!looksLikePin(entry))
+            break;
+        pins += ';' + entry;
+    }
+    return pins;
+}
+} // namespace
+
+QString ServerDetails::pinnedKeysFromIni(const QByteArray& ini)
+{
+    QByteArray pins;
+    bool inGroup = false;
+    const QList<QByteArray> lines = ini.split('\n');
+    for (int n = 0; n < lines.size(); ++n) {
+        QByteArray line = lines.at(n).trimmed(); // CR included
+        if (n == 0 && line.startsWith("\xEF\xBB\xBF"))
+            line = line.mid(3).trimmed();
+        if (line.startsWith('[')) {
+            const int end = line.indexOf(']');
+            inGroup = end > 0 && line.mid(1, end - 1) == "Server";
+            continue;
+        }
+        const int equals = line.indexOf('=');
+        if (inGroup && equals > 0 && line.left(equals).trimmed() == "EDRPINNEDKEY")
+            pins = pinsFromValue(line.mid(equals + 1)); // the last one counts, as for the INI reader
+    }
+    return QString::fromUtf8(pins);
 }
 
 QStringList ServerDetails::getConfiguredServerAddresses() const

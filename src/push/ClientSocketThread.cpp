@@ -5,6 +5,8 @@
 #include "core/Common.h"
 #include "core/EdrAgentConfig.h"
 #include "identity/ServerDetails.h"
+#include "push/ListenerPeer.h"
+#include "push/PortHolder.h"
 
 #include <QHostAddress>
 
@@ -140,6 +142,24 @@ bool ClientSocketThread::peerAllowed(const QString& peer)
     return m_allow.allows(QHostAddress(peer));
 }
 
+QString ClientSocketThread::refusal(const QString& address, int fd)
+{
+    const QHostAddress peer(address);
+    const bool allowed = peerAllowed(address);
+    // A datagram's sender cannot be traced to a socket: fd -1 finds none, so
+    // a local sender is refused.
+    std::optional<SockDiag::Socket> end;
+    if (allowed && fd >= 0) {
+        end = ListenerPeer::clientEnd(fd);
+        if (!end && errno != ENOENT)
+            EDR_LOG->Debug(Q_FUNC_INFO, "No socket diagnostics for %s: %s", qUtf8Printable(address),
+                           std::strerror(errno));
+    }
+    const ListenerPeer::Verdict verdict =
+        ListenerPeer::judge(allowed, ListenerPeer::isLocalAddress(peer), end);
+    return ListenerPeer::reason(verdict, end);
+}
+
 void ClientSocketThread::run()
 {
     startSocket();
@@ -151,54 +171,61 @@ void ClientSocketThread::startSocket()
 }
 
 // A bound (for TCP also listening) socket, retried every minute while the
-// port is taken; -1 when stopped, when the port is unusable or when no socket
-// can be made at all.
-int ClientSocketThread::bindSocket()
+// port is taken; none when stopped, when the port is unusable or when no
+// socket can be made at all.
+UniqueFd ClientSocketThread::bindSocket()
 {
     const bool tcp = m_protocol == TCP;
     if (m_clientPort < 1 || m_clientPort > 65535) {
         EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "Listen port %u is not a usable port!", m_clientPort.load());
-        return -1;
+        return UniqueFd();
     }
     for (;;) {
-        const int fd = tcp ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP)
-                           : ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
-        if (fd < 0) {
+        UniqueFd fd(tcp ? ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP)
+                        : ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
+        if (!fd) {
             EDR_LOG->Error(Q_FUNC_INFO, errno, "Socket Failed!");
-            return -1;
+            return fd;
         }
         // A restarted agent must get its port back at once.
         int one = 1;
-        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_port = htons(static_cast<uint16_t>(m_clientPort & 0xffff));
         addr.sin_addr.s_addr = inet_addr("0.0.0.0");
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-            EDR_LOG->Error(Q_FUNC_INFO, errno, "bind Failed!");
-        } else if (tcp && ::listen(fd, 1) != 0) {
+        if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+            const int err = errno;
+            // Whoever took the port first would get the server's commands.
+            if (err == EADDRINUSE && tcp)
+                EDR_LOG->Error(
+                    Q_FUNC_INFO, err, "bind Failed! Port %u is held by %s", m_clientPort.load(),
+                    qUtf8Printable(PortHolder().describeTcpPort(static_cast<uint16_t>(m_clientPort))));
+            else
+                EDR_LOG->Error(Q_FUNC_INFO, err, "bind Failed!");
+        } else if (tcp && ::listen(fd.get(), 1) != 0) {
             EDR_LOG->Error(Q_FUNC_INFO, errno, "listen Failed!");
         } else {
             return fd;
         }
-        ::close(fd);
+        fd.reset();
         if (!m_wait.sleepFor(Common::scaledMs(kBindRetryMs)))
-            return -1;
+            return UniqueFd();
     }
 }
 
 bool ClientSocketThread::runSocketListner()
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
-    const int fd = bindSocket();
-    if (fd < 0) {
+    const UniqueFd fd = bindSocket();
+    if (!fd) {
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;
     }
     if (m_protocol == TCP) {
         refreshAllowList();
         while (!m_wait.stopRequested()) {
-            const StoppableWait::Result ready = m_wait.waitFor(fd, POLLIN, -1);
+            const StoppableWait::Result ready = m_wait.waitFor(fd.get(), POLLIN, -1);
             if (ready == StoppableWait::Failed) {
                 EDR_LOG->Error(Q_FUNC_INFO, errno, "poll Failed! Retrying");
                 m_wait.sleepFor(Common::scaledMs(kAcceptBackoffMs));
@@ -208,8 +235,8 @@ bool ClientSocketThread::runSocketListner()
                 continue; // stopped: the loop ends
             sockaddr_in peer{};
             socklen_t len = sizeof peer;
-            const int client = ::accept4(fd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
-            if (client < 0) {
+            UniqueFd client(::accept4(fd.get(), reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC));
+            if (!client) {
                 const int err = errno;
                 if (!isTransientAcceptError(err)) {
                     EDR_LOG->Error(Q_FUNC_INFO, err, "accept Failed!");
@@ -222,26 +249,26 @@ bool ClientSocketThread::runSocketListner()
             }
             char address[INET_ADDRSTRLEN] = {};
             ::inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
-            if (!peerAllowed(QString::fromLatin1(address))) {
-                EDR_LOG->Error(Q_FUNC_INFO, EACCES,
-                               "Refused command connection from %s: not an allowed address", address);
-                AuditLog::getInstance()->record(AuditLog::Listener, QString::fromLatin1(address), QString(),
-                                                std::nullopt, AuditLog::RefusedPeer);
-                ::close(client);
+            const QString why = refusal(QString::fromLatin1(address), client.get());
+            if (!why.isEmpty()) {
+                // Throttled with the audit record: a flood must not fill the trace log either.
+                if (AuditLog::getInstance()->record(AuditLog::Listener, QString::fromLatin1(address),
+                                                    QString(), std::nullopt, AuditLog::RefusedPeer))
+                    EDR_LOG->Error(Q_FUNC_INFO, EACCES, "Refused command connection from %s: %s", address,
+                                   qUtf8Printable(why));
                 continue;
             }
             EDR_LOG->Info(Q_FUNC_INFO, "%s - Connected on socket. - %u %d", address, m_clientPort.load(),
-                          client);
+                          client.get());
             m_clientAddress = QString::fromLatin1(address);
-            connectToSocket(client);
-            ::close(client);
+            connectToSocket(client.get());
+            client.reset();
             EDR_LOG->Trace(Q_FUNC_INFO, "Client Socket Closed. Sleep for 5 seconds");
             m_wait.sleepFor(Common::scaledMs(kPauseAfterClientMs));
         }
     } else {
-        connectToSocket(fd);
+        connectToSocket(fd.get());
     }
-    ::close(fd);
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
     return true;
 }
@@ -276,18 +303,20 @@ void ClientSocketThread::connectToSocket(int fd)
         ::inet_ntop(AF_INET, &from.sin_addr, address, sizeof address);
         EDR_LOG->Info(Q_FUNC_INFO, "%s - Connected on socket - %u %d.", address, m_clientPort.load(), fd);
         m_clientAddress = QString::fromLatin1(address);
-        if (!peerAllowed(m_clientAddress)) {
-            EDR_LOG->Error(Q_FUNC_INFO, EACCES, "Refused command from %s: not an allowed address", address);
-            buffer[n] = '\0';
-            AuditLog::getInstance()->record(AuditLog::Listener, m_clientAddress, QString::fromUtf8(buffer),
-                                            std::nullopt, AuditLog::RefusedPeer);
+        const QString why = refusal(m_clientAddress, -1);
+        if (!why.isEmpty()) {
+            if (AuditLog::getInstance()->record(AuditLog::Listener, m_clientAddress,
+                                                QByteArray(buffer, static_cast<int>(n)), std::nullopt,
+                                                AuditLog::RefusedPeer))
+                EDR_LOG->Error(Q_FUNC_INFO, EACCES, "Refused command from %s: %s", address,
+                               qUtf8Printable(why));
             EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
             return;
         }
     }
     buffer[n] = '\0';
     EDR_LOG->Trace(Q_FUNC_INFO, "Recieved From Socket: %s", buffer);
-    emit messageRecieved(m_clientAddress, QString::fromUtf8(buffer, static_cast<int>(std::strlen(buffer))));
+    emit messageRecieved(m_clientAddress, QByteArray(buffer, static_cast<int>(n)));
     if (m_wait.sleepFor(Common::scaledMs(kPauseBeforeOkMs))) {
         ::send(fd, "OK", 2, MSG_NOSIGNAL);
     }

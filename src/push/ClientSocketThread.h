@@ -1,8 +1,10 @@
 #pragma once
 
+#include "core/UniqueFd.h"
 #include "push/ListenerAllowList.h"
 #include "push/StoppableWait.h"
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 #include <QThread>
@@ -13,7 +15,8 @@ class ServerDetails;
 
 // The local listener: one message per client, answered "OK" a second later.
 // Only peers on the allow-list (loopback, the configured servers, or the
-// ListenerAllow setting) may hand over commands.
+// ListenerAllow setting) may hand over commands, and of this machine's own
+// users only root.
 class ClientSocketThread : public QThread
 {
     Q_OBJECT
@@ -36,15 +39,19 @@ public:
     void connectToSocket(int fd);
 
 signals:
-    void messageRecieved(const QString& ip, const QString& message);
+    // The bytes as received: the audit records them exactly.
+    void messageRecieved(const QString& ip, const QByteArray& message);
 
 protected:
     void run() override;
 
 private:
     void startSocket();
-    int bindSocket();
+    UniqueFd bindSocket();
     bool peerAllowed(const QString& peer);
+    // Why the peer at address (on the accepted connection fd, or -1 for a
+    // datagram) is refused; empty when it is served.
+    QString refusal(const QString& address, int fd);
     void refreshAllowList();
     QList<QHostAddress> resolve(const QString& name);
 

@@ -9,9 +9,15 @@ OrderPolicy::OrderPolicy(const EdrAgentConfig& config) : m_config(config) {}
 
 QStringList OrderPolicy::keys()
 {
-    return {QStringLiteral("Terminal"),      QStringLiteral("Osquery"),      QStringLiteral("Kill"),
-            QStringLiteral("ServiceOrders"), QStringLiteral("StartupApps"),  QStringLiteral("Firewall"),
-            QStringLiteral("Update"),        QStringLiteral("TraceLogReset")};
+    return {QStringLiteral("Terminal"),      QStringLiteral("Osquery"),       QStringLiteral("Kill"),
+            QStringLiteral("ServiceOrders"), QStringLiteral("StartupApps"),   QStringLiteral("Firewall"),
+            QStringLiteral("Update"),        QStringLiteral("TraceLogReset"), QStringLiteral("AuditFailure")};
+}
+
+// Orders run unless denied; an order without its audit record runs only when allowed.
+OrderPolicy::Decision OrderPolicy::defaultDecision(const QString& key)
+{
+    return key == QLatin1String("AuditFailure") ? Deny : Allow;
 }
 
 QString OrderPolicy::keyFor(const PushCommand& command)
@@ -50,7 +56,9 @@ OrderPolicy::Decision OrderPolicy::decision(const QString& key, QString* value) 
     const QString text = m_config.getSetting(QStringLiteral("Policy/") + key).trimmed();
     if (value)
         *value = text;
-    if (text.isEmpty() || text.compare(QLatin1String("allow"), Qt::CaseInsensitive) == 0)
+    if (text.isEmpty())
+        return defaultDecision(key);
+    if (text.compare(QLatin1String("allow"), Qt::CaseInsensitive) == 0)
         return Allow;
     if (text.compare(QLatin1String("deny"), Qt::CaseInsensitive) == 0)
         return Deny;

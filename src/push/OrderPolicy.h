@@ -7,8 +7,10 @@
 #include <QStringList>
 
 // Which orders this machine carries out: agent.conf group [Policy], one key per
-// kind of order, "allow" (the default) or "deny". Read at every order, so an
-// edit takes effect without a restart. A value that is neither counts as deny.
+// kind of order, "allow" (the default) or "deny", and AuditFailure (default
+// deny): whether an order runs when its audit record cannot be written. Read
+// at every order, so an edit takes effect without a restart. A value that is
+// neither counts as deny.
 class OrderPolicy
 {
 public:
@@ -17,6 +19,7 @@ public:
     explicit OrderPolicy(const EdrAgentConfig& config = EdrAgentConfig());
 
     static QStringList keys();
+    static Decision defaultDecision(const QString& key);
     // The key governing a command; empty for commands no key governs.
     static QString keyFor(const PushCommand& command);
 

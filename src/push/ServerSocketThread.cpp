@@ -4,6 +4,7 @@
 
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/UniqueFd.h"
 #include "identity/AgentDetails.h"
 #include "identity/ServerDetails.h"
 
@@ -134,8 +135,8 @@ bool ServerSocketThread::connectToServerSocket()
     std::snprintf(handshake, sizeof handshake, "Connect#$#$%s#$#$%s", localIp.constData(),
                   authCode.constData());
 
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-    if (fd < 0) {
+    UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
+    if (!fd) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to get socket connection!");
         return false;
     }
@@ -143,23 +144,23 @@ bool ServerSocketThread::connectToServerSocket()
 
     const timeval recvTimeout = toTimeval(Common::scaledMs(kReceiveTimeoutMs));
     const timeval sendTimeout = toTimeval(Common::scaledMs(kSendTimeoutMs));
-    if (::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &recvTimeout, sizeof recvTimeout) != 0)
+    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &recvTimeout, sizeof recvTimeout) != 0)
         EDR_LOG->Error(Q_FUNC_INFO, errno, "setsockopt Failed! - SO_RCVTIMEO");
-    if (::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout) != 0)
+    if (::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout) != 0)
         EDR_LOG->Error(Q_FUNC_INFO, errno, "setsockopt Failed! - SO_SNDTIMEO");
 
     // Connect without blocking so a stop request can interrupt a slow attempt,
     // and give it the same 5 s as a send: a server that drops SYNs would
     // otherwise hold the attempt for the kernel's two minutes.
-    const int flags = ::fcntl(fd, F_GETFL, 0);
-    ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    int rc = ::connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof server);
+    const int flags = ::fcntl(fd.get(), F_GETFL, 0);
+    ::fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK);
+    int rc = ::connect(fd.get(), reinterpret_cast<sockaddr*>(&server), sizeof server);
     if (rc != 0 && errno == EINPROGRESS) {
-        switch (m_wait.waitFor(fd, POLLOUT, Common::scaledMs(kConnectTimeoutMs))) {
+        switch (m_wait.waitFor(fd.get(), POLLOUT, Common::scaledMs(kConnectTimeoutMs))) {
         case StoppableWait::Ready: {
             int soError = 0;
             socklen_t len = sizeof soError;
-            ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &len);
+            ::getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &soError, &len);
             errno = soError;
             rc = soError == 0 ? 0 : -1;
             break;
@@ -169,34 +170,30 @@ bool ServerSocketThread::connectToServerSocket()
             break;
         case StoppableWait::Stopped:
             // Shutting down: not a fault of the server.
-            ::close(fd);
             EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
             return false;
         case StoppableWait::Failed:
             break; // errno from poll
         }
     }
-    ::fcntl(fd, F_SETFL, flags);
+    ::fcntl(fd.get(), F_SETFL, flags);
     if (rc != 0) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Socket Server is unreachable! Server: %s:%d", ipBuffer,
                        m_serverPort);
-        ::close(fd);
         return false;
     }
-    if (!startTls(fd)) {
-        ::close(fd);
+    if (!startTls(fd.get()))
         return false;
-    }
 
     m_lastConnectionStatus = true;
     EDR_LOG->Trace(Q_FUNC_INFO, "Connected to server socket. Server: %s - %d", ipBuffer, m_serverPort);
-    sendText(fd, handshake, std::strlen(handshake));
+    sendText(fd.get(), handshake, std::strlen(handshake));
     EDR_LOG->Trace(Q_FUNC_INFO, "Send to %s: %s", ipBuffer, handshake);
 
-    connectToSocket(fd);
+    connectToSocket(fd.get());
 
     m_tls.reset();
-    ::close(fd);
+    fd.reset();
     EDR_LOG->Trace(Q_FUNC_INFO, "Server Socket Closed. %s", ipBuffer);
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
     return true;
@@ -236,7 +233,7 @@ void ServerSocketThread::connectToSocket(int fd)
         }
         buffer[n] = '\0';
         EDR_LOG->Trace(Q_FUNC_INFO, "Recieved From %s: %s", serverIp.constData(), buffer);
-        emit messageRecieved(m_serverIp, QString::fromUtf8(buffer, static_cast<int>(std::strlen(buffer))));
+        emit messageRecieved(m_serverIp, QByteArray(buffer, static_cast<int>(n)));
         if (!m_wait.sleepFor(Common::scaledMs(kPauseAfterMessageMs)))
             break;
         sendKeepAlive(fd);

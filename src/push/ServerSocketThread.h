@@ -4,6 +4,7 @@
 #include "push/StoppableWait.h"
 #include "push/TlsChannel.h"
 
+#include <QByteArray>
 #include <QString>
 #include <QThread>
 
@@ -41,7 +42,8 @@ public:
     void connectToSocket(int fd);
 
 signals:
-    void messageRecieved(const QString& ip, const QString& message);
+    // The bytes as received: the audit records them exactly.
+    void messageRecieved(const QString& ip, const QByteArray& message);
     void socketClosed();
 
 protected:

@@ -5,6 +5,7 @@
 
 #include "core/CLogger.h"
 #include "core/Common.h"
+#include "core/UniqueFd.h"
 #include "identity/AgentDetails.h"
 #include "identity/ServerDetails.h"
 #include "schedule/ScheduleManager.h"
@@ -121,17 +122,21 @@ void SocketManager::onSocketServerThreadFinished()
     m_reconnectTimer.start(Common::scaledMs(kReconnectPauseMs));
 }
 
-void SocketManager::onMessageRecieved(const QString& ip, const QString& message)
+void SocketManager::onMessageRecieved(const QString& ip, const QByteArray& message)
 {
     EDR_LOG->Trace(Q_FUNC_INFO, "Processing Message");
     processCommand(ip, message, sender() == &m_serverThread ? AuditLog::Push : AuditLog::Listener);
 }
 
-void SocketManager::processCommand(const QString& ip, const QString& message, AuditLog::Channel channel)
+void SocketManager::processCommand(const QString& ip, const QByteArray& message, AuditLog::Channel channel)
 {
-    const PushCommand command = PushCommand::parse(message);
+    // The parser reads the text up to its first zero byte; the audit keeps every byte.
+    const QString text =
+        QString::fromUtf8(message.constData(),
+                          static_cast<int>(qstrnlen(message.constData(), static_cast<uint>(message.size()))));
+    const PushCommand command = PushCommand::parse(text);
     // The server's own keep-alives are no commands.
-    if (channel == AuditLog::Push && message == QLatin1String("keep-alive"))
+    if (channel == AuditLog::Push && text == QLatin1String("keep-alive"))
         return;
     AuditLog* audit = AuditLog::getInstance();
     const bool numbered = command.kind == PushCommand::Report || command.kind == PushCommand::Action;
@@ -151,13 +156,32 @@ void SocketManager::processCommand(const QString& ip, const QString& message, Au
     const QString key = OrderPolicy::keyFor(command);
     if (!key.isEmpty() && !OrderPolicy().allows(key)) {
         EDR_LOG->Error(Q_FUNC_INFO, EACCES, "Order '%s' refused: policy %s does not allow it",
-                       qUtf8Printable(message.left(AuditLog::kMaxCommandBytes)), qUtf8Printable(key));
-        audit->record(channel, ip, message, task, AuditLog::Denied);
+                       qUtf8Printable(text), qUtf8Printable(key));
+        OrderReport report;
         carryOut(command, false);
+        audit->record(channel, ip, message, task, AuditLog::Denied, report.delivered);
         return;
     }
     const AuditLog::Entry entry = audit->begin(channel, ip, message, task);
-    audit->finish(entry, carryOut(command, true) ? AuditLog::Done : AuditLog::Failed);
+    if (!entry.written && !OrderPolicy().allows(QStringLiteral("AuditFailure"))) {
+        EDR_LOG->Error(Q_FUNC_INFO, entry.error,
+                       "Order '%s' not carried out: its audit record cannot be written and policy "
+                       "AuditFailure does not allow it",
+                       qUtf8Printable(text));
+        carryOut(command, false);
+        return;
+    }
+    OrderReport report;
+    const bool carriedOut = carryOut(command, true);
+    AuditLog::Outcome outcome = carriedOut ? AuditLog::Done : AuditLog::Failed;
+    if (command.kind == PushCommand::Action || (command.kind == PushCommand::Report && !key.isEmpty())) {
+        // An order is done when it did what it was asked, whatever became of its result.
+        outcome = report.succeeded.value_or(false) ? AuditLog::Done : AuditLog::Failed;
+    } else if (command.kind == PushCommand::Report) {
+        // A report is done once the server has it.
+        outcome = carriedOut && report.delivered.value_or(false) ? AuditLog::Done : AuditLog::Failed;
+    }
+    audit->finish(entry, outcome, report.delivered);
 }
 
 // True when the command was carried out; a refused order only reports its failure.
@@ -172,6 +196,8 @@ bool SocketManager::carryOut(const PushCommand& command, bool permitted)
                        qUtf8Printable(command.word));
         return false;
     case PushCommand::ConfigChange:
+        if (!permitted)
+            return false;
         if (m_scheduleManager && m_scheduleManager->getLatestSceduleFromServer()) {
             EDR_LOG->Trace(Q_FUNC_INFO, "Successfully Downloaded Updated Agent Config!");
             return true;
@@ -227,8 +253,9 @@ bool SocketManager::sendMessageTo(const QString& ip, const QString& message, qui
                 static_cast<size_t>(qMin(text.size(), static_cast<int>(sizeof buffer) - 1)));
     const size_t length = std::strlen(buffer);
 
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+    const UniqueFd owned(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int fd = owned.get();
+    if (!owned) {
         EDR_LOG->Error(Q_FUNC_INFO, errno, "Failed to get socket connection!");
         EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
         return false;
@@ -243,7 +270,6 @@ bool SocketManager::sendMessageTo(const QString& ip, const QString& message, qui
     } else {
         if (::connect(fd, reinterpret_cast<sockaddr*>(&target), sizeof target) != 0) {
             EDR_LOG->Error(Q_FUNC_INFO, errno, "IP Server is unreachable! IP: %s", address.constData());
-            ::close(fd);
             EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
             return false;
         }
@@ -254,7 +280,6 @@ bool SocketManager::sendMessageTo(const QString& ip, const QString& message, qui
         EDR_LOG->Info(Q_FUNC_INFO, "Message send to %s:%d successfully", address.constData(),
                       static_cast<int>(port));
     EDR_LOG->Trace(Q_FUNC_INFO, "IP Socket Closed. %s", address.constData());
-    ::close(fd);
     EDR_LOG->Debug(Q_FUNC_INFO, "OUT");
     return result;
 }

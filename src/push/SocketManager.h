@@ -33,7 +33,7 @@ public:
     void disconnectFromServer();
 
     // Every command is audited, and carried out when the order policy allows it.
-    void processCommand(const QString& ip, const QString& message,
+    void processCommand(const QString& ip, const QByteArray& message,
                         AuditLog::Channel channel = AuditLog::Listener);
     bool sendMessageTo(const QString& ip, const QString& message, quint64 port, bool datagram);
 
@@ -43,7 +43,7 @@ public:
 
 public slots:
     void onSocketServerThreadFinished();
-    void onMessageRecieved(const QString& ip, const QString& message);
+    void onMessageRecieved(const QString& ip, const QByteArray& message);
 
 private:
     SocketManager();

@@ -21,22 +21,18 @@ constexpr int kSliceWithoutWakeFdMs = 100;
 
 StoppableWait::StoppableWait() : m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-    if (m_wakeFd < 0)
+    if (!m_wakeFd)
         EDR_LOG->Error(Q_FUNC_INFO, errno, "eventfd Failed! Stops are noticed within %d ms",
                        kSliceWithoutWakeFdMs);
 }
 
-StoppableWait::~StoppableWait()
-{
-    if (m_wakeFd >= 0)
-        ::close(m_wakeFd);
-}
+StoppableWait::~StoppableWait() = default;
 
 void StoppableWait::reset()
 {
     m_stop = false;
     uint64_t drained;
-    while (m_wakeFd >= 0 && ::read(m_wakeFd, &drained, sizeof drained) > 0) {
+    while (m_wakeFd && ::read(m_wakeFd.get(), &drained, sizeof drained) > 0) {
     }
 }
 
@@ -44,8 +40,8 @@ void StoppableWait::requestStop()
 {
     m_stop = true;
     const uint64_t one = 1;
-    if (m_wakeFd >= 0) {
-        ssize_t rc = ::write(m_wakeFd, &one, sizeof one);
+    if (m_wakeFd) {
+        ssize_t rc = ::write(m_wakeFd.get(), &one, sizeof one);
         (void)rc;
     }
 }
@@ -57,7 +53,7 @@ StoppableWait::Result StoppableWait::waitFor(int fd, short events, int timeoutMs
     for (;;) {
         if (m_stop)
             return Stopped;
-        pollfd fds[2] = {{m_wakeFd, POLLIN, 0}, {fd, events, 0}};
+        pollfd fds[2] = {{m_wakeFd.get(), POLLIN, 0}, {fd, events, 0}};
         const int count = fd >= 0 ? 2 : 1;
         int wait = -1;
         if (timeoutMs >= 0) {
@@ -65,7 +61,7 @@ StoppableWait::Result StoppableWait::waitFor(int fd, short events, int timeoutMs
                 std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
             wait = left > 0 ? static_cast<int>(left) : 0;
         }
-        const bool sliced = m_wakeFd < 0 && (wait < 0 || wait > kSliceWithoutWakeFdMs);
+        const bool sliced = !m_wakeFd && (wait < 0 || wait > kSliceWithoutWakeFdMs);
         if (sliced)
             wait = kSliceWithoutWakeFdMs;
         const int n = ::poll(fds, static_cast<nfds_t>(count), wait);

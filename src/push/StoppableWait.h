@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/UniqueFd.h"
+
 #include <atomic>
 
 // Lets a socket thread block in poll() and still be stopped from outside at
@@ -28,6 +30,6 @@ public:
     bool sleepFor(int ms);
 
 private:
-    int m_wakeFd = -1;
+    UniqueFd m_wakeFd;
     std::atomic<bool> m_stop{false};
 };

@@ -6,7 +6,9 @@
 #include <QHostAddress>
 
 #include "comm/OpenSslLibrary.h"
+#include "core/CLogger.h"
 
+#include <cerrno>
 #include <chrono>
 #include <fcntl.h>
 #include <poll.h>
@@ -109,13 +111,15 @@ bool TlsChannel::handshake(int fd, const TlsSettings& settings, const QString& h
     if (!setUpContext(settings))
         return false;
 
+    const QByteArray name = host.toUtf8();
+    if (!m_api->expectServer(m_ctx, name.constData()))
+        return fail(QStringLiteral("cannot set the expected server name %1").arg(host));
+    m_host = host;
     m_ssl = m_api->SSL_new(m_ctx);
     if (!m_ssl || m_api->SSL_set_fd(m_ssl, fd) != 1)
         return fail(QStringLiteral("cannot set up TLS: ") + openSslError(m_api));
-    const QByteArray name = host.toUtf8();
-    // SSL_set1_host takes an address literal as an address to match.
-    if (m_api->SSL_set1_host(m_ssl, name.constData()) != 1)
-        return fail(QStringLiteral("cannot set the expected server name %1").arg(host));
+    m_api->SSL_set_ex_data(m_ssl, 0, this);
+    m_api->SSL_set_info_callback(m_ssl, &TlsChannel::onSslEvent);
     if (QHostAddress(host).isNull())
         m_api->SSL_ctrl(m_ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
                         const_cast<char*>(name.constData()));
@@ -144,7 +148,36 @@ bool TlsChannel::handshake(int fd, const TlsSettings& settings, const QString& h
     }
     if (!pins->isEmpty() && !pinMatches(*pins))
         return fail(QStringLiteral("the server's public key does not match EDRPINNEDKEY"));
+    m_established = true;
     m_healthy = true;
+    return true;
+}
+
+// Any handshake after the first is a renegotiation (TLS 1.3 has none, and
+// its session tickets and key updates do not start a handshake here).
+void TlsChannel::onSslEvent(const SSL* ssl, int where, int)
+{
+    if (!(where & SSL_CB_HANDSHAKE_START))
+        return;
+    const OpenSslLibrary* api = OpenSslLibrary::get();
+    auto* self = static_cast<TlsChannel*>(api->SSL_get_ex_data(ssl, 0));
+    if (self && self->m_established)
+        self->m_renegotiationAsked = true;
+}
+
+// The session stays as it was (renegotiation is refused), but a server that
+// asks has been replaced or is misbehaving: nothing more is taken from it.
+bool TlsChannel::droppedForRenegotiation()
+{
+    if (!m_renegotiationAsked)
+        return false;
+    if (m_healthy) {
+        m_healthy = false;
+        m_error = QStringLiteral("the server asked to renegotiate");
+        EDR_LOG->Error(Q_FUNC_INFO, EPROTO, "TLS connection to %s dropped: the server asked to renegotiate",
+                       qUtf8Printable(m_host));
+    }
+    m_api->ERR_clear_error();
     return true;
 }
 
@@ -171,13 +204,15 @@ bool TlsChannel::pinMatches(const QList<QByteArray>& pins)
 
 ssize_t TlsChannel::send(const char* data, size_t size, StoppableWait& wait, int timeoutMs)
 {
-    if (!m_ssl)
+    if (!m_ssl || droppedForRenegotiation())
         return -1;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     size_t written = 0;
     while (written < size) {
         size_t n = 0;
         const int rc = m_api->SSL_write_ex(m_ssl, data + written, size - written, &n);
+        if (droppedForRenegotiation())
+            return -1;
         if (rc == 1) {
             written += n;
             continue;
@@ -197,10 +232,13 @@ ssize_t TlsChannel::send(const char* data, size_t size, StoppableWait& wait, int
 
 ssize_t TlsChannel::receive(char* buffer, size_t size)
 {
-    if (!m_ssl)
+    if (!m_ssl || droppedForRenegotiation())
         return -1;
     size_t n = 0;
     const int rc = m_api->SSL_read_ex(m_ssl, buffer, size, &n);
+    // Whatever came with the request is dropped with the connection.
+    if (droppedForRenegotiation())
+        return -1;
     if (rc == 1)
         return static_cast<ssize_t>(n);
     const int err = m_api->SSL_get_error(m_ssl, rc);

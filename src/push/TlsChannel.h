@@ -13,7 +13,9 @@ typedef struct ssl_ctx_st SSL_CTX;
 
 // A TLS client stream over an already connected socket, verified the way the
 // HTTP channel is: CA file or the system's trust store, the server's name or
-// address, and the pinned key (sha256 of its SubjectPublicKeyInfo) when set.
+// address (subjectAltName only), and the pinned key (sha256 of its
+// SubjectPublicKeyInfo) when set. A server that asks to renegotiate is
+// dropped: the certificate checked at the start is the only one ever taken.
 // The socket is switched to non-blocking; every wait goes through the caller's
 // StoppableWait so a stop request ends a handshake, a read or a write at once.
 class TlsChannel
@@ -43,10 +45,15 @@ private:
     bool fail(const QString& reason);
     bool setUpContext(const TlsSettings& settings);
     bool pinMatches(const QList<QByteArray>& pins);
+    bool droppedForRenegotiation();
+    static void onSslEvent(const SSL* ssl, int where, int ret);
 
     const OpenSslLibrary* m_api = nullptr;
     SSL_CTX* m_ctx = nullptr;
     SSL* m_ssl = nullptr;
-    bool m_healthy = false; // handshake done, no fatal error since
+    bool m_established = false;        // the first handshake and its checks passed
+    bool m_healthy = false;            // established, no fatal error since
+    bool m_renegotiationAsked = false; // set from OpenSSL's callback
+    QString m_host;
     QString m_error;
 };

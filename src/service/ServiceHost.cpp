@@ -2,6 +2,7 @@
 
 #include "comm/AgentManager.h"
 #include "comm/Outbox.h"
+#include "core/AuditLog.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
 #include "core/StopRequest.h"
@@ -91,6 +92,7 @@ void releaseInstances()
     ServerDetails::releaseInstance();
     AgentDetails::releaseInstance();
     AgentManager::releaseInstance();
+    AuditLog::releaseInstance(); // writes the refusals still only counted
     LOGGER::CLogger::releaseInstance();
 }
 

@@ -2,12 +2,19 @@
 
 #include "core/Common.h"
 #include "core/HostPaths.h"
+#include "support/TestCertificates.h"
 #include "support/TestSupport.h"
+#include "support/TlsTestPeer.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QTemporaryFile>
 
 #include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <atomic>
+#include <thread>
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -26,6 +33,36 @@ protected:
         return QStringLiteral("http://127.0.0.1:%1/api/v1/%2").arg(server.port()).arg(QLatin1String(route));
     }
     HttpManager* http = HttpManager::getInstance();
+};
+
+// An HTTPS server on 127.0.0.1 that answers every POST "OK" and counts them.
+class HttpsServer
+{
+public:
+    HttpsServer(const QString& cert, const QString& key)
+        : m_server(QFile::encodeName(cert).constData(), QFile::encodeName(key).constData())
+    {
+        m_server.Post(".*", [this](const httplib::Request&, httplib::Response& res) {
+            ++m_requests;
+            res.set_content("OK", "text/plain");
+        });
+        m_port = m_server.bind_to_any_port("127.0.0.1");
+        m_thread = std::thread([this] { m_server.listen_after_bind(); });
+        waitUntil([this] { return m_server.is_running(); }, 10000); // or stop() would not end it
+    }
+    ~HttpsServer()
+    {
+        m_server.stop();
+        m_thread.join();
+    }
+    int port() const { return m_port; }
+    int requests() const { return m_requests; }
+
+private:
+    httplib::SSLServer m_server;
+    int m_port = 0;
+    std::atomic<int> m_requests{0};
+    std::thread m_thread;
 };
 } // namespace
 
@@ -142,4 +179,90 @@ TEST_F(HttpTest, CheckPortProbesTcp)
         ::close(fd);
     ::setrlimit(RLIMIT_NOFILE, &saved);
     EXPECT_TRUE(reachable);
+}
+
+// Over HTTPS the server's name or address must be in the certificate's
+// subjectAltName (a CN naming it is not enough), and with several pins written
+// as in serverip.ini's documentation a key matching any one of them is taken.
+TEST(HttpTls, ServerIdentityInSubjectAltNameOnlyAndAnyPinWillDo)
+{
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    const QByteArray twoPins = certs->otherPin + ';' + certs->serverPin;
+    const struct {
+        const char* name;
+        QString cert, key;
+        const char* host;
+        QByteArray pins;
+        const char* refusal; // null: taken
+    } cases[] = {
+        {"address in subjectAltName", certs->serverCert, certs->serverKey, "127.0.0.1", {}, nullptr},
+        {"address in the CN only",
+         certs->cnOnlyIpCert,
+         certs->serverKey,
+         "127.0.0.1",
+         {},
+         "IP address mismatch"},
+        {"name in the CN only",
+         certs->cnOnlyNameCert,
+         certs->serverKey,
+         "localhost",
+         {},
+         "hostname mismatch"},
+        {"second of two pins", certs->serverCert, certs->serverKey, "127.0.0.1", twoPins, nullptr},
+        {"neither pin", certs->secondCert, certs->secondKey, "127.0.0.1", twoPins, "pinned public key"},
+    };
+    HttpManager* http = HttpManager::getInstance();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        HttpsServer server(c.cert, c.key);
+        ScratchPrefix prefix;
+        prefix.pointAtServer(server.port(), 1, 0,
+                             "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(certs->caFile) +
+                                 "\nEDRPINNEDKEY=" + c.pins + "\n");
+        const QString url =
+            QStringLiteral("https://%1:%2/api/v1/x").arg(QLatin1String(c.host)).arg(server.port());
+        const QMap<QString, QString> fields{{QStringLiteral("a"), QStringLiteral("1")}};
+        QString response;
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(http->sendDataToServer(true, url, 3, fields, response), c.refusal == nullptr);
+        EXPECT_EQ(server.requests(), c.refusal ? 0 : 2);
+        const QByteArray log = prefix.traceLog();
+        if (c.refusal) {
+            EXPECT_TRUE(log.contains(c.refusal)) << log.constData();
+        }
+        // Said once for the settings in force, not at every request.
+        const int pins = c.pins.isEmpty() ? 0 : 2;
+        EXPECT_EQ(log.count("pinned keys in force (EDRPINNEDKEY): " + QByteArray::number(pins)), 1)
+            << log.constData();
+    }
+}
+
+// A pinned HTTPS server asks for a TLS 1.2 renegotiation (switching to a key
+// the CA vouches for but the pin does not name) before it answers: the agent
+// declines it, and the request fails instead of taking the answer.
+TEST(HttpTls, RenegotiationIsRefused)
+{
+    const TestCertificates* certs = TestCertificates::get();
+    ASSERT_TRUE(certs);
+    ScratchPrefix prefix;
+    TlsTestPeer server;
+    prefix.pointAtServer(server.port(), 1, 0,
+                         "EDRTLS=1\nEDRCAFILE=" + QFile::encodeName(certs->caFile) +
+                             "\nEDRPINNEDKEY=" + certs->serverPin + "\n");
+    QByteArray afterRequest;
+    std::thread peer([&] {
+        if (!server.accept(certs->serverCert, certs->serverKey, true, 10000) || server.read().isEmpty())
+            return;
+        server.requestRenegotiation(certs->secondCert, certs->secondKey);
+        server.read(); // takes the client's answer to the request
+        afterRequest = server.failure();
+        server.write("HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nOK");
+    });
+    QString response;
+    const bool sent = HttpManager::getInstance()->sendDataToServer(
+        true, QStringLiteral("https://127.0.0.1:%1/api/v1/x").arg(server.port()), 3, {}, response);
+    peer.join();
+    EXPECT_FALSE(sent);
+    EXPECT_TRUE(afterRequest.contains("no renegotiation")) << afterRequest.constData();
 }

@@ -1,4 +1,5 @@
 #include "comm/TlsSettings.h"
+#include "identity/ServerDetails.h"
 
 #include <gtest/gtest.h>
 
@@ -26,4 +27,36 @@ TEST(TlsSettings, PinsParseOnlyInTheirOneForm)
         EXPECT_EQ(bad.isEmpty(), c.digests.has_value()) << qPrintable(c.text); // a refusal names the bad pin
     }
     EXPECT_EQ(TlsSettings::curlPinText({a, b}), (pa + QLatin1Char(';') + pb).toLatin1());
+}
+
+// EDRPINNEDKEY as written in serverip.ini: every pin of "A;B", whatever the
+// spacing, quoting or line ends, while a trailing comment stays a comment
+// and an entry in another form is kept so that it is refused by name.
+TEST(TlsSettings, EveryPinOfTheLineIsRead)
+{
+    const char* const A = "sha256//AAAA";
+    const char* const B = "sha256//BBBB";
+    const struct {
+        QByteArray ini;
+        QString pins;
+    } cases[] = {
+        {"[Server]\nEDRPINNEDKEY=sha256//AAAA;sha256//BBBB\n", QStringLiteral("%1;%2").arg(A, B)},
+        {"\xEF\xBB\xBF[Server]\r\nEDRPINNEDKEY = sha256//AAAA ; sha256//BBBB\r\n",
+         QStringLiteral("%1;%2").arg(A, B)},
+        {"[Server]\nEDRPINNEDKEY=sha256//AAAA   ; optional; several separated by \";\"\n", QLatin1String(A)},
+        {"[Server]\nEDRPINNEDKEY=\"sha256//AAAA;sha256//BBBB\" ; quoted\n",
+         QStringLiteral("%1;%2").arg(A, B)},
+        {"[Server]\nEDRPINNEDKEY=sha256//AAAA;md5//CCCC;sha256//BBBB\n",
+         QStringLiteral("%1;md5//CCCC;%2").arg(A, B)},
+        {"[Server]\nEDRPINNEDKEY=sha256//AAAA;;sha256//BBBB;\n", QStringLiteral("%1;%2").arg(A, B)},
+        // Only group [Server], and its last assignment, as the INI reader takes it.
+        {"[server]\nEDRPINNEDKEY=sha256//AAAA\n", QString()},
+        {"[Server]\nEDRPINNEDKEY=sha256//AAAA\n[server]\nEDRIP=1.2.3.4\n[Server]\nEDRPINNEDKEY=sha256//"
+         "BBBB\n",
+         QLatin1String(B)},
+        {"[Server]\n;EDRPINNEDKEY=sha256//AAAA\nEDRPINNEDKEYS=sha256//BBBB\n", QString()},
+        {"[Server]\nEDRPINNEDKEY=\n", QString()},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(ServerDetails::pinnedKeysFromIni(c.ini), c.pins) << c.ini.constData();
 }

@@ -1,6 +1,7 @@
 #include "control/FirewallManager.h"
 #include "control/OSQueryManager.h"
 #include "control/ServiceManager.h"
+#include "core/AuditLog.h"
 
 #include "control/ControlTestHelpers.h"
 
@@ -39,4 +40,36 @@ TEST(DeniedOrders, RunNothingAndReportTheirUsualFailure)
 
     for (const char* tool : {"ufw", "systemctl", "osquery"})
         EXPECT_TRUE(fakes.invocations(QString::fromLatin1(tool)).isEmpty()) << tool;
+}
+
+// What an order notes for its audit record: its own success, apart from
+// whether the server took its result (a server error keeps it for later).
+TEST(OrderReports, SuccessIsNotedApartFromDelivery)
+{
+    edrtest::ServerUnderTest peer;
+    edrtest::TimeScale scale(0.01); // the pauses between post attempts
+    const struct {
+        int toolExit;
+        int httpStatus;
+        bool succeeded, delivered;
+    } cases[] = {{0, 200, true, true}, {1, 200, false, true}, {0, 500, true, false}, {1, 503, false, false}};
+    for (const auto& c : cases) {
+        edrtest::FakeToolDir fakes;
+        fakes.addTool(QStringLiteral("systemctl"), "", c.toolExit);
+        fakes.addTool(QStringLiteral("ufw"), "", c.toolExit);
+        peer.server.setReply(edrtest::CannedReply{c.httpStatus});
+        const std::function<void()> orders[] = {
+            [&] {
+                ServiceManager(fakes.runner()).executeSendReportToServer(QStringLiteral("2|cron.service|s1"));
+            },
+            [&] { FirewallManager(fakes.runner()).executeSendReportToServer(QStringLiteral("1|1|1|f1")); },
+        };
+        for (const auto& order : orders) {
+            OrderReport report;
+            order();
+            EXPECT_EQ(report.succeeded, c.succeeded) << c.toolExit << " " << c.httpStatus;
+            EXPECT_EQ(report.delivered, c.delivered) << c.toolExit << " " << c.httpStatus;
+        }
+    }
+    OrderReport::noteSucceeded(true); // outside any order: goes nowhere
 }

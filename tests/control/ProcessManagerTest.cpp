@@ -2,9 +2,14 @@
 
 #include "control/ControlTestHelpers.h"
 
+#include <QDir>
+#include <QTemporaryDir>
+
 #include <algorithm>
 #include <csignal>
+#include <future>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace
@@ -107,6 +112,62 @@ TEST(ProcessManagerTest, KillOrdersPostTheirResultAndTheSparedAreReported)
     EXPECT_EQ(record["Name"], "sleep\n");
     EXPECT_EQ(record["CommandLine"], "sleep");
     EXPECT_EQ(record["ParentProcessId"], QString::number(::getpid()));
+}
+
+TEST(ProcessManagerTest, KillSparesEveryThreadOfTheAgentAndOfInit)
+{
+    edrtest::ServerUnderTest peer;
+    int posted = 0;
+    const auto order = [&](ProcessManager& manager, int target) {
+        EXPECT_TRUE(manager.executeSendReportToServer("1|" + QString::number(target) + "|t"));
+        return peer.posted("settings/InvSettingsOutput", ++posted).value("status").toInt();
+    };
+
+    // A thread of this very process: its id is a valid kill target that would end us.
+    std::promise<pid_t> tid;
+    std::promise<void> release;
+    std::thread thread([&] {
+        tid.set_value(::gettid());
+        release.get_future().wait();
+    });
+    ProcessManager real;
+    EXPECT_EQ(order(real, tid.get_future().get()), 1);
+    release.set_value();
+    thread.join();
+    EXPECT_TRUE(peer.logHas(("it is a thread of process " + QByteArray::number(::getpid())).constData()));
+
+    // The thread group as a fixture /proc tells it, for a live child: only a
+    // status that plainly names another process lets the kill through.
+    edrtest::Sleeper child;
+    const QByteArray pid = QByteArray::number(child.pid());
+    QTemporaryDir root;
+    const QString dir = root.path() + "/proc/" + pid;
+    ASSERT_TRUE(QDir().mkpath(dir));
+    ProcessManager manager(HostPaths::fromFixtureRoot(root.path()));
+    const QByteArray spared[] = {
+        "Name:\tsleep\nTgid:\t" + QByteArray::number(::getpid()) + "\nPid:\t" + pid + "\n",
+        "Tgid:\t1\n",
+        "Name:\tsleep\nPid:\t" + pid + "\n", // no Tgid line
+        "Tgid:\t\n",
+        "Tgid:\t-" + pid + "\n",
+        "Tgid:\t" + pid + "x\n",
+        "Tgid:\t1" + QByteArray(10, '0') + pid + "\n",
+        "XTgid:\t" + pid + "\n",
+        QByteArray("Name:\0Tgid:\t", 11) + pid + "\n", // past the end of the text
+    };
+    for (const QByteArray& status : spared) {
+        edrtest::writeTestFile(dir + "/status", status);
+        EXPECT_EQ(order(manager, child.pid()), 1) << status.constData();
+        EXPECT_TRUE(child.running()) << status.constData();
+    }
+    ASSERT_TRUE(QFile::remove(dir + "/status")); // no such process as far as /proc knows
+    EXPECT_EQ(order(manager, child.pid()), 1);
+    EXPECT_TRUE(child.running());
+
+    edrtest::writeTestFile(dir + "/status", "Name:\tsleep\nTgid:\t " + pid + " \nPid:\t" + pid + "\n");
+    EXPECT_EQ(order(manager, child.pid()), 0);
+    const int status = child.reap();
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
 }
 
 } // namespace

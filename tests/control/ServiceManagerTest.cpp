@@ -67,6 +67,25 @@ TEST(ServiceManagerTest, PureHelpers)
         EXPECT_FALSE(ServiceManager::canShareShowRun(no)) << qPrintable(no);
 }
 
+TEST(ServiceManagerTest, OrdersNameUnitsOnly)
+{
+    const QString longest = QString(247, 'u') + ".service";
+    for (const QString& ok :
+         {QString("ssh.service"), QString("getty@tty1.service"), QString("foo@.service"),
+          QString("systemd-fsck@dev-disk-by\\x2duuid-1a2b.service"), QString("a@b@c.timer"),
+          QString("run-user-1000.mount"), QString("x.automount"), QString("dbus.socket"),
+          QString("A:b_c.d.swap"), QString("user.slice"), QString("session-4.scope"),
+          QString("multi-user.target"), QString("p.path"), QString("dev-sda.device"), longest})
+        EXPECT_TRUE(ServiceManager::isUnitName(ok)) << qPrintable(ok);
+    for (const QString& no :
+         {QString(), QString("ssh"), QString(".service"), QString("@x.service"), QString("-.mount"),
+          QString("ssh.Service"), QString("ssh.service."), QString("ssh.snapshot"), QString("a/b.service"),
+          QString("a b.service"), QString("a*.service"), QString("a?.service"), QString("a[1].service"),
+          QString("caf\u00e9.service"), QString("a\tb.service"), QString("a%b.service"),
+          QString("a~.service"), QString("x") + longest})
+        EXPECT_FALSE(ServiceManager::isUnitName(no)) << qPrintable(no);
+}
+
 TEST(ServiceManagerTest, PropertiesFollowTheirRules)
 {
     const QPair<QStringList, QJsonObject> cases[] = {
@@ -180,6 +199,14 @@ TEST(ServiceManagerTest, OrdersRunTheRightVerbAndPostTheResult)
         {"2|*|id12", ""},
         {"3|ssh?.service|id13", ""},
         {"6|dev-[ab].mount|id14", ""}, // patterns match every unit
+        // Only unit names: a path would be linked in and run as root.
+        {"5|/dev/shm/evil.service|e1", ""},
+        {"5|../../dev/shm/evil.service|e2", ""},
+        {"1|ssh|e3", ""}, // systemctl would guess the type; an order says it
+        {"1|ssh.service |e4", ""},
+        {"1|ssh.service\n|e5", ""},
+        {"5|getty@tty1.service|e6", "enable getty@tty1.service"},
+        {"4|dev-sda1.device|e7", "mask dev-sda1.device"},
     };
     int posted = 0;
     for (const auto& c : cases) {

@@ -2,8 +2,17 @@
 
 #include "control/ControlTestHelpers.h"
 
+#include "core/UniqueFd.h"
+
 #include <QDir>
 #include <QTemporaryDir>
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <thread>
+#include <unistd.h>
 
 using edrtest::ServerUnderTest;
 
@@ -24,6 +33,82 @@ TEST(StartupAppsManagerTest, ReportListsEveryLocationWithItsUserAndNothingWhenEm
         EXPECT_FALSE(empty.sendRptToServer(QString()));
     EXPECT_EQ(peer.server.requests().size(), 1);
     EXPECT_TRUE(peer.logHas("Startup Apps Not Found!") && peer.logHas("Failed to Startup Apps Info."));
+}
+
+TEST(StartupAppsManagerTest, OnlyRegularFilesAreOpenedFromAUsersFolder)
+{
+    QTemporaryDir root;
+    const QByteArray top = QFile::encodeName(root.path());
+    const QByteArray autostart = top + "/home/eve/.config/autostart";
+    ASSERT_TRUE(QDir().mkpath(QFile::decodeName(autostart)) &&
+                QDir().mkpath(root.path() + "/usr/share/applications"));
+    edrtest::writeTestFile(QFile::decodeName(autostart + "/plain.desktop"),
+                           "[Desktop Entry]\nName=Plain\nExec=plain\n");
+    edrtest::writeTestFile(root.path() + "/usr/share/applications/shared.desktop",
+                           "[Desktop Entry]\nName=Shared\nExec=shared --x\n");
+    // What eve may link to: a FIFO (an open would wait for a writer for ever),
+    // a device node (opening one may act on the device) and a kernel file.
+    const QByteArray pipe = top + "/pipe", node = top + "/null";
+    ASSERT_EQ(::mkfifo(pipe.constData(), 0600), 0);
+    ASSERT_EQ(::mknod(node.constData(), S_IFCHR | 0600, ::makedev(1, 3)), 0);
+    for (const auto& link : {std::make_pair(QByteArray("../../../../usr/share/applications/shared.desktop"),
+                                            autostart + "/linked.desktop"),
+                             std::make_pair(pipe, autostart + "/pipe.desktop"),
+                             std::make_pair(node, autostart + "/null.service"),
+                             std::make_pair(QByteArray("/proc/self/status"), autostart + "/kernel.desktop")})
+        ASSERT_EQ(::symlink(link.first.constData(), link.second.constData()), 0) << link.second.constData();
+
+    const UniqueFd opens(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_GE(::inotify_add_watch(opens.get(), node.constData(), IN_OPEN), 0);
+    // Should the FIFO be opened anyway, this writer lets the open through and
+    // its entry shows in the report instead of the test hanging.
+    std::thread writer([&pipe] {
+        const UniqueFd w(::open(pipe.constData(), O_WRONLY | O_CLOEXEC));
+        const char entry[] = "[Desktop Entry]\nName=FromPipe\n";
+        EXPECT_EQ(::write(w.get(), entry, sizeof entry - 1), ssize_t(sizeof entry - 1));
+    });
+
+    QJsonObject body;
+    const bool collected = StartupAppsManager(HostPaths::fromFixtureRoot(root.path())).collectReport(body);
+    const UniqueFd reader(::open(pipe.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)); // frees the writer
+    writer.join();
+
+    EXPECT_TRUE(collected);
+    const auto record = [](const char* name, const char* command) {
+        return QJsonObject{{"Name", name},
+                           {"Command", command},
+                           {"Description", ""},
+                           {"User", "eve"},
+                           {"Location", "/home/eve/.config/autostart"}};
+    };
+    EXPECT_EQ(QJsonDocument(body.value("Startup_Apps").toArray()).toJson(QJsonDocument::Compact),
+              QJsonDocument(QJsonArray({record("Shared", "shared --x"), record("Plain", "plain")}))
+                  .toJson(QJsonDocument::Compact));
+    char event[sizeof(inotify_event) + 256];
+    EXPECT_LT(::read(opens.get(), event, sizeof event), 0) << "the device node was opened";
+}
+
+TEST(StartupAppsManagerTest, AFolderFullOfEntriesIsReadInPart)
+{
+    edrtest::ServerUnderTest peer; // for the log
+    QTemporaryDir root;
+    const QString autostart = root.path() + "/home/eve/.config/autostart";
+    ASSERT_TRUE(QDir().mkpath(autostart) && QDir().mkpath(root.path() + "/etc/xdg/autostart"));
+    edrtest::writeTestFile(root.path() + "/etc/xdg/autostart/system.desktop",
+                           "[Desktop Entry]\nName=System\n");
+    const int limit = StartupAppsManager::kMaxEntriesPerFolder;
+    for (int i = 0; i <= limit; ++i)
+        edrtest::writeTestFile(autostart + QString("/e%1.desktop").arg(i), "[Desktop Entry]\nName=E\n");
+    for (int i = 0; i < 3; ++i) // other files do not count
+        edrtest::writeTestFile(autostart + QString("/notes%1.txt").arg(i), "");
+
+    QJsonObject body;
+    ASSERT_TRUE(StartupAppsManager(HostPaths::fromFixtureRoot(root.path())).collectReport(body));
+    const QJsonArray apps = body.value("Startup_Apps").toArray();
+    ASSERT_EQ(apps.size(), limit + 1);
+    EXPECT_EQ(apps.first()["Name"], "System");
+    EXPECT_EQ(apps.last()["User"], "eve");
+    EXPECT_TRUE(peer.logHas("start-up entries; the rest is not read"));
 }
 
 TEST(StartupAppsManagerTest, IniGroupReading)

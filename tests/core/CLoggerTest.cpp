@@ -70,3 +70,20 @@ TEST(CLogger, ConcurrentWritersNeverInterleave)
     for (const QString& line : got)
         ASSERT_TRUE(whole.match(line).hasMatch()) << qPrintable(line);
 }
+
+// Values from outside cannot start a line of their own or hide in control codes.
+TEST(CLogger, ControlCharactersInMessagesAreEscaped)
+{
+    edrtest::ScratchPrefix prefix;
+    EDR_LOG->setLevel(CLogger::LEVEL_INFO);
+    const char* order = "RPT#$#18#$#1|x\n2026-01-01 00:00:00.000 ERROR [1] forged | y\r\t\x1b[2J\x7f";
+    EDR_LOG->Info("void f()", "Order '%s' refused", order);
+    EDR_LOG->Error("void g()", 2, "%s", "tab\there");
+    const QStringList got = linesOf(prefix.traceLog());
+    ASSERT_EQ(got.size(), 2) << prefix.traceLog().constData();
+    EXPECT_TRUE(got[0].endsWith(
+        R"(INFO [)" + got[0].section('[', 1, 1).section(']', 0, 0) +
+        R"(] void f() | Order 'RPT#$#18#$#1|x\n2026-01-01 00:00:00.000 ERROR [1] forged | y\r\t\x1b[2J\x7f' refused)"))
+        << qPrintable(got[0]);
+    EXPECT_TRUE(got[1].endsWith(R"(| tab\there (errno 2: No such file or directory))")) << qPrintable(got[1]);
+}

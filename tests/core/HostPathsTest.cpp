@@ -17,6 +17,24 @@ TEST(HostPaths, ReadsProcfsToEndWithCap)
     EXPECT_FALSE(ok);
 }
 
+TEST(HostPaths, RegularFileReaderOpensNothingElse)
+{
+    QTemporaryDir dir;
+    const QString file = dir.path() + "/entry";
+    QFile f(file);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly) && f.write(QByteArray(100, 'x')) == 100);
+    f.close();
+    QByteArray data = "stale";
+    EXPECT_EQ(HostPaths::readRegularFile(file, data, 64), HostPaths::FileRead::Read);
+    EXPECT_EQ(data, QByteArray(64, 'x'));
+    EXPECT_EQ(HostPaths::readRegularFile(dir.path() + "/none", data, 64), HostPaths::FileRead::Unreadable);
+    EXPECT_TRUE(data.isEmpty());
+    for (const QString& other : {dir.path(), QString("/dev/null"), QString("/proc/self/status"),
+                                 QString("/sys/kernel/uevent_seqnum")})
+        EXPECT_EQ(HostPaths::readRegularFile(other, data, 64), HostPaths::FileRead::NotRegular)
+            << qPrintable(other);
+}
+
 TEST(SystemInformation, BootIdNeedsExactly36Bytes)
 {
     QTemporaryDir dir;

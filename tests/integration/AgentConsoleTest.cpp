@@ -92,6 +92,9 @@ TEST(AgentConsole, FullLifecycleOverTls)
     ASSERT_TRUE(waitUntil([&] { return !handshake().isEmpty(); }, 30000)) << agent.log().constData();
     EXPECT_TRUE(handshake().startsWith("Connect#$#$") && handshake().endsWith("#$#$" + token))
         << qPrintable(handshake());
+    // The admin API speaks TLS too, and knows the host by that connection.
+    EXPECT_TRUE(
+        waitUntil([&] { return console.api("GET", "/api/hosts").json()[0]["online"].toBool(); }, 10000));
     ASSERT_EQ(console.push("RPT#$#$0#$#0"), 1);
     ASSERT_TRUE(console.waitForRequests(kInfo, 2, 20000));
     EXPECT_TRUE(waitUntil(
@@ -187,7 +190,7 @@ TEST(Tls, UntrustedServersGetNothing)
     const Case cases[] = {
         {"wrong CA", good, certs->otherCaFile, {}, "unable to get local issuer certificate",
          "unable to get local issuer certificate"},
-        {"wrong host name", certs->otherNameCert, certs->caFile, {}, "no alternative certificate subject name",
+        {"wrong host name", certs->otherNameCert, certs->caFile, {}, "IP address mismatch",
          "IP address mismatch"},
         {"expired certificate", certs->expiredCert, certs->caFile, {}, "certificate has expired",
          "certificate has expired"},
@@ -235,4 +238,147 @@ TEST(Tls, UntrustedServersGetNothing)
             EXPECT_FALSE(
                 m.toObject().value(QStringLiteral("text")).toString().contains(QStringLiteral("tok-secret")));
     }
+}
+
+namespace
+{
+QJsonObject hostEntry(const ConsoleProcess& console, int id)
+{
+    for (const QJsonValue& h : console.api("GET", "/api/hosts").json().toArray())
+        if (h["id"].toInt() == id)
+            return h.toObject();
+    return QJsonObject();
+}
+
+QJsonObject orderNow(const ConsoleProcess& console, int host, const QByteArray& order)
+{
+    const auto reply = console.api("POST", "/api/hosts/" + QByteArray::number(host) + "/orders", order);
+    EXPECT_EQ(reply.status, 201) << reply.body.constData();
+    return reply.json().toObject();
+}
+
+// Waits for the order to leave "queued" and "sent"; its last state.
+QJsonObject settled(const ConsoleProcess& console, const QJsonObject& created, int timeoutMs)
+{
+    const QByteArray path = "/api/orders/" + QByteArray::number(created["id"].toInt());
+    QJsonObject order;
+    waitUntil(
+        [&] {
+            order = console.api("GET", path).json().toObject();
+            const QString state = order["state"].toString();
+            return state != QLatin1String("queued") && state != QLatin1String("sent");
+        },
+        timeoutMs);
+    return order;
+}
+
+QStringList hostIds(const QJsonArray& found)
+{
+    QStringList ids;
+    for (const QJsonValue& r : found)
+        ids << QString::number(r["host"]["id"].toInt());
+    return ids;
+}
+} // namespace
+
+// Two agents against the console, seen only through its admin API: inventory,
+// search, a package that appears after a report-now order, terminal and kill
+// results under their order ids, an order kept for a host that is away.
+TEST(AgentConsole, TwoAgentsThroughTheAdminApi)
+{
+    if (::getuid() != 0)
+        GTEST_SKIP() << "the daemon runs as root only";
+    ConsoleProcess console;
+    ASSERT_TRUE(console.isRunning());
+    // A flatpak that is "installed" once the marker exists, for the first agent.
+    FakeToolDir tools;
+    const QString marker = tools.path() + QStringLiteral("/installed");
+    tools.addScript(QStringLiteral("flatpak"),
+                    "[ -e '" + QFile::encodeName(marker) +
+                        "' ] && printf 'org.example.Probe\\t1.2\\t1.0 MB\\tProbe\\tA probe\\n'\nexit 0\n");
+    AgentProcess first, second;
+    first.setEnv(QStringLiteral("PATH"), tools.path() + QLatin1Char(':') + qEnvironmentVariable("PATH"));
+    // One after the other, so the first is host 1.
+    for (AgentProcess* agent : {&first, &second}) {
+        const int before = console.api("GET", "/api/hosts").json().toArray().size();
+        agent->writeServerIni(console.httpPort(), console.socketPort(), 0);
+        ASSERT_TRUE(agent->start());
+        ASSERT_TRUE(waitUntil(
+            [&] { return console.api("GET", "/api/hosts").json().toArray().size() > before; }, 30000));
+    }
+    const QStringList wanted{"agent", "network", "services", "software"};
+    const auto ready = [&](int id) {
+        const QJsonObject h = hostEntry(console, id);
+        for (const QString& c : wanted)
+            if (!h["latest"].toObject().contains(c))
+                return false;
+        return h["online"].toBool();
+    };
+    ASSERT_TRUE(waitUntil([&] { return ready(1) && ready(2); }, 90000))
+        << first.log().right(2000).constData();
+    const QJsonObject host = console.api("GET", "/api/hosts/1").json().toObject();
+    EXPECT_EQ(host["agentVersion"].toString(), QStringLiteral(EDR_BUILD_VERSION));
+    EXPECT_FALSE(host["reports"]["software"]["InstallSoft"].toArray().isEmpty());
+    EXPECT_TRUE(host["reports"]["services"]["Services"].isArray());
+    EXPECT_TRUE(host["reports"]["network"].isObject());
+
+    // Both see this machine: its dpkg and the console's own socket port.
+    EXPECT_EQ(hostIds(console.api("GET", "/api/search?package=dpkg").json().toArray()),
+              (QStringList{"1", "2"}));
+    EXPECT_EQ(hostIds(console.api("GET", "/api/search?port=" + QByteArray::number(console.socketPort()))
+                          .json()
+                          .toArray()),
+              (QStringList{"1", "2"}));
+
+    writeTestFile(marker, "");
+    const QJsonObject report =
+        settled(console, orderNow(console, 1, R"({"kind":"report","category":"software"})"), 60000);
+    EXPECT_EQ(report["state"].toString(), QStringLiteral("done"));
+    EXPECT_EQ(report["text"].toString(), QStringLiteral("RPT#$#4#$#0"));
+    bool added = false;
+    for (const QJsonValue& c : console.api("GET", "/api/hosts/1/changes?category=software").json().toArray())
+        added |= c["change"] == QStringLiteral("added") && c["key"] == QStringLiteral("org.example.Probe");
+    EXPECT_TRUE(added);
+    EXPECT_EQ(
+        hostIds(console.api("GET", "/api/search?package=org.example.Probe&version=1.2").json().toArray()),
+        QStringList{"1"});
+
+    // Three orders posted at once: the agent would take them merged as one
+    // command if they went out back to back.
+    QList<QJsonObject> terminals;
+    for (int i = 0; i < 3; ++i)
+        terminals << orderNow(
+            console, 1, R"({"kind":"terminal","command":"echo echoed-)" + QByteArray::number(i) + "\"}");
+    for (int i = 0; i < 3; ++i) {
+        const QJsonObject terminal = settled(console, terminals[i], 60000);
+        EXPECT_EQ(terminal["state"].toString(), QStringLiteral("done")) << i;
+        EXPECT_EQ(terminal["result"]["_id"].toString(), QString::number(terminal["id"].toInt()));
+        EXPECT_EQ(terminal["result"]["Output"].toString(), QStringLiteral("echoed-%1\n").arg(i));
+    }
+    Sleeper victim;
+    const QJsonObject kill = settled(
+        console, orderNow(console, 2, R"({"kind":"kill","pid":)" + QByteArray::number(victim.pid()) + "}"),
+        60000);
+    EXPECT_EQ(kill["state"].toString(), QStringLiteral("done"));
+    EXPECT_EQ(kill["result"]["status"].toInt(-1), 0);
+    EXPECT_FALSE(victim.running());
+
+    // Away: the order waits, and goes out when the agent is back.
+    second.signal(SIGTERM);
+    ASSERT_TRUE(second.waitForExit(15000));
+    ASSERT_TRUE(waitUntil([&] { return !hostEntry(console, 2)["online"].toBool(); }, 20000));
+    const QJsonObject waiting = orderNow(console, 2, R"({"kind":"report","category":"startup"})");
+    EXPECT_EQ(console.api("GET", "/api/orders/" + QByteArray::number(waiting["id"].toInt())).json()["state"],
+              QStringLiteral("queued"));
+    ASSERT_TRUE(second.start());
+    const QJsonObject delivered = settled(console, waiting, 60000);
+    EXPECT_EQ(delivered["state"].toString(), QStringLiteral("done"));
+    EXPECT_FALSE(delivered["sent"].toString().isEmpty());
+
+    QStringList audited;
+    for (const QJsonValue& row : console.api("GET", "/api/audit").json().toArray())
+        if (row["source"] == QStringLiteral("127.0.0.1") &&
+            row["outcome"].toString().startsWith("queued order "))
+            audited << row["target"].toString();
+    EXPECT_EQ(audited, (QStringList{"host 2", "host 2", "host 1", "host 1", "host 1", "host 1"}));
 }

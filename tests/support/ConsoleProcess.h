@@ -1,6 +1,6 @@
 #pragma once
 
-// Runs the reference console (build/edr-console) on free loopback ports with a
+// Runs the console (build/edr-console) on free loopback ports with a
 // temporary data directory, and reads back what it stored.
 
 #include "support/TestSupport.h"
@@ -20,9 +20,11 @@ public:
     bool isRunning() const { return m_httpPort > 0; }
     int httpPort() const { return m_httpPort; }
     int socketPort() const { return m_socketPort; }
+    int adminPort() const { return m_adminPort; }
     QString dataDir() const { return m_dir.path() + QStringLiteral("/data"); }
 
-    // Stored requests, oldest first, optionally only those of one route.
+    // Requests as they came (the database's journal), oldest first, optionally
+    // only those of one route.
     QList<QJsonObject> requests(const QString& route = QString()) const;
     bool waitForRequests(const QString& route, int count, int timeoutMs) const
     {
@@ -33,6 +35,19 @@ public:
     QByteArray admin(const QByteArray& method, const QByteArray& pathAndQuery,
                      const QByteArray& body = QByteArray()) const;
     int push(const QByteArray& command) const; // agents reached
+
+    // The admin API; JSON content type unless headers say otherwise.
+    struct Reply {
+        int status = 0;
+        QByteArray body;
+        QJsonValue json() const;
+    };
+    Reply api(const QByteArray& method, const QByteArray& path, const QByteArray& body = QByteArray(),
+              const QList<QPair<QByteArray, QByteArray>>& headers = {}) const;
+    // Sends SIGTERM and waits for the exit; the exit code, or -1.
+    int stop();
+    void kill(); // SIGKILL, and waits for it
+    QByteArray output() const;
     QJsonArray connections() const;
     QJsonArray socketMessages() const;
 
@@ -42,6 +57,7 @@ private:
     QProcess m_process;
     int m_httpPort = 0;
     int m_socketPort = 0;
+    int m_adminPort = 0;
 };
 
 } // namespace edrtest

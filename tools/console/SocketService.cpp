@@ -15,7 +15,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-SocketService::SocketService(const QString& logPath) : m_logPath(logPath) {}
+namespace
+{
+const std::string kHandshake = "Connect#$#$";
+const std::string kFieldSeparator = "#$#$";
+const int kKeptMessages = 2000;
+} // namespace
+
+SocketService::SocketService(MessageHandler onMessage) : m_onMessage(std::move(onMessage)) {}
 
 SocketService::~SocketService()
 {
@@ -179,7 +186,16 @@ void SocketService::readLoop(Connection* c)
         }
         if (n <= 0)
             break;
-        record(*c, std::string(buf, static_cast<size_t>(n)));
+        const std::string text(buf, static_cast<size_t>(n));
+        record(*c, text);
+        if (m_onMessage) {
+            std::string token;
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                token = c->token;
+            }
+            m_onMessage(token);
+        }
     }
     std::lock_guard<std::mutex> lock(m_mutex);
     if (c->ssl) {
@@ -192,23 +208,25 @@ void SocketService::readLoop(Connection* c)
     c->fd = -1;
 }
 
-void SocketService::record(const Connection& c, const std::string& text)
+void SocketService::record(Connection& c, const std::string& text)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    auto* conn = const_cast<Connection*>(&c);
-    const bool first = conn->received++ == 0;
-    if (first)
-        conn->handshake = text;
+    const bool first = c.received++ == 0;
+    if (first) {
+        c.handshake = text;
+        const size_t last = text.rfind(kFieldSeparator);
+        if (text.compare(0, kHandshake.size(), kHandshake) == 0 && last >= kHandshake.size())
+            c.token = text.substr(last + kFieldSeparator.size());
+    }
     if (text == "keep-alive")
-        ++conn->keepAlives;
+        ++c.keepAlives;
     QJsonObject m{{QStringLiteral("connection"), c.id},
                   {QStringLiteral("peer"), QString::fromStdString(c.peer)},
                   {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)},
                   {QStringLiteral("text"), QString::fromStdString(text)}};
     m_messages.append(m);
-    QFile f(m_logPath);
-    if (f.open(QIODevice::Append))
-        f.write(QJsonDocument(m).toJson(QJsonDocument::Compact) + '\n');
+    if (m_messages.size() > kKeptMessages)
+        m_messages.removeFirst();
 }
 
 int SocketService::push(const std::string& text, const std::string& peer)
@@ -218,10 +236,40 @@ int SocketService::push(const std::string& text, const std::string& peer)
     for (auto& c : m_connections) {
         if (!c->open || (!peer.empty() && c->peer != peer))
             continue;
-        if ((!m_tls || c->ssl) && sendTo(*c, text))
+        if ((!m_tls || c->ssl) && sendTo(*c, text)) {
+            c->lastSent = std::chrono::steady_clock::now();
             ++sent;
+        }
     }
     return sent;
+}
+
+bool SocketService::sendPaced(const std::string& token, const std::string& text,
+                              std::chrono::milliseconds gap)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto now = std::chrono::steady_clock::now();
+    for (auto& c : m_connections) {
+        if (!c->open || token.empty() || c->token != token || (m_tls && !c->ssl))
+            continue;
+        if (now - c->lastSent < gap)
+            return false;
+        if (!sendTo(*c, text))
+            return false;
+        c->lastSent = now;
+        return true;
+    }
+    return false;
+}
+
+std::set<std::string> SocketService::openTokens() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::set<std::string> out;
+    for (const auto& c : m_connections)
+        if (c->open && !c->token.empty())
+            out.insert(c->token);
+    return out;
 }
 
 int SocketService::closeAll()

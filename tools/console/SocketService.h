@@ -4,9 +4,12 @@
 #include <QString>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -18,7 +21,10 @@ typedef struct ssl_ctx_st SSL_CTX;
 class SocketService
 {
 public:
-    explicit SocketService(const QString& logPath);
+    // Called on a connection's thread for every message, with the token its
+    // handshake named (empty before one).
+    using MessageHandler = std::function<void(const std::string& token)>;
+    explicit SocketService(MessageHandler onMessage = {});
     ~SocketService();
 
     // Serve TLS with this certificate chain and key (PEM); false with the reason.
@@ -30,6 +36,12 @@ public:
     int push(const std::string& text, const std::string& peer);
     int closeAll();
 
+    // The agent reads each read of its socket as one command and pauses after
+    // it: one command per connection per `gap`. False when the host has no open
+    // connection, sent something within the gap or the send failed.
+    bool sendPaced(const std::string& token, const std::string& text, std::chrono::milliseconds gap);
+    std::set<std::string> openTokens() const;
+
     QJsonArray connections() const;
     QJsonArray messages() const;
 
@@ -39,6 +51,8 @@ private:
         int id = 0;
         std::string peer;
         std::string handshake;
+        std::string token; // from the handshake "Connect#$#$<ip>#$#$<token>"
+        std::chrono::steady_clock::time_point lastSent{};
         int keepAlives = 0;
         int received = 0;
         std::atomic<bool> open{true};
@@ -50,9 +64,9 @@ private:
     void readLoop(Connection* c);
     SSL* acceptTls(Connection* c);
     bool sendTo(Connection& c, const std::string& text);
-    void record(const Connection& c, const std::string& text);
+    void record(Connection& c, const std::string& text);
 
-    QString m_logPath;
+    MessageHandler m_onMessage;
     int m_listenFd = -1;
     SSL_CTX* m_tls = nullptr;
     std::atomic<bool> m_stop{false};
