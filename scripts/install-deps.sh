@@ -11,6 +11,8 @@ PACKAGES=(
   # test certificates are made with the openssl tool
   openssl
   libgtest-dev libgmock-dev libbenchmark-dev
+  # the services watcher's test runs a private bus daemon
+  dbus-daemon
   clang libclang-rt-14-dev
   # make test checks the tree against .clang-format
   clang-format git

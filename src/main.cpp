@@ -62,7 +62,18 @@ int main(int argc, char** argv)
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Endpoint agent: inventories this machine, reports to "
                                                     "the management server and carries out its orders.\n"
-                                                    "With no command it runs the daemon (as root)."));
+                                                    "With no command it runs the daemon (as root).\n\n"
+                                                    "Early reports: listening sockets (polled every 5 s), "
+                                                    "start-up entries, services (systemd signals), packages "
+                                                    "(dpkg, snap, flatpak) and ufw are watched; a change is "
+                                                    "reported after 3 s of quiet, at most 30 s after it "
+                                                    "(packages: after the package manager ends), at most "
+                                                    "once a minute and 10 times an hour per task, and not "
+                                                    "when the server already holds the same body.\n"
+                                                    "agent.conf [Changes]: EarlyReports=on|off (on), "
+                                                    "SkipUnchanged=on|off (off: skip scheduled snapshots the "
+                                                    "server already holds), MaxSilenceMinutes=N (1440: post "
+                                                    "anyway after this long)."));
     parser.addHelpOption();
     parser.addVersionOption();
     QCommandLineOption prefixOption(QStringLiteral("prefix"),

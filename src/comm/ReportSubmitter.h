@@ -2,6 +2,7 @@
 
 #include "comm/ApiManager.h"
 
+#include <QByteArray>
 #include <QJsonObject>
 #include <QMap>
 #include <QString>
@@ -39,6 +40,10 @@ struct ReportMessages {
     const char* sendFailed;    // Error after a failed post
 };
 
+// Why a report is made. Push orders and everything else are Requested; the
+// scheduler marks its own runs around the dispatch.
+enum class ReportOccasion { Requested, Scheduled, Early };
+
 // The one way reports and action results reach the server: a JSON POST of the
 // single form field "data" (or of plain fields), logged once by outcome.
 class ReportSubmitter
@@ -61,6 +66,52 @@ public:
     static bool postFields(const char* origin, API_NAME route, const QMap<QString, QString>& fields,
                            const char* sent, const char* sendFailed);
 
+    // What the last submitReport did (for the early-report coordinator).
+    enum class Outcome { None, Busy, NotCollected, Unchanged, Posted, Failed };
+    static Outcome lastOutcome() { return s_lastOutcome; }
+    static void resetLastOutcome() { s_lastOutcome = Outcome::None; }
+
+    // Sets the occasion of the submissions made while it lives; earlyWhat is
+    // the task name and the change, for the early report's Info line.
+    class ScopedOccasion
+    {
+    public:
+        ScopedOccasion(ReportOccasion occasion, const QString& earlyWhat = QString());
+        ~ScopedOccasion();
+        ScopedOccasion(const ScopedOccasion&) = delete;
+        ScopedOccasion& operator=(const ScopedOccasion&) = delete;
+
+    private:
+        ReportOccasion m_saved;
+        QString m_savedWhat;
+    };
+
+    // True while a report of route is being collected or posted.
+    static bool submitting(API_NAME route);
+
+    // The reports that describe the host as it is, which may be compared with
+    // what the server already holds.
+    static bool isSnapshot(API_NAME route);
+
+    // Whether a collected report is left unposted: an early report whose body
+    // the server already accepted (2xx), and, with skipUnchanged, a scheduled
+    // run of the same until maxSilenceMs passed since that answer. Nothing is
+    // skipped before the server accepted a body of the route in this run.
+    static bool skipsPost(ReportOccasion occasion, bool snapshot, bool accepted, bool sameBody,
+                          bool skipUnchanged, qint64 sinceAcceptedMs, qint64 maxSilenceMs);
+
+    // The last accepted body per route is remembered as a digest; tests start clean.
+    static void forgetAcceptedBodies();
+
     static constexpr const char* kBusyMessage =
         "Already another instance is sending report to sever so returning";
+
+private:
+    static bool post(const char* origin, API_NAME route, const QMap<QString, QString>& fields,
+                     const char* sent, const char* sendFailed, bool* accepted);
+    static bool decideSkip(const char* origin, API_NAME route, const QByteArray& digest);
+
+    static ReportOccasion s_occasion;
+    static QString s_earlyWhat;
+    static Outcome s_lastOutcome;
 };

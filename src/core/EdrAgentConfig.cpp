@@ -112,3 +112,44 @@ bool EdrAgentConfig::setTaskLastRunTime(const QString& scheduleName, const QDate
 {
     return write(QStringLiteral("TaskLastRun/") + scheduleName, when.toString(Qt::ISODate));
 }
+
+bool EdrAgentConfig::onOff(const char* key, bool fallback) const
+{
+    const QString name = QStringLiteral("Changes/") + QLatin1String(key);
+    const QString text = getSetting(name).trimmed();
+    if (text.isEmpty())
+        return fallback;
+    if (text.compare(QLatin1String("on"), Qt::CaseInsensitive) == 0)
+        return true;
+    if (text.compare(QLatin1String("off"), Qt::CaseInsensitive) == 0)
+        return false;
+    EDR_LOG->Error(Q_FUNC_INFO, EINVAL, "%s '%s' in agent.conf is neither on nor off; using %s",
+                   qUtf8Printable(name), qUtf8Printable(text), fallback ? "on" : "off");
+    return fallback;
+}
+
+bool EdrAgentConfig::earlyReports() const
+{
+    return onOff("EarlyReports", true);
+}
+
+bool EdrAgentConfig::skipUnchanged() const
+{
+    return onOff("SkipUnchanged", false);
+}
+
+int EdrAgentConfig::maxSilenceMinutes() const
+{
+    constexpr int kMost = 525600; // a year
+    const QString text = getSetting(QStringLiteral("Changes/MaxSilenceMinutes")).trimmed();
+    if (text.isEmpty())
+        return kDefaultMaxSilenceMinutes;
+    bool ok = false;
+    const int value = text.toInt(&ok);
+    if (ok && value >= 1 && value <= kMost)
+        return value;
+    EDR_LOG->Error(Q_FUNC_INFO, EINVAL,
+                   "Changes/MaxSilenceMinutes '%s' in agent.conf is not a number from 1 to %d; using %d",
+                   qUtf8Printable(text), kMost, kDefaultMaxSilenceMinutes);
+    return kDefaultMaxSilenceMinutes;
+}

@@ -26,12 +26,20 @@ public:
     QDateTime getTaskLastRunTime(const QString& scheduleName) const;
     bool setTaskLastRunTime(const QString& scheduleName, const QDateTime& when);
 
+    // Group [Changes]: each read at every call; a value that is not one of the
+    // key's own gives one Error line naming the key, and the default.
+    bool earlyReports() const;     // EarlyReports=on|off, default on
+    bool skipUnchanged() const;    // SkipUnchanged=on|off, default off
+    int maxSilenceMinutes() const; // MaxSilenceMinutes=1..525600, default 1440
+    static constexpr int kDefaultMaxSilenceMinutes = 1440;
+
     // True when the file exists but could not be parsed.
     bool isMalformed() const;
 
 private:
     QVariant read(const QString& key) const;
     bool write(const QString& key, const QString& value);
+    bool onOff(const char* key, bool fallback) const;
 
     QString m_path;
 };

@@ -2,6 +2,7 @@
 
 #include "comm/ApiManager.h"
 #include "comm/HttpManager.h"
+#include "comm/ReportSubmitter.h"
 #include "core/CLogger.h"
 #include "core/Common.h"
 #include "identity/AgentDetails.h"
@@ -156,6 +157,76 @@ void ScheduleManager::startScheduler()
         loadDefaultConfig();
     runStartUpTasks();
     runScheduler();
+    startEarlyReports();
+}
+
+void ScheduleManager::startEarlyReports()
+{
+    if (m_early)
+        return;
+    m_early = new EarlyReports(
+        [this](int task) { return earlyGates(taskAt(task)); },
+        [this](int task, const QString& what) { return runEarlyReport(taskAt(task), what); }, this);
+    m_early->startHostWatchers();
+}
+
+int ScheduleManager::routeOf(TasksManager::TASK_NAMES task)
+{
+    switch (task) {
+    case TasksManager::StartUp:
+        return STARTUP_APPS;
+    case TasksManager::Services:
+        return SERVICES;
+    case TasksManager::Processes:
+        return PROCESSES;
+    case TasksManager::InstalledSoft:
+        return INSTALLED_SOFTWARE;
+    case TasksManager::HardwareInfo:
+        return HARDWARE_INFO;
+    case TasksManager::Network_Mon:
+        return NETWORK_MONITORING;
+    case TasksManager::WindowsFirewallStatus:
+        return FIREWALL_STATUS;
+    default:
+        return -1;
+    }
+}
+
+EarlyReportPolicy::Gates ScheduleManager::earlyGates(TasksManager::TASK_NAMES task) const
+{
+    EarlyReportPolicy::Gates gates;
+    const int route = routeOf(task);
+    // Processes and hardware change all the time or never: not sent early.
+    const bool watched = task == TasksManager::StartUp || task == TasksManager::Services ||
+                         task == TasksManager::InstalledSoft || task == TasksManager::Network_Mon ||
+                         task == TasksManager::WindowsFirewallStatus;
+    gates.enabled =
+        watched && task < m_schedules.size() && m_schedules.at(task).getEnable() && m_config.earlyReports();
+    gates.registered = !m_config.getAuthCode().isEmpty();
+    gates.busy = route >= 0 && ReportSubmitter::submitting(static_cast<API_NAME>(route));
+    return gates;
+}
+
+EarlyReports::Result ScheduleManager::runEarlyReport(TasksManager::TASK_NAMES task, const QString& what)
+{
+    if (task < 0 || task >= m_schedules.size())
+        return EarlyReports::Result::NotSent;
+    // The early run stands for the scheduled one: the interval starts again.
+    m_schedules[task].setCurrentInterval(0);
+    const QString name = m_schedules.at(task).getScheduleName();
+    const ReportSubmitter::ScopedOccasion occasion(ReportOccasion::Early,
+                                                   name + QStringLiteral(" (") + what + QLatin1Char(')'));
+    ReportSubmitter::resetLastOutcome();
+    dispatch(task, QString());
+    switch (ReportSubmitter::lastOutcome()) {
+    case ReportSubmitter::Outcome::Posted:
+    case ReportSubmitter::Outcome::Failed:
+        return EarlyReports::Result::Posted;
+    case ReportSubmitter::Outcome::Unchanged:
+        return EarlyReports::Result::Unchanged;
+    default:
+        return EarlyReports::Result::NotSent;
+    }
 }
 
 bool ScheduleManager::getLatestSceduleFromServer()
@@ -203,6 +274,7 @@ void ScheduleManager::onScheduleTimer()
 {
     // The lines name this slot, not the lambda.
     const char* const origin = Q_FUNC_INFO;
+    const ReportSubmitter::ScopedOccasion occasion(ReportOccasion::Scheduled);
     advanceTick(m_schedules, [this, origin](int i) {
         const QByteArray name = m_schedules.at(i).getScheduleName().toUtf8();
         EDR_LOG->Info(origin, "Schedule Matched! Task Name: %s", name.constData());
@@ -227,6 +299,7 @@ void ScheduleManager::runStartUpTasks()
 {
     EDR_LOG->Debug(Q_FUNC_INFO, "IN");
     const QDateTime now = QDateTime::currentDateTime();
+    const ReportSubmitter::ScopedOccasion occasion(ReportOccasion::Scheduled);
     const QList<ScheduleInfo> schedules = m_schedules;
     for (int i = 0; i < schedules.size() && i < TasksManager::kTaskCount; ++i) {
         const ScheduleInfo& entry = schedules.at(i);

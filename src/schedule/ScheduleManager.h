@@ -3,6 +3,7 @@
 #include "core/EdrAgentConfig.h"
 #include "schedule/ScheduleInfo.h"
 #include "schedule/TasksManager.h"
+#include "watch/EarlyReports.h"
 
 #include <QDateTime>
 #include <QList>
@@ -44,6 +45,19 @@ public:
     void runStartUpTasks();
 
     bool sendReportToServer(TasksManager::TASK_NAMES task, const QString& arg);
+
+    // Watches the host for changes that are reported ahead of the schedule;
+    // started once, by startScheduler.
+    void startEarlyReports();
+    EarlyReports* earlyReports() const { return m_early; }
+    // One early report of task through the normal submission; restarts the
+    // task's interval count. The result says whether a body was posted.
+    EarlyReports::Result runEarlyReport(TasksManager::TASK_NAMES task, const QString& what);
+    // What stands in an early report's way: the [Changes] setting, the
+    // schedule, registration, a submission of the task already running.
+    EarlyReportPolicy::Gates earlyGates(TasksManager::TASK_NAMES task) const;
+    // The report route of a task; -1 for tasks without a snapshot report.
+    static int routeOf(TasksManager::TASK_NAMES task);
     bool sendPendingReport(const QString& path);
     void sendPendingReports();
 
@@ -91,4 +105,5 @@ private:
     QList<ScheduleInfo> m_schedules;
     QTimer* m_timer;
     Dispatch m_testDispatch;
+    EarlyReports* m_early = nullptr;
 };

@@ -247,3 +247,32 @@ TEST_F(ScheduleManagerTest, PendingReportsVisitedInCaseInsensitiveOrderAndKept)
     EXPECT_EQ(QDir(dir).entryList(QDir::Files).join(QLatin1Char(' ')), QStringLiteral("A.rpt b.rpt c.txt"));
     EXPECT_EQ(HostPaths::readFile(dir + QStringLiteral("b.rpt")), QByteArray("0003{}\0tail", 11));
 }
+
+// An early report stands in for the scheduled run: it goes through the same
+// dispatch and starts the task's interval again; its gates follow the
+// schedule, the [Changes] setting and registration at every look.
+TEST_F(ScheduleManagerTest, EarlyReportRestartsTheIntervalAndFollowsItsGates)
+{
+    for (int i = 0; i < 5; ++i)
+        manager.onScheduleTimer();
+    dispatched.clear();
+    EXPECT_EQ(manager.runEarlyReport(TasksManager::Network_Mon, QStringLiteral("listening sockets changed")),
+              EarlyReports::Result::NotSent); // the fake dispatch posts nothing
+    EXPECT_EQ(dispatched, QList<int>{TasksManager::Network_Mon});
+    EXPECT_EQ(manager.getSchedules().at(TasksManager::Network_Mon).getCurrentInterval(), 0u);
+    EXPECT_EQ(manager.getSchedules().at(TasksManager::StartUp).getCurrentInterval(), 5u);
+
+    const auto gates = [&](TasksManager::TASK_NAMES t) { return manager.earlyGates(t); };
+    EXPECT_FALSE(gates(TasksManager::Network_Mon).registered);
+    EdrAgentConfig config;
+    ASSERT_TRUE(config.setAuthCode(QStringLiteral("tok")));
+    EXPECT_TRUE(gates(TasksManager::Network_Mon).registered);
+    EXPECT_TRUE(gates(TasksManager::Network_Mon).enabled);
+    EXPECT_FALSE(gates(TasksManager::Network_Mon).busy);
+    // Disabled by default in the schedule; processes are never early.
+    EXPECT_FALSE(gates(TasksManager::WindowsFirewallStatus).enabled);
+    EXPECT_FALSE(gates(TasksManager::AgentInfo).enabled);
+    EXPECT_FALSE(gates(TasksManager::Processes).enabled);
+    ASSERT_TRUE(config.setSetting(QStringLiteral("Changes/EarlyReports"), QStringLiteral("off")));
+    EXPECT_FALSE(gates(TasksManager::Network_Mon).enabled);
+}

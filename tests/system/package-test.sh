@@ -74,11 +74,13 @@ cleanup() {
   if [ -n "$sandbox" ]; then
     in_sandbox dpkg --purge edr-agent >/dev/null 2>&1
     in_sandbox systemctl disable --now edr-systest.service >/dev/null 2>&1
+    in_sandbox dpkg --purge edr-early-probe >/dev/null 2>&1
     "$sandbox_tool" stop "$sandbox" 2>/dev/null
   fi
   # The sandbox shares /etc with this machine: whatever a test order left there goes.
   rm -f /etc/systemd/system/edr-systest.service /etc/systemd/system/multi-user.target.wants/edr-systest.service
   dpkg-query -W edr-agent >/dev/null 2>&1 && dpkg --purge edr-agent >/dev/null 2>&1
+  dpkg-query -W edr-early-probe >/dev/null 2>&1 && dpkg --purge edr-early-probe >/dev/null 2>&1
   [ -n "$console_pid" ] && kill "$console_pid" 2>/dev/null && wait "$console_pid" 2>/dev/null
   cp "$work"/*.log "$work"/*.out "$logs"/ 2>/dev/null
   rm -rf "$work"
@@ -242,6 +244,71 @@ done <<'ORDERS'
 5 enable is-enabled enabled
 4 mask is-enabled masked
 ORDERS
+# --- early services reports: units changed behind the agent's back reach the
+# console within 10 s. A tenth of the time scale makes the one-per-minute
+# limit 6 s; each step waits that long after the report before it.
+in_sandbox mkdir -p /run/systemd/system/edr-agent.service.d
+in_sandbox sh -c 'printf "[Service]\nEnvironment=EDR_AGENT_TIME_SCALE=0.1\n" >/run/systemd/system/edr-agent.service.d/scale.conf'
+in_sandbox systemctl unmask edr-systest.service >/dev/null 2>&1
+in_sandbox systemctl disable edr-systest.service >/dev/null 2>&1
+in_sandbox systemctl daemon-reload
+in_sandbox systemctl restart edr-agent
+newest_services() { ls "$work/console/reports/"*-machineInfo_addServicess.json 2>/dev/null | tail -1; }
+systest_state() {
+  local f; f=$(newest_services); [ -n "$f" ] || return 1
+  jq -r '(.body // .) | .Services[] | select(.Name == "edr-systest.service") | "\(.State) \(.StartMode)"' "$f" 2>/dev/null
+}
+state_is() { [ "$(systest_state)" = "$1" ]; }
+services_base=$(count machineInfo/addServicess)
+check "services start-up report after the restart" wait_for 60 at_least machineInfo/addServicess $((services_base + 1))
+sleep 7
+while read -r verb expect; do
+  before=$(count machineInfo/addServicess)
+  in_sandbox systemctl "$verb" edr-systest.service >/dev/null 2>&1
+  if [ "$verb" = mask ]; then
+    check "early services report after $verb" wait_for 10 at_least machineInfo/addServicess $((before + 1))
+  else
+    check "early services report after $verb shows \"$expect\"" wait_for 10 state_is "$expect" || systest_state
+  fi
+  sleep 7
+done <<'STEPS'
+start Running Manual
+enable Running Auto
+stop Stopped Auto
+disable Stopped Manual
+mask -
+STEPS
+check "early services reports logged" grep -q 'Early report: Services (' /var/lib/edr-agent/EDR_Track.log
+
+# systemd re-executing drops its private connections: found again, and a
+# change after it still goes out early.
+in_sandbox systemctl daemon-reexec
+sleep 3
+before=$(count machineInfo/addServicess)
+in_sandbox systemctl start edr-systest.service >/dev/null 2>&1
+check "early services report after systemd re-executed" wait_for 20 at_least machineInfo/addServicess $((before + 1))
+in_sandbox systemctl stop edr-systest.service >/dev/null 2>&1
+
+# A small package installed by hand with dpkg, then purged: each in a
+# software report within 30 s.
+mkdir -p "$work/probe/DEBIAN"
+printf 'Package: edr-early-probe\nVersion: 1.0\nArchitecture: all\nMaintainer: edr tests <root@localhost>\nDescription: early report probe\n' \
+  >"$work/probe/DEBIAN/control"
+dpkg-deb --build "$work/probe" "$work/edr-early-probe.deb" >/dev/null
+newest_software() { ls "$work/console/reports/"*-machineInfo_addInstallSoft.json 2>/dev/null | tail -1; }
+probe_listed() { local f; f=$(newest_software); [ -n "$f" ] && grep -q '"edr-early-probe"' "$f"; }
+probe_gone() { local f; f=$(newest_software); [ -n "$f" ] && ! grep -q '"edr-early-probe"' "$f"; }
+sleep 7
+in_sandbox dpkg -i "$work/edr-early-probe.deb" >/dev/null 2>&1
+check "package installed by hand in a software report within 30 s" wait_for 30 probe_listed
+sleep 7
+in_sandbox dpkg --purge edr-early-probe >/dev/null 2>&1
+check "package purged by hand gone from a software report within 30 s" wait_for 30 probe_gone
+in_sandbox rm -rf /run/systemd/system/edr-agent.service.d
+in_sandbox systemctl unmask edr-systest.service >/dev/null 2>&1
+in_sandbox systemctl daemon-reload
+in_sandbox systemctl restart edr-agent
+
 # Orders are taken only once registered, so by now every restart has been through it.
 check "still one registration after restarts and the update" test "$(count machineInfo/registerAgent)" = 1
 
