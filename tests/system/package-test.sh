@@ -176,6 +176,16 @@ check "console data directory belongs to edr-console, mode 750" \
   test "$(stat -c '%U:%G %a' "$console_data")" = "edr-console:edr-console 750"
 check "console settings are a conffile" grep -q " $conf " <(dpkg-query -W -f='${Conffiles}\n' edr-console)
 
+# A setting the console does not know stops it once, with the line in the
+# journal, instead of restarting it over and over.
+echo "admin-prot = 7781" >>"$conf"
+in_sandbox systemctl restart edr-console
+check "a bad setting leaves the console failed" wait_for 10 unit_is is-active edr-console failed
+console_log_says() { in_sandbox journalctl -q -u edr-console | grep -q "$1"; }
+check "the journal names the bad line" \
+  wait_for 10 console_log_says 'edr-console.conf: line [0-9]*: unknown setting "admin-prot"'
+sed -i '/^admin-prot = /d' "$conf"
+
 # Ports of the run's own in the conffile, so nothing else on this machine
 # collides; the restarted console must take them from there.
 http_port=$(( 20000 + RANDOM % 20000 ))
