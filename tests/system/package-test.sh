@@ -66,6 +66,11 @@ diagnostics() {
       echo "--- journal of $u.service (last 30 lines)"
       in_sandbox journalctl --no-pager -q -n 30 -u "$u.service" 2>&1
     done
+    if [ -n "${admin_port:-}" ]; then
+      echo "--- the console's hosts (admin API) and who listens on its ports"
+      curl -sS --max-time 5 "http://127.0.0.1:$admin_port/api/hosts" 2>&1 | head -c 3000; echo
+      ss -ltnpH | grep -E ":($http_port|$socket_port|$admin_port) "
+    fi
     echo "--- sandbox journal (last 30 lines)"
     in_sandbox journalctl --no-pager -q -n 30 2>&1
   fi
