@@ -172,11 +172,12 @@ conf=/etc/edr-console/edr-console.conf
 console_data=/var/lib/edr-console
 # The user the console's main process runs as (PIDs are the sandbox's own).
 console_user() { in_sandbox sh -c 'p=$(systemctl show -p MainPID --value edr-console); [ "$p" -gt 0 ] && stat -c %U /proc/$p'; }
+runs_as_its_user() { [ "$(console_user)" = edr-console ]; }
 in_sandbox dpkg -i "$console_deb" >"$work/console-install.log" 2>&1
 must "console package installs" grep -q 'install ok installed' <(dpkg-query -W -f='${Status}' edr-console 2>/dev/null)
 must "console unit enabled on install" unit_is is-enabled edr-console enabled
 check "console unit active on install" wait_for 10 unit_is is-active edr-console active
-check "console runs as user edr-console" test "$(console_user)" = edr-console
+check "console runs as user edr-console" wait_for 10 runs_as_its_user
 check "console data directory belongs to edr-console, mode 750" \
   test "$(stat -c '%U:%G %a' "$console_data")" = "edr-console:edr-console 750"
 check "console settings are a conffile" grep -q " $conf " <(dpkg-query -W -f='${Conffiles}\n' edr-console)
@@ -205,6 +206,7 @@ api() { curl -fsS --max-time 10 "http://127.0.0.1:$admin_port$1"; }
 api_send() { curl -fsS --max-time 10 -X "$1" -H 'Content-Type: application/json' -d "$3" "http://127.0.0.1:$admin_port$2"; }
 answers() { api /api/hosts >/dev/null; }
 hosts() { api /api/hosts | jq length 2>/dev/null || echo 0; }
+registered() { [ "$(hosts)" -ge 1 ]; }
 # The latest report of category $1 of the (only) host.
 has_report() { api /api/hosts | jq -e --arg c "$1" '.[0].latest[$c] != null' >/dev/null; }
 online() { api /api/hosts | jq -e '.[0].online' >/dev/null; }
@@ -237,7 +239,7 @@ EDRSPORT=$socket_port
 EDRSLPORT=$listen_port
 INI
 in_sandbox systemctl start edr-agent
-must "console registers the agent" wait_for 120 test "$(hosts)" -ge 1
+must "console registers the agent" wait_for 120 registered
 for category in agent services processes; do
   check "console holds the agent's $category report" wait_for 120 has_report "$category"
 done
@@ -341,7 +343,7 @@ check "remove keeps the edited conffile" grep -q "^admin-port = $admin_port\$" "
 in_sandbox dpkg -i "$console_deb" >"$work/console-reinstall.log" 2>&1
 check "reinstalled console answers on the port of the kept conffile" wait_for 10 answers
 check "reinstalled console still lists the host" test "$(hosts)" = 1
-check "reinstalled console runs as user edr-console" wait_for 10 test "$(console_user)" = edr-console
+check "reinstalled console runs as user edr-console" wait_for 10 runs_as_its_user
 
 files=$(dpkg-query -L edr-console | while read -r f; do [ -d "$f" ] || echo "$f"; done)
 echo "0123456789abcdef0123" >/etc/edr-console/admin.token
