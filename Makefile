@@ -49,7 +49,8 @@ install: build
 	$(CMAKE) --install $(BUILD)
 
 # Debian packages (edr-agent, edr-console and their -dbgsym) in $(BUILD)/,
-# built from debian/ by dpkg-buildpackage in its own build tree.
+# built from debian/ by dpkg-buildpackage in its own build tree; lintian must
+# find no error or warning in them.
 DEB_VERSION = $(shell dpkg-parsechangelog -S Version)
 DEB_ARCH    = $(shell dpkg-architecture -qDEB_HOST_ARCH)
 package: deps
@@ -58,6 +59,8 @@ package: deps
 	  --buildinfo-option=-u$(abspath $(BUILD)) --changes-option=-u$(abspath $(BUILD)) \
 	  --buildinfo-file=$(BUILD)/edr-agent_$(DEB_VERSION)_$(DEB_ARCH).buildinfo \
 	  --changes-file=$(BUILD)/edr-agent_$(DEB_VERSION)_$(DEB_ARCH).changes
+	lintian --fail-on error,warning $(BUILD)/edr-agent_$(DEB_VERSION)_$(DEB_ARCH).deb \
+	  $(BUILD)/edr-console_$(DEB_VERSION)_$(DEB_ARCH).deb
 	@ls $(BUILD)/*_$(DEB_VERSION)_$(DEB_ARCH).deb
 
 # Every tracked C++ file as clang-format writes it; `make format` fixes them.

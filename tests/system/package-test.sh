@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
-# The Debian package under a real systemd (the throwaway sandbox): install,
-# reports, stop times, upgrade, the updater restarting the agent, service
-# orders on a real unit, the services report against systemctl, and purge.
+# The Debian packages under a real systemd (the throwaway sandbox): the
+# console's package (its unit under a user of its own, its conffile and data),
+# the agent's beside it reporting to it (install, reports, stop times, upgrade,
+# the updater restarting the agent, service orders on a real unit through the
+# console, the services report against systemctl), lintian, remove and purge.
 #
 #   package-test.sh SOURCE_DIR BUILD_DIR
 #
 # EDR_SYSTEMD_SANDBOX names the sandbox tool (default ../shared/tools next to
 # the checkout, else systemd-sandbox on PATH). EDR_SYSTEST_DEB installs that
-# .deb instead of one built from BUILD_DIR.
+# agent .deb, and the edr-console .deb beside it, instead of those built from
+# BUILD_DIR. What the console holds is read through its admin API.
 #
 # Exit 77 (skipped) where the sandbox cannot run. Installing changes this
 # machine's package database, so everything installed is purged on every way
@@ -27,9 +30,11 @@ command -v dpkg-buildpackage >/dev/null || skip "dpkg-buildpackage missing (scri
 # two checkouts testing at once would purge each other's install: take turns.
 exec 9>/run/lock/edr-agent-system-tests.lock
 flock -w 1800 9 || skip "another system test run held the lock for 30 minutes"
-if dpkg-query -W -f='${Status}' edr-agent 2>/dev/null | grep -q installed; then
-  skip "edr-agent is installed on this machine; the system tests would purge it"
-fi
+for p in edr-agent edr-console; do
+  if dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q installed; then
+    skip "$p is installed on this machine; the system tests would purge it"
+  fi
+done
 
 # The sandbox has /tmp, /run and /var/tmp of its own, and the checkout may be
 # under any of them: whatever it must see (the .deb, the policy-rc.d, the
@@ -38,8 +43,8 @@ fi
 work=$(mktemp -d /var/lib/edr-systest.XXXXXX) || { echo "FAIL - cannot create a work directory under /var/lib"; exit 1; }
 logs=$build/system-tests
 rm -rf "$logs"
-mkdir -p "$work/src" "$work/debs" "$work/console" "$logs"
-console_pid=""; sandbox=""
+mkdir -p "$work/src" "$work/debs" "$logs"
+sandbox=""
 failures=0
 check() { local what=$1; shift; if "$@"; then echo "ok - $what"; else echo "FAIL - $what"; failures=$((failures + 1)); return 1; fi; }
 # A failed check that leaves nothing meaningful to test after it.
@@ -57,12 +62,19 @@ diagnostics() {
   echo "--- agent trace log (last 30 lines)"
   tail -n 30 /var/lib/edr-agent/EDR_Track.log 2>/dev/null || echo "(none)"
   if [ -n "$sandbox" ]; then
-    echo "--- journal of edr-agent.service (last 30 lines)"
-    in_sandbox journalctl --no-pager -q -n 30 -u edr-agent.service 2>&1
+    for u in edr-agent edr-console; do
+      echo "--- journal of $u.service (last 30 lines)"
+      in_sandbox journalctl --no-pager -q -n 30 -u "$u.service" 2>&1
+    done
+    if [ -n "${admin_port:-}" ]; then
+      echo "--- the console's hosts (admin API) and who listens on its ports"
+      curl -sS --max-time 5 "http://127.0.0.1:$admin_port/api/hosts" 2>&1 | head -c 3000; echo
+      ss -ltnpH | grep -E ":($http_port|$socket_port|$admin_port) "
+    fi
     echo "--- sandbox journal (last 30 lines)"
     in_sandbox journalctl --no-pager -q -n 30 2>&1
   fi
-  for f in install.log package.log sandbox.err; do
+  for f in install.log console-install.log package.log lintian.log sandbox.err; do
     [ -s "$work/$f" ] && { echo "--- $f (last 15 lines)"; tail -n 15 "$work/$f"; }
   done
 }
@@ -72,16 +84,16 @@ cleanup() {
   trap - EXIT
   [ "$rc" -ne 0 ] && [ "$rc" -ne 77 ] && diagnostics
   if [ -n "$sandbox" ]; then
-    in_sandbox dpkg --purge edr-agent >/dev/null 2>&1
+    in_sandbox dpkg --purge edr-agent edr-console >/dev/null 2>&1
     in_sandbox systemctl disable --now edr-systest.service >/dev/null 2>&1
     in_sandbox dpkg --purge edr-early-probe >/dev/null 2>&1
     "$sandbox_tool" stop "$sandbox" 2>/dev/null
   fi
   # The sandbox shares /etc with this machine: whatever a test order left there goes.
   rm -f /etc/systemd/system/edr-systest.service /etc/systemd/system/multi-user.target.wants/edr-systest.service
-  dpkg-query -W edr-agent >/dev/null 2>&1 && dpkg --purge edr-agent >/dev/null 2>&1
-  dpkg-query -W edr-early-probe >/dev/null 2>&1 && dpkg --purge edr-early-probe >/dev/null 2>&1
-  [ -n "$console_pid" ] && kill "$console_pid" 2>/dev/null && wait "$console_pid" 2>/dev/null
+  for p in edr-agent edr-console edr-early-probe; do
+    dpkg-query -W "$p" >/dev/null 2>&1 && dpkg --purge "$p" >/dev/null 2>&1
+  done
   cp "$work"/*.log "$work"/*.out "$logs"/ 2>/dev/null
   rm -rf "$work"
   exit "$rc"
@@ -93,6 +105,9 @@ trap 'exit 1' INT TERM
 # debian/build is a `make package` tree, not needed here)
 if [ -n "${EDR_SYSTEST_DEB:-}" ]; then
   cp "$EDR_SYSTEST_DEB" "$work/debs/edr-agent_given_amd64.deb" || must "the given package $EDR_SYSTEST_DEB is readable" false
+  given_console=$(ls "$(dirname "$EDR_SYSTEST_DEB")"/edr-console_*.deb 2>/dev/null | head -n 1)
+  cp "$given_console" "$work/debs/edr-console_given_amd64.deb" 2>/dev/null ||
+    must "an edr-console .deb beside $EDR_SYSTEST_DEB" false
 else
   tar -C "$src" --exclude=debian/build -cf - debian packaging | tar -C "$work/src" -xf -
   (cd "$work/src" && EDR_DEB_PREBUILT="$build" EDR_DEB_DESTDIR="$work/debs" \
@@ -102,21 +117,20 @@ else
   must "the package builds" test $? -eq 0
 fi
 deb=$(ls "$work"/debs/edr-agent_*.deb)
+console_deb=$(ls "$work"/debs/edr-console_*.deb)
+
+for d in "$deb" "$console_deb"; do
+  if command -v lintian >/dev/null; then
+    # Root runs it here; lintian says so on stderr, which is no finding.
+    lintian --fail-on error,warning "$d" >>"$work/lintian.log" 2>/dev/null
+    check "lintian finds no error or warning in $(basename "$d")" test $? -eq 0
+  else
+    echo "  lintian missing (scripts/install-deps.sh): $(basename "$d") not checked"
+  fi
+done
 
 sandbox=$("$sandbox_tool" start 2>"$work/sandbox.err") || { sandbox=""; skip "systemd sandbox cannot start here ($(head -n 1 "$work/sandbox.err"))"; }
 
-# --- the console on loopback (the sandbox shares the network)
-printf '<AgentInfo><Enabled>1</Enabled><Run_on_Start>1</Run_on_Start><Interval>15</Interval><Retry_Interval>15</Retry_Interval></AgentInfo>\n' >"$work/schedule.db"
-"$build/edr-console" --http-port 0 --socket-port 0 --data "$work/console" --schedule "$work/schedule.db" \
-  --port-file "$work/ports.json" >"$work/console.out" 2>&1 &
-console_pid=$!
-must "console starts" wait_for 10 test -s "$work/ports.json"
-http_port=$(jq -r .http "$work/ports.json")
-socket_port=$(jq -r .socket "$work/ports.json")
-listen_port=$(( 20000 + RANDOM % 20000 ))
-
-count() { ls "$work/console/reports/"*"-${1//\//_}.json" 2>/dev/null | wc -l; }
-at_least() { [ "$(count "$1")" -ge "$2" ]; }
 # A log left behind by an interrupted earlier run (or kept by `apt remove`)
 # must not count.
 said_no_address() { log | tail -n +$((log_base + 1)) | grep -q "No server address"; }
@@ -141,14 +155,11 @@ order() {
   exec 3<&-
   [ "$reply" = OK ]
 }
-# The posted action result for request id $1: "status message".
-action_result() {
-  local f
-  for f in "$work/console/reports/"*-settings_InvSettingsOutput.json; do
-    jq -r --arg id "$1" 'select(.body._id == $id) | "\(.body.status) \(.body.message)"' "$f" 2>/dev/null
-  done | grep .
-}
-result_is() { [ "$(action_result "$1" | cut -d' ' -f1)" = "$2" ]; }
+# An order through the admin API, pushed by the console: prints its id.
+console_order() { api_send POST /api/hosts/1/orders "$1" | jq -e .id; }
+# The state of order $1 and the status its result carries: "done 0".
+order_state() { api "/api/orders/$1" | jq -r '"\(.state) \(.result.status)"'; }
+order_is() { [ "$(order_state "$1")" = "$2" ]; }
 
 # A container's policy-rc.d forbids starting services; a real machine has
 # none, so inside the sandbox (its own mounts) it allows everything.
@@ -156,6 +167,62 @@ if [ -e /usr/sbin/policy-rc.d ]; then
   printf '#!/bin/sh\nexit 0\n' >"$work/policy-rc.d"; chmod +x "$work/policy-rc.d"
   must "permissive policy-rc.d in the sandbox" in_sandbox mount --bind "$work/policy-rc.d" /usr/sbin/policy-rc.d
 fi
+
+# --- the console's package, before the agent's (the sandbox shares the network)
+conf=/etc/edr-console/edr-console.conf
+console_data=/var/lib/edr-console
+# The user the console's main process runs as (PIDs are the sandbox's own).
+console_user() { in_sandbox sh -c 'p=$(systemctl show -p MainPID --value edr-console); [ "$p" -gt 0 ] && stat -c %U /proc/$p'; }
+runs_as_its_user() { [ "$(console_user)" = edr-console ]; }
+# It starts on the packaged ports, unless something else on this machine holds them.
+ss -ltnH | awk '{print $4}' | grep -qE ':(7777|3098|7780)$' && defaults_taken=1 || defaults_taken=0
+in_sandbox dpkg -i "$console_deb" >"$work/console-install.log" 2>&1
+must "console package installs" grep -q 'install ok installed' <(dpkg-query -W -f='${Status}' edr-console 2>/dev/null)
+must "console unit enabled on install" unit_is is-enabled edr-console enabled
+if [ "$defaults_taken" = 1 ]; then
+  echo "  a default port (7777, 3098, 7780) is taken here: the start on install is checked after the ports change"
+else
+  check "console unit active on install" wait_for 10 unit_is is-active edr-console active
+  check "console runs as user edr-console" wait_for 10 runs_as_its_user
+fi
+check "console data directory belongs to edr-console, mode 750" \
+  test "$(stat -c '%U:%G %a' "$console_data")" = "edr-console:edr-console 750"
+check "console settings are a conffile" grep -q " $conf " <(dpkg-query -W -f='${Conffiles}\n' edr-console)
+
+# A setting the console does not know stops it once, with the line in the
+# journal, instead of restarting it over and over.
+echo "admin-prot = 7781" >>"$conf"
+in_sandbox systemctl restart edr-console
+check "a bad setting leaves the console failed" wait_for 10 unit_is is-active edr-console failed
+console_log_says() { in_sandbox journalctl -q -u edr-console | grep -q "$1"; }
+check "the journal names the bad line" \
+  wait_for 10 console_log_says 'edr-console.conf: line [0-9]*: unknown setting "admin-prot"'
+sed -i '/^admin-prot = /d' "$conf"
+
+# Ports of the run's own in the conffile, so nothing else on this machine
+# collides; the restarted console must take them from there.
+http_port=$(( 20000 + RANDOM % 20000 ))
+socket_port=$(( http_port + 1 ))
+admin_port=$(( http_port + 2 ))
+listen_port=$(( http_port + 3 ))
+sed -i -e "s/^http-port = .*/http-port = $http_port/" -e "s/^socket-port = .*/socket-port = $socket_port/" \
+  -e "s/^admin-port = .*/admin-port = $admin_port/" "$conf"
+in_sandbox systemctl restart edr-console
+api() { curl -fsS --max-time 10 "http://127.0.0.1:$admin_port$1"; }
+# POST or PUT of a JSON body to the admin API.
+api_send() { curl -fsS --max-time 10 -X "$1" -H 'Content-Type: application/json' -d "$3" "http://127.0.0.1:$admin_port$2"; }
+answers() { api /api/hosts >/dev/null; }
+hosts() { api /api/hosts | jq length 2>/dev/null || echo 0; }
+registered() { [ "$(hosts)" -ge 1 ]; }
+# The latest report of category $1 of the (only) host.
+has_report() { api /api/hosts | jq -e --arg c "$1" '.[0].latest[$c] != null' >/dev/null; }
+online() { api /api/hosts | jq -e '.[0].online' >/dev/null; }
+must "console answers on the admin port of its conffile" wait_for 10 answers
+check "console runs as user edr-console" runs_as_its_user
+# The unit lets the console write its data directory only: the schedule lands there.
+api_send PUT /api/schedule '{"tasks": [{"name": "AgentInfo", "enabled": true, "runOnStart": true, "interval": 15, "retry": 15}]}' >/dev/null
+check "console saves a schedule edit in its data directory" test $? -eq 0
+check "the schedule file belongs to edr-console" test "$(stat -c %U "$console_data/schedule.db" 2>/dev/null)" = edr-console
 
 # --- install: enabled and started, waiting for an address
 log_base=$(log | wc -l)
@@ -180,10 +247,13 @@ EDRSPORT=$socket_port
 EDRSLPORT=$listen_port
 INI
 in_sandbox systemctl start edr-agent
-must "console receives machineInfo/registerAgent" wait_for 120 at_least machineInfo/registerAgent 1
-for route in machineInfo/addMachineInfo machineInfo/addServicess machineInfo/addProcesses; do
-  check "console receives $route" wait_for 120 at_least "$route" 1
+must "console registers the agent" wait_for 120 registered
+for category in agent services processes; do
+  check "console holds the agent's $category report" wait_for 120 has_report "$category"
 done
+check "the agent's push connection is open" wait_for 60 online
+summary_lists_host() { in_sandbox runuser -u edr-console -- edr-console --summary --data "$console_data" >"$work/summary.out"; }
+check "--summary as edr-console, beside the running console, lists the host" summary_lists_host
 t=$(stop_ms); check "stop while running takes $t ms (<= 3000)" test "$t" -le 3000
 in_sandbox systemctl start edr-agent
 
@@ -231,18 +301,16 @@ UNIT
 in_sandbox systemctl daemon-reload
 wait_for 30 listening
 # code, verb, what systemctl says afterwards
-n=0
-while read -r code verb query expect; do
-  n=$((n + 1))
-  id="systest-$n-$verb"
-  check "$verb order accepted" order "ACT#\$#2#\$#$code|edr-systest.service|$id"
-  check "$verb posts status 0" wait_for 30 result_is "$id" 0 || action_result "$id"
+while read -r verb query expect; do
+  id=$(console_order "{\"kind\": \"service\", \"name\": \"edr-systest.service\", \"action\": \"$verb\"}")
+  check "$verb order accepted by the console" test -n "$id"
+  check "$verb order done with status 0" wait_for 30 order_is "$id" "done 0" || order_state "$id"
   check "$verb leaves the unit $expect" wait_for 10 unit_is "$query" edr-systest.service "$expect"
 done <<'ORDERS'
-1 start is-active active
-2 stop is-active inactive
-5 enable is-enabled enabled
-4 mask is-enabled masked
+start is-active active
+stop is-active inactive
+enable is-enabled enabled
+mask is-enabled masked
 ORDERS
 # --- early services reports: units changed behind the agent's back reach the
 # console within 10 s. A tenth of the time scale makes the one-per-minute
@@ -253,20 +321,23 @@ in_sandbox systemctl unmask edr-systest.service >/dev/null 2>&1
 in_sandbox systemctl disable edr-systest.service >/dev/null 2>&1
 in_sandbox systemctl daemon-reload
 in_sandbox systemctl restart edr-agent
-newest_services() { ls "$work/console/reports/"*-machineInfo_addServicess.json 2>/dev/null | tail -1; }
+# A category's latest report time moves with every report the console takes,
+# equal bodies included.
+report_time() { api /api/hosts/1 | jq -r --arg c "$1" '.latest[$c] // ""'; }
+newer_report() { local t; t=$(report_time "$1"); [ -n "$t" ] && [ "$t" != "$2" ]; }
+latest_body() { api /api/hosts/1 | jq -c --arg c "$1" '.reports[$c] | (.body // .)'; }
 systest_state() {
-  local f; f=$(newest_services); [ -n "$f" ] || return 1
-  jq -r '(.body // .) | .Services[] | select(.Name == "edr-systest.service") | "\(.State) \(.StartMode)"' "$f" 2>/dev/null
+  latest_body services | jq -r '.Services[] | select(.Name == "edr-systest.service") | "\(.State) \(.StartMode)"' 2>/dev/null
 }
 state_is() { [ "$(systest_state)" = "$1" ]; }
-services_base=$(count machineInfo/addServicess)
-check "services start-up report after the restart" wait_for 60 at_least machineInfo/addServicess $((services_base + 1))
+services_base=$(report_time services)
+check "services start-up report after the restart" wait_for 60 newer_report services "$services_base"
 sleep 7
 while read -r verb expect; do
-  before=$(count machineInfo/addServicess)
+  before=$(report_time services)
   in_sandbox systemctl "$verb" edr-systest.service >/dev/null 2>&1
   if [ "$verb" = mask ]; then
-    check "early services report after $verb" wait_for 10 at_least machineInfo/addServicess $((before + 1))
+    check "early services report after $verb" wait_for 10 newer_report services "$before"
   else
     check "early services report after $verb shows \"$expect\"" wait_for 10 state_is "$expect" || systest_state
   fi
@@ -284,9 +355,9 @@ check "early services reports logged" grep -q 'Early report: Services (' /var/li
 # change after it still goes out early.
 in_sandbox systemctl daemon-reexec
 sleep 3
-before=$(count machineInfo/addServicess)
+before=$(report_time services)
 in_sandbox systemctl start edr-systest.service >/dev/null 2>&1
-check "early services report after systemd re-executed" wait_for 20 at_least machineInfo/addServicess $((before + 1))
+check "early services report after systemd re-executed" wait_for 20 newer_report services "$before"
 in_sandbox systemctl stop edr-systest.service >/dev/null 2>&1
 
 # A small package installed by hand with dpkg, then purged: each in a
@@ -295,9 +366,9 @@ mkdir -p "$work/probe/DEBIAN"
 printf 'Package: edr-early-probe\nVersion: 1.0\nArchitecture: all\nMaintainer: edr tests <root@localhost>\nDescription: early report probe\n' \
   >"$work/probe/DEBIAN/control"
 dpkg-deb --build "$work/probe" "$work/edr-early-probe.deb" >/dev/null
-newest_software() { ls "$work/console/reports/"*-machineInfo_addInstallSoft.json 2>/dev/null | tail -1; }
-probe_listed() { local f; f=$(newest_software); [ -n "$f" ] && grep -q '"edr-early-probe"' "$f"; }
-probe_gone() { local f; f=$(newest_software); [ -n "$f" ] && ! grep -q '"edr-early-probe"' "$f"; }
+software_names() { latest_body software | jq -r '.InstallSoft[]?.PackageName' 2>/dev/null; }
+probe_listed() { software_names | grep -qx edr-early-probe; }
+probe_gone() { local n; n=$(software_names) && [ -n "$n" ] && ! grep -qx edr-early-probe <<<"$n"; }
 sleep 7
 in_sandbox dpkg -i "$work/edr-early-probe.deb" >/dev/null 2>&1
 check "package installed by hand in a software report within 30 s" wait_for 30 probe_listed
@@ -310,7 +381,7 @@ in_sandbox systemctl daemon-reload
 in_sandbox systemctl restart edr-agent
 
 # Orders are taken only once registered, so by now every restart has been through it.
-check "still one registration after restarts and the update" test "$(count machineInfo/registerAgent)" = 1
+check "still one registration after restarts and the update" test "$(hosts)" = 1
 
 # --- the services report equals one systemctl show per unit
 in_sandbox /usr/sbin/edr-agent report services >"$work/services.json" 2>/dev/null
@@ -339,6 +410,29 @@ left=$(ls -d $files /usr/sbin/edr-agent /var/lib/edr-agent /opt/edr-agent /etc/e
 check "purge leaves no file (left: ${left:-none})" test -z "$left"
 check "purge leaves no unit" test -z "$(in_sandbox systemctl list-unit-files --no-legend edr-agent.service)"
 check "purge leaves no enablement link" test ! -e /etc/systemd/system/multi-user.target.wants/edr-agent.service
+
+# --- the console: remove stops it and keeps settings and data (a reinstall
+# finds its hosts again), purge takes them and what the administrator added
+console_gone() { ! in_sandbox pgrep -x edr-console >/dev/null; }
+in_sandbox dpkg --remove edr-console >"$work/console-remove.log" 2>&1
+check "remove stops the console" wait_for 10 console_gone
+check "remove keeps the database" test -s "$console_data/console.db"
+check "remove keeps the edited conffile" grep -q "^admin-port = $admin_port\$" "$conf"
+in_sandbox dpkg -i "$console_deb" >"$work/console-reinstall.log" 2>&1
+check "reinstalled console answers on the port of the kept conffile" wait_for 10 answers
+check "reinstalled console still lists the host" test "$(hosts)" = 1
+check "reinstalled console runs as user edr-console" wait_for 10 runs_as_its_user
+
+files=$(dpkg-query -L edr-console | while read -r f; do [ -d "$f" ] || echo "$f"; done)
+echo "0123456789abcdef0123" >/etc/edr-console/admin.token
+touch "$console_data/console.db.backup"
+in_sandbox dpkg --purge edr-console >"$work/console-purge.log" 2>&1
+check "purge removes the console package" sh -c '! dpkg-query -W -f="\${Status}" edr-console 2>/dev/null | grep -q installed'
+check "purge stops the console" wait_for 10 console_gone
+left=$(ls -d $files "$console_data" /etc/edr-console 2>/dev/null | xargs)
+check "console purge leaves no file (left: ${left:-none})" test -z "$left"
+check "console purge leaves no unit" test -z "$(in_sandbox systemctl list-unit-files --no-legend edr-console.service)"
+check "console purge leaves no enablement link" test ! -e /etc/systemd/system/multi-user.target.wants/edr-console.service
 
 if [ "$failures" -gt 0 ]; then
   echo "$failures check(s) failed"

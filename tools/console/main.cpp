@@ -5,6 +5,7 @@
 
 #include "AdminApi.h"
 #include "Orders.h"
+#include "SettingsFile.h"
 #include "SocketService.h"
 #include "Store.h"
 
@@ -160,10 +161,39 @@ int main(int argc, char** argv)
     const QCommandLineOption journalOpt(
         QStringLiteral("journal"),
         QStringLiteral("Also keep every agent request as it came, in the journal table (tests, debugging)."));
-    parser.addOptions({hostOpt, httpOpt, sockOpt, apiOpt, dataOpt, schedOpt, portFileOpt, faultOpt, certOpt,
-                       keyOpt, summaryOpt, adminPortOpt, adminListenOpt, adminTokenOpt, keepOpt, keepProcOpt,
-                       ttlOpt, journalOpt});
-    parser.process(app);
+    const QCommandLineOption configOpt(
+        QStringLiteral("config"),
+        QStringLiteral(
+            "Read settings (\"admin-port = 7780\", one per line) from FILE; options given here win."),
+        QStringLiteral("FILE"));
+    const QList<QCommandLineOption> options{hostOpt,     httpOpt,      sockOpt,        apiOpt,        dataOpt,
+                                            schedOpt,    portFileOpt,  faultOpt,       certOpt,       keyOpt,
+                                            summaryOpt,  adminPortOpt, adminListenOpt, adminTokenOpt, keepOpt,
+                                            keepProcOpt, ttlOpt,       journalOpt,     configOpt};
+    parser.addOptions(options);
+    // The settings file's values go before the command line's, so the last, the command line's, counts.
+    QStringList arguments = app.arguments();
+    parser.parse(arguments);
+    if (parser.isSet(configOpt)) {
+        QStringList known;
+        for (const QCommandLineOption& o : options)
+            if (!o.valueName().isEmpty() && o.names() != configOpt.names())
+                known << o.names().constFirst();
+        QFile f(parser.value(configOpt));
+        QString error;
+        std::optional<QStringList> settings;
+        if (f.open(QIODevice::ReadOnly))
+            settings = SettingsFile::toArguments(f.read(1 << 20), known, &error);
+        else
+            error = f.errorString();
+        if (!settings) {
+            std::fprintf(stderr, "edr-console: %s: %s\n", qPrintable(parser.value(configOpt)),
+                         qPrintable(error));
+            return 2;
+        }
+        arguments = arguments.mid(0, 1) + *settings + arguments.mid(1);
+    }
+    parser.process(arguments);
 
     bool ok = false;
     std::atomic<Fault> fault{parseFault(parser.value(faultOpt).toStdString(), &ok)};
